@@ -1,0 +1,8 @@
+#pragma once
+
+#include <QStringList>
+
+// Sub-commands of pelicane-cli; args are what follows the command's name.
+// Each returns the process exit status.
+int runUploadCommand(const QStringList &args);
+int runDownloadLibraryCommand(const QStringList &args);

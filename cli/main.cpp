@@ -1,0 +1,61 @@
+#include "app/logger.h"
+#include "cli/commands.h"
+#include "platform/appinfo.h"
+
+#include <QCoreApplication>
+#include <QTextStream>
+
+namespace {
+
+void printUsage(QTextStream &out)
+{
+    out << "Usage: pelicane-cli COMMAND [OPTIONS]\n"
+           "\n"
+           "Commands:\n"
+           "  upload [OPTIONS] FOLDER...       upload the music files under the folders\n"
+           "      --playlist NAME               file the uploads under a playlist\n"
+           "      --tag NAME                    tag the uploads\n"
+           "      --reupload                    upload files the library already holds\n"
+           "      --threads N                   simultaneous uploads, 1 to 6 (default 3)\n"
+           "      --dry-run                     list what would be uploaded, upload nothing\n"
+           "  download-library FOLDER          download the whole library into FOLDER\n"
+           "  --version                        print the version\n"
+           "\n"
+           "The account is read from PELICANE_EMAIL and PELICANE_PASSWORD, or asked for\n"
+           "on the terminal (the password without echo). It is never an argument.\n";
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("pelicane-cli"));
+    QCoreApplication::setApplicationVersion(AppInfo::shortVersion());
+
+    QStringList args = app.arguments().mid(1);
+    QTextStream out(stdout);
+    QTextStream err(stderr);
+    if (args.isEmpty() || args.first() == QLatin1String("--help") || args.first() == QLatin1String("-h")) {
+        printUsage(args.isEmpty() ? err : out);
+        return args.isEmpty() ? 2 : 0;
+    }
+    const QString command = args.takeFirst();
+    if (command == QLatin1String("--version")) {
+        out << "pelicane-cli " << AppInfo::shortVersion() << " (" << AppInfo::buildNumber() << ")\n";
+        return 0;
+    }
+#ifdef PELICANE_CLI_UPLOAD
+    if (command == QLatin1String("upload")) {
+        return runUploadCommand(args);
+    }
+#endif
+#ifdef PELICANE_CLI_DOWNLOAD
+    if (command == QLatin1String("download-library")) {
+        return runDownloadLibraryCommand(args);
+    }
+#endif
+    err << "pelicane-cli: unknown command '" << command << "'\n\n";
+    printUsage(err);
+    return 2;
+}

@@ -1,0 +1,51 @@
+# Settings shared by every target of the project.
+add_library(pelicane_common INTERFACE)
+target_compile_features(pelicane_common INTERFACE cxx_std_20)
+target_compile_options(pelicane_common INTERFACE -Wall -Wextra)
+target_compile_definitions(pelicane_common INTERFACE
+  QT_NO_CONTEXTLESS_CONNECT QT_NO_CAST_FROM_BYTEARRAY QT_USE_QSTRINGBUILDER)
+target_include_directories(pelicane_common INTERFACE
+  ${PROJECT_SOURCE_DIR}/src ${PROJECT_BINARY_DIR}/generated)
+if(PELICANE_WERROR)
+  target_compile_options(pelicane_common INTERFACE -Werror)
+endif()
+if(PELICANE_ASAN)
+  target_compile_options(pelicane_common INTERFACE -fsanitize=address,undefined -fno-omit-frame-pointer)
+  target_link_options(pelicane_common INTERFACE -fsanitize=address,undefined)
+endif()
+
+set(CMAKE_AUTOMOC ON)
+set(CMAKE_AUTOUIC ON)
+set(CMAKE_AUTORCC ON)
+
+# pelicane_add_library(<target> SOURCES ... LIBS ...)
+function(pelicane_add_library target)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  add_library(${target} STATIC ${ARG_SOURCES})
+  target_link_libraries(${target} PUBLIC pelicane_common ${ARG_LIBS})
+  set_target_properties(${target} PROPERTIES AUTOMOC ON AUTOUIC ON)
+endfunction()
+
+# pelicane_add_test(<name> SOURCES ... LIBS ...)
+# Every test runs offscreen with data, settings and runtime folders of its own,
+# so it never touches the user's files and tests never see each other's state.
+function(pelicane_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE pelicane_common Qt6::Test pelicane_testsupport ${ARG_LIBS})
+  set_target_properties(${name} PROPERTIES AUTOMOC ON AUTOUIC ON)
+  set(home ${CMAKE_BINARY_DIR}/testhome/${name})
+  add_test(NAME ${name}
+           COMMAND ${CMAKE_COMMAND} -E env
+             QT_QPA_PLATFORM=offscreen
+             XDG_DATA_HOME=${home}/data XDG_CONFIG_HOME=${home}/config
+             XDG_CACHE_HOME=${home}/cache XDG_RUNTIME_DIR=${home}/runtime
+             HOME=${home}/home
+             http_proxy= https_proxy= HTTP_PROXY= HTTPS_PROXY=
+             ${CMAKE_COMMAND} -DHOME=${home} -DEXE=$<TARGET_FILE:${name}>
+               -P ${PROJECT_SOURCE_DIR}/cmake/RunTest.cmake)
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 300)
+  endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()

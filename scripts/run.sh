@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, starts the local Lyrabox-compatible service
+# with the demo account and runs the program against it: the desktop program
+# when there is a display, pelicane-cli when there is none.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+"$top/scripts/build.sh"
+build=${PELICANE_BUILD_DIR:-$top/build}
+
+data=${PELICANE_DEVSERVER_DATA:-$build/devserver-data}
+mkdir -p "$data"
+log="$build/devserver.log"
+"$build/devserver/lyrabox-devserver" --port 0 --data "$data" > "$log" 2>&1 &
+server=$!
+trap 'kill $server 2>/dev/null || true' EXIT
+for _ in $(seq 100); do
+  url=$(sed -n 's/^listening on //p' "$log" | head -n 1)
+  [[ -n "$url" ]] && break
+  sleep 0.1
+done
+[[ -n "${url:-}" ]] || { echo "the local service did not start; see $log" >&2; exit 1; }
+
+export PELICANE_API_URL="$url/s/JSON/"
+export PELICANE_UPLOAD_URL="$url/upload/"
+export PELICANE_DOWNLOAD_URL="$url/download/"
+echo "Local Lyrabox service: $url (data in $data)"
+echo "Demo account: demo@lyrabox.test / demo"
+
+samples="$build/sample-music"
+if [[ -x "$top/scripts/make-samples.sh" ]]; then
+  "$top/scripts/make-samples.sh" "$samples"
+fi
+
+if [[ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]]; then
+  echo "Sign in with the demo account, then choose $samples (or any folder) and upload."
+  "$build/src/app/pelicane" "$@"
+else
+  echo "No display: uploading $samples with pelicane-cli."
+  PELICANE_EMAIL=demo@lyrabox.test PELICANE_PASSWORD=demo \
+    "$build/cli/pelicane-cli" upload "$samples" "$@"
+fi

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QRecursiveMutex>
+#include <QString>
+#include <QUrl>
+
+#include <atomic>
+#include <functional>
+
+// The program's one log file. Every line is synced to disk before the call
+// returns, so the file tells what happened even after a crash.
+//
+// The static functions are the shortcuts the whole program uses; they go to
+// the shared instance. (C++ cannot overload on staticness, so the instance
+// operations carry slightly different names.)
+class Logger
+{
+public:
+    // Shows a modal alert; installed by the application once widgets exist.
+    // Without one, alerts go to standard error.
+    using AlertHandler = std::function<void(const QString &message, const QString &button)>;
+
+    static Logger &shared();
+
+    static void log(const QString &message) { shared().logMessage(message); }
+    static QUrl logFileURL() { return shared().fileURL(); }
+    static void clearLog() { shared().clear(); }
+    static qint64 logSize() { return shared().size(); }
+
+    void logMessage(const QString &message);
+    QUrl fileURL();
+    void setLogFileURL(const QUrl &url);
+    void clear();
+    qint64 size() const;
+
+    void setAlertHandler(AlertHandler handler);
+
+    // The date prefix of every line, e.g. "2026-11-14 23:43:41 +0000".
+    static QString timestamp();
+
+    Logger(const Logger &) = delete;
+    Logger &operator=(const Logger &) = delete;
+
+private:
+    Logger() = default;
+    void showAlert(const QString &message, const QString &button);
+
+    mutable QRecursiveMutex m_lock;
+    QUrl m_logFileURL;
+    int m_writeHandle = -1;
+    std::atomic<qint64> m_position{0};
+    AlertHandler m_alertHandler;
+};

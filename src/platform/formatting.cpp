@@ -1,0 +1,21 @@
+#include "platform/formatting.h"
+
+QString formatPathList(const QStringList &paths)
+{
+    QStringList quoted;
+    quoted.reserve(paths.size());
+    for (const QString &path : paths) {
+        quoted << QLatin1Char('"') + path + QLatin1Char('"');
+    }
+    return QLatin1Char('(') + quoted.join(QStringLiteral(", ")) + QLatin1Char(')');
+}
+
+QString groupedNumber(qint64 number)
+{
+    const bool negative = number < 0;
+    QString digits = QString::number(negative ? -number : number);
+    for (qsizetype i = digits.size() - 3; i > 0; i -= 3) {
+        digits.insert(i, QLatin1Char(','));
+    }
+    return negative ? QLatin1Char('-') + digits : digits;
+}

@@ -1,0 +1,63 @@
+#include "service/core/endpoints.h"
+
+#include <QByteArray>
+
+namespace {
+
+QString fromEnvironment(const char *name, const char *fallback)
+{
+    const QByteArray value = qgetenv(name);
+    return value.isEmpty() ? QString::fromLatin1(fallback) : QString::fromUtf8(value);
+}
+
+QString musicBrainzServer()
+{
+    return fromEnvironment("PELICANE_MUSICBRAINZ_SERVER", "musicbrainz.org:80");
+}
+
+} // namespace
+
+namespace Endpoints {
+
+QUrl apiURL()
+{
+    return QUrl(fromEnvironment("PELICANE_API_URL", "https://api.lyrabox.com/s/JSON/"));
+}
+
+QUrl uploadURL()
+{
+    return QUrl(fromEnvironment("PELICANE_UPLOAD_URL", "https://upload.lyrabox.com/"));
+}
+
+QUrl downloadURL()
+{
+    return QUrl(fromEnvironment("PELICANE_DOWNLOAD_URL", "https://download.lyrabox.com/library"));
+}
+
+QString musicBrainzHost()
+{
+    const QString server = musicBrainzServer();
+    const qsizetype colon = server.lastIndexOf(QLatin1Char(':'));
+    return colon < 0 ? server : server.left(colon);
+}
+
+int musicBrainzPort()
+{
+    const QString server = musicBrainzServer();
+    const qsizetype colon = server.lastIndexOf(QLatin1Char(':'));
+    bool ok = false;
+    const int port = colon < 0 ? 80 : server.mid(colon + 1).toInt(&ok);
+    return ok && port > 0 ? port : 80;
+}
+
+QUrl coverArtURL()
+{
+    return QUrl(fromEnvironment("PELICANE_COVERART_URL", "https://coverartarchive.org"));
+}
+
+QUrl discogsURL()
+{
+    return QUrl(fromEnvironment("PELICANE_DISCOGS_URL", "https://api.discogs.com"));
+}
+
+} // namespace Endpoints

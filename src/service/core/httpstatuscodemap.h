@@ -1,0 +1,15 @@
+#pragma once
+
+#include <QString>
+
+// Reason phrases of HTTP status codes, for messages such as
+// "Service Unavailable (503)".
+namespace HTTPStatusCodeMap {
+
+// The phrase, or a null string for a code without one.
+QString descriptionForCode(unsigned code);
+
+// The number of codes known.
+int count();
+
+} // namespace HTTPStatusCodeMap
