@@ -1,0 +1,95 @@
+#include "platform/dispatch.h"
+#include "platform/formatting.h"
+#include "platform/mimetypes.h"
+#include "platform/paths.h"
+#include "platform/settings.h"
+
+#include <QFileInfo>
+#include <QTest>
+#include <QThread>
+
+#include <sys/stat.h>
+
+class TestPlatformCore : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void textForms()
+    {
+        QCOMPARE(nullable(QString()), QStringLiteral("(null)"));
+        QCOMPARE(nullable(QStringLiteral("")), QString(""));
+        QCOMPARE(formatPathList({QStringLiteral("/a/b"), QStringLiteral("/c d")}),
+                 QStringLiteral("(\"/a/b\", \"/c d\")"));
+        QCOMPARE(formatPathList({}), QStringLiteral("()"));
+        QCOMPARE(groupedNumber(0), QStringLiteral("0"));
+        QCOMPARE(groupedNumber(999), QStringLiteral("999"));
+        QCOMPARE(groupedNumber(12345), QStringLiteral("12,345"));
+        QCOMPARE(groupedNumber(1234567), QStringLiteral("1,234,567"));
+        QCOMPARE(groupedNumber(-100000), QStringLiteral("-100,000"));
+    }
+
+    void mimeTypes()
+    {
+        QCOMPARE(mimeTypeForExtension(QStringLiteral("MP3")), QStringLiteral("audio/mpeg"));
+        QCOMPARE(mimeTypeForExtension(QStringLiteral("m4p")), QStringLiteral("audio/mp4"));
+        QCOMPARE(mimeTypeForExtension(QStringLiteral("opus")), QStringLiteral("audio/ogg"));
+        QCOMPARE(mimeTypeForExtension(QStringLiteral("aif")), QStringLiteral("audio/aiff"));
+        QCOMPARE(mimeTypeForExtension(QStringLiteral("wma")), QStringLiteral("audio/x-ms-wma"));
+        QCOMPARE(mimeTypeForExtension(QStringLiteral("png")), QStringLiteral("image/png"));
+        QCOMPARE(mimeTypeForExtension(QStringLiteral("nosuchextension")), QStringLiteral("application/octet-stream"));
+        QCOMPARE(mimeTypeForExtension(QString()), QStringLiteral("application/octet-stream"));
+    }
+
+    void dataFolderFollowsXdg()
+    {
+        const QString xdg = QString::fromLocal8Bit(qgetenv("XDG_DATA_HOME"));
+        QVERIFY(!xdg.isEmpty());
+        QCOMPARE(Paths::dataDirectory(), xdg + QStringLiteral("/com.lyrabox.pelicane"));
+    }
+
+    void settingsAreOwnerOnlyAndRoundTrip()
+    {
+        QVERIFY(!Settings::contains(kSettingsEmail));
+        QVERIFY(Settings::string(kSettingsEmail).isNull());
+        QVERIFY(!Settings::boolean(kSettingsRememberMe));
+
+        Settings::setValue(kSettingsEmail, QStringLiteral("a@b.c"));
+        Settings::setValue(kSettingsPassword, QStringLiteral(" secret "));
+        Settings::setValue(kSettingsRememberMe, true);
+        QCOMPARE(Settings::string(kSettingsPassword), QStringLiteral(" secret "));
+        QVERIFY(Settings::boolean(kSettingsRememberMe));
+
+        const QString file = Settings::fileName();
+        QVERIFY(file.startsWith(QString::fromLocal8Bit(qgetenv("XDG_CONFIG_HOME"))));
+        struct stat st {};
+        QCOMPARE(::stat(QFile::encodeName(file).constData(), &st), 0);
+        QCOMPARE(st.st_mode & 0777, mode_t(0600));
+
+        Settings::remove(kSettingsEmail);
+        QVERIFY(!Settings::contains(kSettingsEmail));
+        QCOMPARE(::stat(QFile::encodeName(file).constData(), &st), 0);
+        QCOMPARE(st.st_mode & 0777, mode_t(0600));
+    }
+
+    void dispatchReachesTheMainThread()
+    {
+        QThread *mainThread = QThread::currentThread();
+        QThread *seenAsync = nullptr;
+        QThread *seenSync = nullptr;
+        std::unique_ptr<QThread> worker(QThread::create([&] {
+            dispatchSyncMain([&] { seenSync = QThread::currentThread(); });
+            dispatchAsyncMain([&] { seenAsync = QThread::currentThread(); });
+        }));
+        worker->start();
+        QTRY_VERIFY(worker->isFinished());
+        QCOMPARE(seenSync, mainThread);
+        QTRY_COMPARE(seenAsync, mainThread);
+        bool ranAtOnce = false;
+        dispatchSyncMain([&] { ranAtOnce = true; });
+        QVERIFY(ranAtOnce);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestPlatformCore)
+#include "tst_platformcore.moc"

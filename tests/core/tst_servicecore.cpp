@@ -1,0 +1,125 @@
+#include "platform/appinfo.h"
+#include "service/core/clientfields.h"
+#include "service/core/error.h"
+#include "service/core/httpstatuscodemap.h"
+#include "service/core/transporterror.h"
+#include "service/core/urlencoding.h"
+
+#include <QTest>
+
+class TestServiceCore : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void errorsCarryDomainCodeAndMessage()
+    {
+        const Error noMessage = Error::errorWithMessage();
+        QCOMPARE(noMessage.code(), 0);
+        QCOMPARE(noMessage.domain(), QStringLiteral("com.lyrabox.pelicane"));
+        QCOMPARE(noMessage.localizedDescription(), QStringLiteral("Error occurred but message was unspecified."));
+        QVERIFY(noMessage.hasUserInfo());
+        QVERIFY(!noMessage.isMaintenance());
+
+        // An empty message is a message, not a missing one.
+        QCOMPARE(Error::errorWithMessage(QStringLiteral("")).localizedDescription(), QString());
+
+        const Error coded = Error::errorWithMessage(QStringLiteral("File does not exist"), 200);
+        QCOMPARE(coded.code(), 200);
+        QCOMPARE(coded.localizedDescription(), QStringLiteral("File does not exist"));
+
+        const Error maintenance = Error::maintenanceErrorWithMessage(QStringLiteral("Back soon"));
+        QVERIFY(maintenance.isMaintenance());
+        QCOMPARE(maintenance.localizedDescription(), QStringLiteral("Back soon"));
+        QVERIFY(!(maintenance == Error::errorWithMessage(QStringLiteral("Back soon"))));
+
+        const Error cancelled = Error::cancelledError();
+        QCOMPARE(cancelled.code(), -999);
+        QVERIFY(cancelled.isCancelled());
+        QVERIFY(!cancelled.hasUserInfo());
+        QCOMPARE(cancelled.localizedDescription(),
+                 QStringLiteral("The operation couldn’t be completed. (com.lyrabox.pelicane error -999.)"));
+    }
+
+    void statusNamesTable()
+    {
+        QCOMPARE(HTTPStatusCodeMap::count(), 63);
+        QCOMPARE(HTTPStatusCodeMap::descriptionForCode(200), QStringLiteral("OK"));
+        QCOMPARE(HTTPStatusCodeMap::descriptionForCode(203), QStringLiteral("Non-authoritative Information"));
+        QCOMPARE(HTTPStatusCodeMap::descriptionForCode(414), QStringLiteral("Request-URI Too Long"));
+        QCOMPARE(HTTPStatusCodeMap::descriptionForCode(418), QStringLiteral("I'm a teapot"));
+        QCOMPARE(HTTPStatusCodeMap::descriptionForCode(503), QStringLiteral("Service Unavailable"));
+        QCOMPARE(HTTPStatusCodeMap::descriptionForCode(599), QStringLiteral("Network Connect Timeout Error"));
+        for (unsigned absent : {306u, 425u, 520u, 0u, 1000u}) {
+            QVERIFY2(HTTPStatusCodeMap::descriptionForCode(absent).isNull(), qPrintable(QString::number(absent)));
+        }
+        // Every code of the table is a three-digit status and has a phrase.
+        int found = 0;
+        for (unsigned code = 100; code < 600; ++code) {
+            found += HTTPStatusCodeMap::descriptionForCode(code).isEmpty() ? 0 : 1;
+        }
+        QCOMPARE(found, 63);
+    }
+
+    void transportErrorsMapToCodes_data()
+    {
+        QTest::addColumn<int>("qtError");
+        QTest::addColumn<bool>("bodyStarted");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("cancel") << int(QNetworkReply::OperationCanceledError) << false << -999 << "cancelled";
+        QTest::newRow("timeout") << int(QNetworkReply::TimeoutError) << false << -1001
+                                 << "The operation timed out.";
+        QTest::newRow("closed") << int(QNetworkReply::RemoteHostClosedError) << false << -1005
+                                << "The network connection was lost.";
+        QTest::newRow("offline") << int(QNetworkReply::TemporaryNetworkFailureError) << false << -1009
+                                 << "The Internet connection appears to be offline.";
+        QTest::newRow("refused") << int(QNetworkReply::ConnectionRefusedError) << false << -1004
+                                 << "Could not connect to the server.";
+        QTest::newRow("unknown before body") << int(QNetworkReply::UnknownNetworkError) << false << -1 << "Qt text";
+        QTest::newRow("unknown after body") << int(QNetworkReply::UnknownNetworkError) << true << -1005
+                                            << "The network connection was lost.";
+    }
+
+    void transportErrorsMapToCodes()
+    {
+        QFETCH(int, qtError);
+        QFETCH(bool, bodyStarted);
+        QFETCH(int, code);
+        QFETCH(QString, message);
+        const Error e = TransportError::errorForNetworkError(QNetworkReply::NetworkError(qtError),
+                                                             QStringLiteral("Qt text"), bodyStarted);
+        QCOMPARE(e.code(), code);
+        QCOMPARE(e.localizedDescription(), message);
+    }
+
+    void encodings()
+    {
+        // Every reserved character is escaped by the hand-built query encoding.
+        QCOMPARE(URLEncodedString(QStringLiteral("a b!*'();:@&=+$,/?%#[]~._-")),
+                 QStringLiteral("a%20b%21%2A%27%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23%5B%5D~._-"));
+        QCOMPARE(URLEncodedString(QStringLiteral("é")), QStringLiteral("%C3%A9"));
+        // The form escaping leaves reserved characters alone.
+        QCOMPARE(legacyEscape(QStringLiteral("Lyrabox pelicane mac 2.1 (57)")),
+                 QStringLiteral("Lyrabox%20pelicane%20mac%202.1%20(57)"));
+        QCOMPARE(legacyEscape(QStringLiteral("a&b=c\"<é>")), QStringLiteral("a&b=c%22%3C%C3%A9%3E"));
+        QCOMPARE(queryAllowedEscape(QStringLiteral("2.1 (57)")), QStringLiteral("2.1%20(57)"));
+        QCOMPARE(queryAllowedEscape(QStringLiteral("a%20b")), QStringLiteral("a%2520b"));
+    }
+
+    void clientFieldsNameThisBuild()
+    {
+        const QString s = AppInfo::shortVersion();
+        const QString b = AppInfo::buildNumber();
+        QVERIFY(!s.isEmpty() && !b.isEmpty());
+        QCOMPARE(ClientFields::client(), QStringLiteral("pelicane mac"));
+        QCOMPARE(ClientFields::deviceName(), QStringLiteral("Pelicane for Mac ") + s);
+        QCOMPARE(ClientFields::userAgent(), QStringLiteral("Lyrabox pelicane mac %1 (%2)").arg(s, b));
+        QCOMPARE(ClientFields::userAgent(QStringLiteral(" ripped")),
+                 QStringLiteral("Lyrabox pelicane mac %1 (%2) ripped").arg(s, b));
+        QCOMPARE(ClientFields::version(), QStringLiteral("%1 (%2)").arg(s, b));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestServiceCore)
+#include "tst_servicecore.moc"
