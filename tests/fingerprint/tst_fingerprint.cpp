@@ -1,0 +1,356 @@
+#include "app/logger.h"
+#include "fingerprint/filehash.h"
+#include "fingerprint/md5cache.h"
+#include "platform/paths.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+// Sets the file's modification time, seconds plus nanoseconds.
+bool setModificationTime(const QString &path, time_t seconds, long nanoseconds = 0)
+{
+    struct timespec times[2];
+    times[0].tv_sec = seconds;
+    times[0].tv_nsec = nanoseconds;
+    times[1] = times[0];
+    return ::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0) == 0;
+}
+
+QJsonObject readJsonObject(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return {};
+    }
+    return QJsonDocument::fromJson(file.readAll()).object();
+}
+
+// A context whose "digest" is the byte count and the number of calls; it
+// shows what the streaming loop does with the algorithm it is given.
+struct CountingState
+{
+    int inits = 0;
+    int finals = 0;
+    quint64 bytes = 0;
+};
+
+FileHash::ComputationContext countingContext(CountingState *state)
+{
+    FileHash::ComputationContext context;
+    context.init = [](void *s) {
+        ++static_cast<CountingState *>(s)->inits;
+        return true;
+    };
+    context.update = [](void *s, const void *, std::size_t count) {
+        static_cast<CountingState *>(s)->bytes += count;
+        return true;
+    };
+    context.final = [](unsigned char *digest, void *s) {
+        auto *state = static_cast<CountingState *>(s);
+        ++state->finals;
+        for (int i = 0; i < 8; ++i) {
+            digest[i] = static_cast<unsigned char>(state->bytes >> (56 - 8 * i));
+        }
+        return true;
+    };
+    context.digestLength = 8;
+    context.state = state;
+    return context;
+}
+
+} // namespace
+
+class TestFingerprint : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        // The log file is found once; fix it before a test moves the data folder.
+        Logger::log(QStringLiteral("tst_fingerprint"));
+        QVERIFY(Logger::logFileURL().isValid());
+    }
+
+    void knownDigests()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString empty = dir.filePath(QStringLiteral("empty"));
+        const QString abc = dir.filePath(QStringLiteral("abc"));
+        QVERIFY(writeFile(empty, {}));
+        QVERIFY(writeFile(abc, "abc"));
+
+        QCOMPARE(FileHash::md5HashOfFileAtPath(empty), QStringLiteral("d41d8cd98f00b204e9800998ecf8427e"));
+        QCOMPARE(FileHash::md5HashOfFileAtPath(abc), QStringLiteral("900150983cd24fb0d6963f7d28e17f72"));
+        QCOMPARE(FileHash::sha1HashOfFileAtPath(abc), QStringLiteral("a9993e364706816aba3e25717850c26c9cd0d89d"));
+        QCOMPARE(FileHash::sha512HashOfFileAtPath(abc),
+                 QStringLiteral("ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a"
+                                "2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f"));
+    }
+
+    // Sizes around the read size catch a lost or repeated tail.
+    void largeFilesMatchQtDigests_data()
+    {
+        QTest::addColumn<qint64>("size");
+        const qint64 chunk = qint64(FileHash::kReadChunkSize);
+        QTest::newRow("one byte short") << chunk - 1;
+        QTest::newRow("exactly one chunk") << chunk;
+        QTest::newRow("one byte over") << chunk + 1;
+        QTest::newRow("3 MiB and 7 bytes") << qint64(3 * 1024 * 1024 + 7);
+    }
+    void largeFilesMatchQtDigests()
+    {
+        QFETCH(qint64, size);
+        QTemporaryDir dir;
+        QByteArray bytes(size, Qt::Uninitialized);
+        QRandomGenerator generator(size);
+        for (char &byte : bytes) {
+            byte = char(generator.generate());
+        }
+        const QString path = dir.filePath(QStringLiteral("data.bin"));
+        QVERIFY(writeFile(path, bytes));
+
+        const auto md5 = FileHash::md5HashOfFileAtPath(path);
+        QCOMPARE(md5, QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex()));
+        QCOMPARE(md5->size(), 32);
+        QCOMPARE(FileHash::sha1HashOfFileAtPath(path),
+                 QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha1).toHex()));
+        const auto sha512 = FileHash::sha512HashOfFileAtPath(path);
+        QCOMPARE(sha512, QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha512).toHex()));
+        QCOMPARE(sha512->size(), 128);
+    }
+
+    void unreadablePathsGiveNoDigest()
+    {
+        QTemporaryDir dir;
+        QVERIFY(!FileHash::md5HashOfFileAtPath(dir.path()));
+        QVERIFY(!FileHash::sha1HashOfFileAtPath(dir.filePath(QStringLiteral("missing.mp3"))));
+        QVERIFY(!FileHash::md5HashOfFileAtPath(QString()));
+        // Reading this file fails at once with EIO, even for root: a real read
+        // error after a successful open.
+        QVERIFY(!FileHash::md5HashOfFileAtPath(QStringLiteral("/proc/self/mem")));
+    }
+
+    void generalOperationDrivesTheGivenAlgorithm()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("f"));
+        QVERIFY(writeFile(path, QByteArray(200000, 'x')));
+
+        CountingState state;
+        QCOMPARE(FileHash::hashOfFileAtPath(path, countingContext(&state)), QStringLiteral("0000000000030d40"));
+        QCOMPARE(state.inits, 1);
+        QCOMPARE(state.finals, 1);
+
+        // Not opened: the algorithm is not even started.
+        CountingState missing;
+        QVERIFY(!FileHash::hashOfFileAtPath(dir.filePath(QStringLiteral("nope")), countingContext(&missing)));
+        QCOMPARE(missing.inits, 0);
+        QCOMPARE(missing.finals, 0);
+
+        // A read error still finalises the state, and gives no digest.
+        CountingState failed;
+        QVERIFY(!FileHash::hashOfFileAtPath(dir.path(), countingContext(&failed)));
+        QCOMPARE(failed.inits, 1);
+        QCOMPARE(failed.finals, 1);
+    }
+
+    void cacheFileLivesInTheDataFolder()
+    {
+        const QString expected = Paths::dataDirectory() + QStringLiteral("/MD5Cache.json");
+        QCOMPARE(MD5Cache::locateCacheFile(), expected);
+        QCOMPARE(MD5Cache::sharedCache().filePath(), expected);
+        QCOMPARE(&MD5Cache::sharedCache(), &MD5Cache::sharedCache());
+        QCOMPARE(MD5Cache().filePath(), expected);
+    }
+
+    void cacheFolderThatCannotBeMadeIsLogged()
+    {
+        QTemporaryDir dir;
+        const QString blocker = dir.filePath(QStringLiteral("file"));
+        QVERIFY(writeFile(blocker, "not a folder"));
+        const QByteArray saved = qgetenv("XDG_DATA_HOME");
+        qputenv("XDG_DATA_HOME", QFile::encodeName(blocker));
+        const QString located = MD5Cache::locateCacheFile();
+        qputenv("XDG_DATA_HOME", saved);
+
+        QVERIFY(located.isEmpty());
+        QFile log(Logger::logFileURL().toLocalFile());
+        QVERIFY(log.open(QIODevice::ReadOnly));
+        const QString expected = QStringLiteral("MD5Cache: Could create directory at path: ") + blocker +
+                                 QStringLiteral("/com.lyrabox.pelicane");
+        QVERIFY2(QString::fromUtf8(log.readAll()).contains(expected), qPrintable(expected));
+
+        // A cache without a file works in memory and saves nowhere.
+        MD5Cache memoryOnly{QString()};
+        const QString song = dir.filePath(QStringLiteral("song.mp3"));
+        QVERIFY(writeFile(song, "x"));
+        memoryOnly.set(song, QStringLiteral("abc"));
+        memoryOnly.save();
+        QCOMPARE(memoryOnly.get(song), QStringLiteral("abc"));
+    }
+
+    void validityFollowsModificationTime()
+    {
+        QTemporaryDir dir;
+        const QString song = dir.filePath(QStringLiteral("song.mp3"));
+        QVERIFY(writeFile(song, "one"));
+        QVERIFY(setModificationTime(song, 1700000000, 250000000));
+        MD5Cache cache(dir.filePath(QStringLiteral("cache.json")));
+
+        QVERIFY(!cache.get(song));
+        cache.set(song, QStringLiteral("0123456789abcdef0123456789abcdef"));
+        QCOMPARE(cache.cache().value(song).ts, 1700000000.25);
+        QCOMPARE(cache.get(song), QStringLiteral("0123456789abcdef0123456789abcdef"));
+
+        // Moving the time backwards keeps the digest.
+        QVERIFY(setModificationTime(song, 1600000000));
+        QCOMPARE(cache.get(song), QStringLiteral("0123456789abcdef0123456789abcdef"));
+
+        // A later time, even by one microsecond, drops the entry.
+        QVERIFY(setModificationTime(song, 1700000000, 250001000));
+        QVERIFY(!cache.get(song));
+        QVERIFY(!cache.cache().contains(song));
+
+        // Two spellings of one file are two entries.
+        cache.set(song, QStringLiteral("aa"));
+        const QString otherSpelling = dir.path() + QStringLiteral("/./song.mp3");
+        QVERIFY(!cache.get(otherSpelling));
+        cache.set(otherSpelling, QStringLiteral("bb"));
+        QCOMPARE(cache.get(song), QStringLiteral("aa"));
+        QCOMPARE(cache.get(otherSpelling), QStringLiteral("bb"));
+        QCOMPARE(cache.cache().size(), 2);
+    }
+
+    void deletedFilesLeaveTheCache()
+    {
+        QTemporaryDir dir;
+        const QString cacheFile = dir.filePath(QStringLiteral("cache.json"));
+        const QString kept = dir.filePath(QStringLiteral("kept.flac"));
+        const QString gone = dir.filePath(QStringLiteral("gone.flac"));
+        QVERIFY(writeFile(kept, "k"));
+        QVERIFY(writeFile(gone, "g"));
+        MD5Cache cache(cacheFile);
+        cache.set(kept, QStringLiteral("11"));
+        cache.set(gone, QStringLiteral("22"));
+        cache.save();
+        QCOMPARE(readJsonObject(cacheFile).size(), 2);
+
+        QVERIFY(QFile::remove(gone));
+        QVERIFY(!cache.get(gone));
+        cache.save();
+        const QJsonObject saved = readJsonObject(cacheFile);
+        QCOMPARE(saved.keys(), QStringList{kept});
+
+        // set() on a file that cannot be read stamps the entry with the current time.
+        const double before = double(QDateTime::currentMSecsSinceEpoch()) / 1000.0;
+        cache.set(gone, QStringLiteral("33"));
+        QVERIFY(cache.cache().value(gone).ts >= before - 1);
+    }
+
+    void fileFormatRoundTrips()
+    {
+        QTemporaryDir dir;
+        const QString cacheFile = dir.filePath(QStringLiteral("MD5Cache.json"));
+        const QString song = dir.filePath(QStringLiteral("a \"quoted\" é.mp3"));
+        QVERIFY(writeFile(song, "abc"));
+        QVERIFY(setModificationTime(song, 1712345678, 123456789));
+        {
+            MD5Cache cache(cacheFile);
+            cache.set(song, *FileHash::md5HashOfFileAtPath(song));
+            cache.save();
+        }
+        QFile file(cacheFile);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QByteArray json = file.readAll();
+        QVERIFY2(!json.contains('\n') && !json.contains(": "), json.constData()); // compact
+        const QJsonObject object = QJsonDocument::fromJson(json).object();
+        QCOMPARE(object.size(), 1);
+        const QJsonObject entry = object.value(song).toObject();
+        QCOMPARE(entry.keys(), (QStringList{QStringLiteral("md5"), QStringLiteral("ts")}));
+        QCOMPARE(entry.value(QStringLiteral("md5")).toString(), QStringLiteral("900150983cd24fb0d6963f7d28e17f72"));
+        QCOMPARE(entry.value(QStringLiteral("ts")).toDouble(), 1712345678.123456789);
+
+        // A new instance trusts the stored time exactly: no precision is lost.
+        MD5Cache reloaded(cacheFile);
+        QCOMPARE(reloaded.get(song), QStringLiteral("900150983cd24fb0d6963f7d28e17f72"));
+    }
+
+    void lastSaveWins()
+    {
+        QTemporaryDir dir;
+        const QString cacheFile = dir.filePath(QStringLiteral("cache.json"));
+        const QString a = dir.filePath(QStringLiteral("a.mp3"));
+        const QString b = dir.filePath(QStringLiteral("b.mp3"));
+        QVERIFY(writeFile(a, "a"));
+        QVERIFY(writeFile(b, "b"));
+        MD5Cache first(cacheFile);
+        MD5Cache second(cacheFile);
+        first.set(a, QStringLiteral("aa"));
+        first.save();
+        QVERIFY(!second.get(a)); // made before the save
+        second.set(b, QStringLiteral("bb"));
+        second.save();
+        QCOMPARE(readJsonObject(cacheFile).keys(), QStringList{b});
+        QCOMPARE(MD5Cache(cacheFile).get(b), QStringLiteral("bb"));
+    }
+
+    void damagedFilesGiveAnEmptyCache_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::newRow("not JSON") << QByteArray("{\"/a.mp3\": {\"md5\": \"x\", \"ts\": 1");
+        QTest::newRow("binary") << QByteArray("\x00\x01\xff\xfe", 4);
+        QTest::newRow("an array") << QByteArray("[{\"md5\":\"x\",\"ts\":1}]");
+        QTest::newRow("entry not an object") << QByteArray("{\"/a.mp3\":{\"md5\":\"x\",\"ts\":1},\"/b.mp3\":\"x\"}");
+        QTest::newRow("entry without ts") << QByteArray("{\"/a.mp3\":{\"md5\":\"x\"}}");
+        QTest::newRow("ts not a number") << QByteArray("{\"/a.mp3\":{\"md5\":\"x\",\"ts\":\"1\"}}");
+    }
+    void damagedFilesGiveAnEmptyCache()
+    {
+        QFETCH(QByteArray, content);
+        QTemporaryDir dir;
+        const QString cacheFile = dir.filePath(QStringLiteral("cache.json"));
+        const QString song = dir.filePath(QStringLiteral("song.mp3"));
+        QVERIFY(writeFile(song, "s"));
+        QVERIFY(writeFile(cacheFile, content));
+
+        MD5Cache cache(cacheFile);
+        QVERIFY(cache.cache().isEmpty());
+        cache.set(song, QStringLiteral("ff"));
+        cache.save();
+        QCOMPARE(MD5Cache(cacheFile).get(song), QStringLiteral("ff"));
+    }
+
+    void entryWithoutTextDigestIsKept()
+    {
+        QTemporaryDir dir;
+        const QString cacheFile = dir.filePath(QStringLiteral("cache.json"));
+        const QString song = dir.filePath(QStringLiteral("song.mp3"));
+        QVERIFY(writeFile(song, "s"));
+        QVERIFY(writeFile(cacheFile, "{\"" + QFile::encodeName(song) + "\":{\"md5\":42,\"ts\":4e9}}"));
+        MD5Cache cache(cacheFile);
+        QVERIFY(!cache.get(song));
+        QVERIFY(cache.cache().contains(song));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestFingerprint)
+#include "tst_fingerprint.moc"
