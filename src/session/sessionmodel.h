@@ -1,0 +1,178 @@
+#pragma once
+
+#include "service/core/error.h"
+#include "session/orderedpathset.h"
+#include "session/sessionprompter.h"
+
+#include <QObject>
+#include <QRecursiveMutex>
+#include <QStringList>
+
+class LyraboxService;
+
+// The pages of the main window. Other values may be stored but show nothing.
+enum MainPageType : quint32 {
+    MainPageTypeLogin = 0,
+    MainPageTypeSearch = 1,
+    MainPageTypeList = 2,
+    MainPageTypeUpload = 3,
+    MainPageTypeResult = 4,
+};
+
+// One user session: the page it is on, the sign-in, the folders to scan, the
+// seven file lists of an upload run and its flags. It holds no widgets; the
+// main window shows it and forwards the user's actions, and it asks the user
+// through a SessionPrompter. Everything here runs on the main thread unless a
+// comment says otherwise.
+//
+// The behaviour is spread over several files by area: sessionmodel.cpp (pages,
+// lists, prompts, service callbacks of the sign-in and run start),
+// sessionmodel_login.cpp (sign-in), sessionmodel_scan.cpp (folders, scan, disc
+// watch) and sessionmodel_upload.cpp (the run, results and retries).
+class SessionModel : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit SessionModel(SessionPrompter *prompter = nullptr, QObject *parent = nullptr);
+    ~SessionModel() override;
+
+    // --- Prompts -------------------------------------------------------------
+    SessionPrompter *prompter() const { return m_prompter; }
+    void setPrompter(SessionPrompter *prompter) { m_prompter = prompter; }
+    // Without a prompter an alert is written to standard error and answered
+    // with the first button.
+    int showAlert(const QString &messageText, const QString &informativeText, const QString &defaultButton,
+                  const QString &alternateButton = QString(), const QString &otherButton = QString());
+    bool hasVisibleAlert() const;
+    void startWaitingAnimation(const QString &reason);
+    void stopWaitingAnimation();
+
+    // --- Pages ---------------------------------------------------------------
+    quint32 mainPageType() const { return m_mainPageType; }
+    // Stores the type; for one of the five pages also logs "SetPage(...)", runs
+    // the page's set-up and then announces the page (mainPageTypeChanged).
+    void setMainPageType(quint32 type);
+    static QString pageName(quint32 type); // "Login" ... "Result"; empty for others
+
+    // Page set-ups, run on entering the page.
+    void setupSearchContainerView(); // sessionmodel_scan.cpp
+    void setupListContainerView();   // sessionmodel_scan.cpp
+    void setupUploadContainerView(); // sessionmodel_upload.cpp
+    void setupResultContainerView(); // sessionmodel_upload.cpp
+
+    // --- Window load ---------------------------------------------------------
+    // Makes this session the delegate of the shared service client, and lets go.
+    void attachToService();
+    void detachFromService();
+    // The saved folder, or the Music folder, as the first scan roots. A saved
+    // folder that has vanished stays first, followed by the Music folder.
+    void loadSearchFolderPath();
+    // E-mail, password and Remember Me from the settings.
+    void loadCredentials();
+
+    // --- Sign-in (sessionmodel_login.cpp) ------------------------------------
+    // The sign-in fields as the user typed them; the window keeps them current.
+    QString email() const { return m_email; }
+    void setEmail(const QString &email) { m_email = email; }
+    QString password() const { return m_password; }
+    void setPassword(const QString &password) { m_password = password; }
+    bool rememberMe() const { return m_rememberMe; }
+    bool isLoggingIn() const { return m_isLoggingIn; }
+    // Switching it off forgets the stored e-mail and password at once.
+    void OnRememberMeChecked(bool checked);
+
+    // --- Folders and disc watch (sessionmodel_scan.cpp) ----------------------
+    QStringList searchFolderPath() const { return m_searchFolderPath; }
+    void setSearchFolderPath(const QStringList &paths) { m_searchFolderPath = paths; }
+    // The path field's text: the first root for fewer than two roots, else
+    // "Multiple Folders". Announced through searchFolderPathTextChanged.
+    QString searchFolderPathText() const;
+    void updateSearchFolderPath();
+    QStringList foundDisks() const { return m_foundDisks; }
+    void setFoundDisks(const QStringList &disks) { m_foundDisks = disks; }
+    // Every second while the window is up, and on entering the Search page.
+    void discoverAudioCDs();
+
+    // --- The seven file lists ------------------------------------------------
+    OrderedPathSet &foundFiles() { return m_foundFiles; }
+    const OrderedPathSet &foundFiles() const { return m_foundFiles; }
+    OrderedPathSet &readyFiles() { return m_readyFiles; }
+    const OrderedPathSet &readyFiles() const { return m_readyFiles; }
+    QStringList &uploadingFiles() { return m_uploadingFiles; }
+    const QStringList &uploadingFiles() const { return m_uploadingFiles; }
+    QStringList &skippedFiles() { return m_skippedFiles; }
+    const QStringList &skippedFiles() const { return m_skippedFiles; }
+    QStringList &erroredFiles() { return m_erroredFiles; }
+    const QStringList &erroredFiles() const { return m_erroredFiles; }
+    QStringList &completedFiles() { return m_completedFiles; }
+    const QStringList &completedFiles() const { return m_completedFiles; }
+    QStringList &retryFiles() { return m_retryFiles; }
+    const QStringList &retryFiles() const { return m_retryFiles; }
+
+    // Guards foundFiles and readyFiles where a background task fills them.
+    QRecursiveMutex &lock() { return m_lock; }
+
+    // --- Flags ---------------------------------------------------------------
+    bool isUploading() const { return m_isUploading; }
+    void setIsUploading(bool uploading) { m_isUploading = uploading; }
+    // Read by the scan before every entry, from its own thread.
+    bool isFileSearchCanceled() const { return m_isFileSearchCanceled.loadRelaxed() != 0; }
+    void setIsFileSearchCanceled(bool canceled) { m_isFileSearchCanceled.storeRelaxed(canceled ? 1 : 0); }
+    bool isBeginningUpload() const { return m_isBeginningUpload; }
+    void setIsBeginningUpload(bool beginning) { m_isBeginningUpload = beginning; }
+
+    // --- The run (sessionmodel_upload.cpp) -----------------------------------
+    // Pause while running, resume while paused.
+    void OnPauseUpload();
+    // Starts the digest check of foundFiles once the session is verified.
+    void startMd5CheckPhase();
+
+    // --- Service callbacks ---------------------------------------------------
+    void lyraboxDidLogin(LyraboxService *service, const OptionalError &error);
+    void lyraboxDidReceiveAuthorizationError(LyraboxService *service);
+    void lyraboxDidVerifyLogin(LyraboxService *service, const OptionalError &error);
+    void lyraboxDidReadMd5List(LyraboxService *service, const OptionalError &error);
+    // sessionmodel_upload.cpp
+    void lyraboxDidFinishUpload(LyraboxService *service, const QString &filePath, const OptionalError &error);
+    void lyraboxDidUpdateUploadProgress(LyraboxService *service, const QString &filePath, int progress);
+    void lyraboxDidUpdateRipProgress(LyraboxService *service, const QString &filePath, int progress);
+    void lyraboxDidExperienceExternalDriveError(LyraboxService *service);
+
+signals:
+    // A page was entered (after its set-up); the window shows its area.
+    void mainPageTypeChanged(quint32 type);
+    // The sign-in request went out (true) or was answered (false).
+    void loggingInChanged(bool loggingIn);
+    void searchFolderPathTextChanged(const QString &text);
+    void foundDisksChanged(const QStringList &disks);
+    // The run's lists changed; the window refreshes its counts and rows.
+    void uploadStateChanged();
+
+private:
+    void setLoggingIn(bool loggingIn);
+
+    SessionPrompter *m_prompter = nullptr;
+    quint32 m_mainPageType = MainPageTypeLogin;
+
+    QString m_email;
+    QString m_password;
+    bool m_rememberMe = false;
+    bool m_isLoggingIn = false;
+
+    QStringList m_searchFolderPath;
+    QStringList m_foundDisks;
+
+    QRecursiveMutex m_lock;
+    OrderedPathSet m_foundFiles;
+    OrderedPathSet m_readyFiles;
+    QStringList m_uploadingFiles;
+    QStringList m_skippedFiles;
+    QStringList m_erroredFiles;
+    QStringList m_completedFiles;
+    QStringList m_retryFiles;
+
+    bool m_isUploading = false;
+    QAtomicInt m_isFileSearchCanceled{0};
+    bool m_isBeginningUpload = false;
+};
