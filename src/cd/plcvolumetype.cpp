@@ -1,0 +1,234 @@
+#include "cd/plcvolumetype.h"
+
+#include "platform/discimages.h"
+#include "platform/volumes.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QThreadPool>
+
+#include <cdio/cdio.h>
+
+#include <memory>
+
+namespace {
+
+QString localPath(const QUrl &url)
+{
+    return url.isLocalFile() ? url.toLocalFile() : QString();
+}
+
+struct CdioCloser
+{
+    void operator()(CdIo_t *handle) const { cdio_destroy(handle); }
+};
+
+// An open handle on the disc volume, for reading its table of contents.
+std::unique_ptr<CdIo_t, CdioCloser> openDiscVolume(const QString &volume)
+{
+    if (DiscImages::isDiscImageFile(volume)) {
+        return std::unique_ptr<CdIo_t, CdioCloser>(cdio_open(QFile::encodeName(volume).constData(), DRIVER_UNKNOWN));
+    }
+    const auto drive = Volumes::opticalDriveAtPath(volume);
+    if (!drive || !drive->hasMedia) {
+        return nullptr;
+    }
+    return std::unique_ptr<CdIo_t, CdioCloser>(
+        cdio_open(QFile::encodeName(drive->deviceNode).constData(), DRIVER_DEVICE));
+}
+
+} // namespace
+
+Volumes::VolumeMonitor *PLCVolumeType::session()
+{
+    return Volumes::VolumeMonitor::shared();
+}
+
+QVariant PLCVolumeType::descriptionForDiskKey(DiskDescriptionKey key, const QUrl &url)
+{
+    const QString path = localPath(url);
+    if (path.isEmpty()) {
+        return {};
+    }
+    if (const auto drive = Volumes::opticalDriveAtPath(path)) {
+        switch (key) {
+        case DiskDescriptionKey::MediaType: {
+            const QString type = drive->mediaType();
+            return type.isEmpty() ? QVariant() : QVariant(type);
+        }
+        case DiskDescriptionKey::MediaBSDName:
+        case DiskDescriptionKey::VolumePath:
+            return drive->deviceNode;
+        }
+        return {};
+    }
+    if (DiscImages::isDiscImageFile(path)) {
+        switch (key) {
+        case DiskDescriptionKey::MediaType:
+            return QStringLiteral("CD-ROM");
+        case DiskDescriptionKey::MediaBSDName:
+        case DiskDescriptionKey::VolumePath:
+            return DiscImages::normalizedPath(path);
+        }
+        return {};
+    }
+    // Any other existing path: the mounted file system holding it. Its media
+    // type is left out on purpose, so a mounted data disc is scanned as a folder.
+    if (!QFileInfo::exists(path)) {
+        return {};
+    }
+    const auto volume = Volumes::volumeContainingPath(QFileInfo(path).absoluteFilePath());
+    if (!volume) {
+        return {};
+    }
+    switch (key) {
+    case DiskDescriptionKey::MediaType:
+        return {};
+    case DiskDescriptionKey::MediaBSDName:
+        return volume->source.startsWith(QLatin1String("/dev/")) ? QVariant(volume->source) : QVariant();
+    case DiskDescriptionKey::VolumePath:
+        return volume->mountPoint;
+    }
+    return {};
+}
+
+bool PLCVolumeType::isDiskAtURL(const QUrl &url)
+{
+    return descriptionForDiskKey(DiskDescriptionKey::MediaType, url).toString() == QLatin1String("CD-ROM");
+}
+
+QString PLCVolumeType::BSDNameOfDiskAtURL(const QUrl &url)
+{
+    return descriptionForDiskKey(DiskDescriptionKey::MediaBSDName, url).toString();
+}
+
+bool PLCVolumeType::ejectDiskAtURL(const QUrl &url, DiskCallback callback, void *context)
+{
+    const QString path = localPath(url);
+    if (path.isEmpty()) {
+        return false;
+    }
+    if (DiscImages::isDiscImageFile(path) || DiscImages::contains(path)) {
+        const QString image = DiscImages::normalizedPath(path);
+        QThreadPool::globalInstance()->start([image, callback, context] {
+            DiscImages::eject(image);
+            if (callback) {
+                callback(image, std::nullopt, context);
+            }
+        });
+        return true;
+    }
+    const auto drive = Volumes::opticalDriveAtPath(path);
+    if (!drive) {
+        return false;
+    }
+    const QString node = drive->deviceNode;
+    QThreadPool::globalInstance()->start([node, callback, context] {
+        QString message;
+        const bool ejected = Volumes::ejectDrive(node, &message);
+        if (callback) {
+            callback(node, ejected ? OptionalError() : OptionalError(Error::errorWithMessage(message)), context);
+        }
+    });
+    return true;
+}
+
+void PLCVolumeType::registerDiskAppearedCallback(DiskCallback callback, void *context)
+{
+    Volumes::VolumeMonitor *monitor = session();
+    QObject::connect(monitor, &Volumes::VolumeMonitor::diskAppeared, monitor,
+                     [callback, context](const QString &node) { callback(node, std::nullopt, context); });
+}
+
+void PLCVolumeType::registerDiskDisappearedCallback(DiskCallback callback, void *context)
+{
+    Volumes::VolumeMonitor *monitor = session();
+    QObject::connect(monitor, &Volumes::VolumeMonitor::diskDisappeared, monitor,
+                     [callback, context](const QString &node) { callback(node, std::nullopt, context); });
+}
+
+bool PLCVolumeType::isExternalDrive(const QUrl &url)
+{
+    const QString path = localPath(url);
+    return !path.isEmpty() && Volumes::isOnRemovableVolume(path, Volumes::mountedVolumes());
+}
+
+PLCVolumeType::DiscVolumeListing PLCVolumeType::discVolumes()
+{
+    DiscVolumeListing listing;
+    QString message;
+    if (const auto drives = Volumes::opticalDrives(&message)) {
+        for (const Volumes::OpticalDrive &drive : *drives) {
+            if (drive.holdsAudioCD()) {
+                listing.volumes.append(drive.deviceNode);
+            }
+        }
+    } else {
+        listing.error = Error::errorWithMessage(message);
+    }
+    listing.volumes.append(DiscImages::list());
+    return listing;
+}
+
+QString PLCVolumeType::trackFileName(int trackNumber)
+{
+    return QString::number(trackNumber) + QStringLiteral(" Audio Track.aiff");
+}
+
+std::optional<QList<PLCVolumeType::TrackFile>> PLCVolumeType::contentsOfDiskAtURL(const QUrl &url)
+{
+    const QString path = localPath(url);
+    if (path.isEmpty() || !isDiskAtURL(url)) {
+        return std::nullopt;
+    }
+    const auto handle = openDiscVolume(path);
+    if (!handle) {
+        return std::nullopt;
+    }
+    const track_t first = cdio_get_first_track_num(handle.get());
+    const track_t count = cdio_get_num_tracks(handle.get());
+    if (first == CDIO_INVALID_TRACK || count == CDIO_INVALID_TRACK) {
+        return std::nullopt;
+    }
+    // Track files are named after the volume path as given, so a track's
+    // parent folder is the volume the caller knows.
+    const QString volume = QDir::cleanPath(path);
+    QList<TrackFile> tracks;
+    for (int number = first; number < int(first) + int(count); ++number) {
+        const auto track = track_t(number);
+        if (cdio_get_track_format(handle.get(), track) != TRACK_FORMAT_AUDIO) {
+            continue;
+        }
+        // The sector count from the addresses: cdio_get_track_sec_count is
+        // wrong when the first track is not 1.
+        const lsn_t start = cdio_get_track_lsn(handle.get(), track);
+        const lsn_t last = cdio_get_track_last_lsn(handle.get(), track);
+        if (start == CDIO_INVALID_LSN || last == CDIO_INVALID_LSN || last < start) {
+            continue;
+        }
+        tracks.append(TrackFile{volume + QLatin1Char('/') + trackFileName(number), number,
+                                qint64(last - start + 1) * CDIO_CD_FRAMESIZE_RAW});
+    }
+    return tracks;
+}
+
+std::optional<PLCVolumeType::TrackFile> PLCVolumeType::trackFileAtPath(const QString &path)
+{
+    const QFileInfo info(path);
+    if (!info.fileName().endsWith(QLatin1String(" Audio Track.aiff"))) {
+        return std::nullopt;
+    }
+    const QString volume = QDir::cleanPath(info.path());
+    const auto tracks = contentsOfDiskAtURL(QUrl::fromLocalFile(volume));
+    if (!tracks) {
+        return std::nullopt;
+    }
+    const QString clean = QDir::cleanPath(path);
+    for (const TrackFile &track : *tracks) {
+        if (track.path == clean) {
+            return track;
+        }
+    }
+    return std::nullopt;
+}
