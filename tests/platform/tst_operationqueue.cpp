@@ -1,0 +1,321 @@
+#include "platform/operationqueue.h"
+
+#include <QCoreApplication>
+#include <QMutex>
+#include <QSemaphore>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+constexpr int kLongWaitMs = 20000;
+
+// Waits on a gate, counting how many of its kind run at once.
+class GatedOperation : public Operation
+{
+public:
+    GatedOperation(QSemaphore *gate, std::atomic<int> *running, std::atomic<int> *peak)
+        : m_gate(gate), m_running(running), m_peak(peak)
+    {}
+
+    QThread *thread = nullptr;
+    bool mainRan = false;
+
+protected:
+    void main() override
+    {
+        mainRan = true;
+        thread = QThread::currentThread();
+        const int now = ++*m_running;
+        int seen = m_peak->load();
+        while (now > seen && !m_peak->compare_exchange_weak(seen, now)) {
+        }
+        if (m_gate) {
+            m_gate->tryAcquire(1, kLongWaitMs);
+        }
+        --*m_running;
+    }
+
+private:
+    QSemaphore *m_gate;
+    std::atomic<int> *m_running;
+    std::atomic<int> *m_peak;
+};
+
+// Returns from start() at once and finishes when told to, from any thread.
+class AsyncOperation : public Operation
+{
+public:
+    bool isAsynchronous() const override { return true; }
+    std::atomic<int> starts{0};
+    std::atomic<bool> startedCancelled{false};
+
+    void start() override
+    {
+        ++starts;
+        startedCancelled = isCancelled();
+        setExecuting(true);
+    }
+
+    void cancel() override
+    {
+        Operation::cancel();
+        if (isExecuting()) {
+            finish();
+        }
+    }
+
+    void finish()
+    {
+        setExecuting(false);
+        setFinished(true);
+    }
+};
+
+} // namespace
+
+class TestOperationQueue : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void runsSynchronousOperationsOnWorkerThreadsAndCompletesOnce();
+    void limitsConcurrencyOnlyWhenAsked();
+    void suspendedQueueStartsNothingUntilResumed();
+    void startsWaitingOperationsByPriorityThenOrder();
+    void cancelAllStartsWaitingOperationsCancelled();
+    void asynchronousOperationHoldsItsSlotUntilItFinishes();
+    void finishedIsReportedExactlyOnceUnderRaces();
+    void destructorWaitsForRunningOperations();
+};
+
+void TestOperationQueue::runsSynchronousOperationsOnWorkerThreadsAndCompletesOnce()
+{
+    OperationQueue queue;
+    std::atomic<int> running{0}, peak{0};
+    auto operation = std::make_shared<GatedOperation>(nullptr, &running, &peak);
+    std::atomic<int> completions{0};
+    QList<QString> changes;
+    QMutex changesLock;
+    operation->setCompletionHandler([&] { ++completions; });
+    connect(
+        operation.get(), &Operation::executingChanged, operation.get(),
+        [&](bool value) {
+            QMutexLocker locker(&changesLock);
+            changes << QStringLiteral("executing=%1").arg(value);
+        },
+        Qt::DirectConnection);
+    connect(
+        operation.get(), &Operation::finishedChanged, operation.get(),
+        [&](bool value) {
+            QMutexLocker locker(&changesLock);
+            changes << QStringLiteral("finished=%1").arg(value);
+        },
+        Qt::DirectConnection);
+
+    queue.addOperation(operation);
+    std::atomic<bool> blockRan{false};
+    OperationPtr block = queue.addOperation([&] { blockRan = QThread::currentThread() != qApp->thread(); });
+    queue.waitUntilAllOperationsAreFinished();
+
+    QVERIFY(operation->mainRan);
+    QVERIFY(operation->thread != qApp->thread());
+    QVERIFY(operation->isFinished());
+    QVERIFY(!operation->isExecuting());
+    QVERIFY(block->isFinished());
+    QVERIFY(blockRan);
+    QCOMPARE(completions.load(), 1);
+    QCOMPARE(changes, (QList<QString>{"executing=1", "executing=0", "finished=1"}));
+    QCOMPARE(queue.operationCount(), 0);
+}
+
+void TestOperationQueue::limitsConcurrencyOnlyWhenAsked()
+{
+    // Unlimited by default: eight operations that each wait for all eight to
+    // have started can only finish if they all run at once.
+    {
+        OperationQueue queue;
+        QCOMPARE(queue.maxConcurrentOperationCount(), OperationQueue::Unlimited);
+        QSemaphore started, release;
+        for (int i = 0; i < 8; ++i) {
+            queue.addOperation([&] {
+                started.release();
+                release.tryAcquire(1, kLongWaitMs);
+            });
+        }
+        QVERIFY(started.tryAcquire(8, kLongWaitMs));
+        release.release(8);
+        queue.waitUntilAllOperationsAreFinished();
+    }
+    // A maximum of two is never exceeded and is reached.
+    {
+        OperationQueue queue;
+        queue.setMaxConcurrentOperationCount(2);
+        QSemaphore gate;
+        std::atomic<int> running{0}, peak{0};
+        QList<std::shared_ptr<GatedOperation>> operations;
+        for (int i = 0; i < 6; ++i) {
+            operations << std::make_shared<GatedOperation>(&gate, &running, &peak);
+            queue.addOperation(operations.last());
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(running.load(), 2, kLongWaitMs);
+        QCOMPARE(queue.operationCount(), 6);
+        gate.release(6);
+        queue.waitUntilAllOperationsAreFinished();
+        QCOMPARE(peak.load(), 2);
+        for (const auto &operation : operations) {
+            QVERIFY(operation->isFinished());
+        }
+    }
+}
+
+void TestOperationQueue::suspendedQueueStartsNothingUntilResumed()
+{
+    OperationQueue queue;
+    queue.setSuspended(true);
+    std::atomic<int> runs{0};
+    queue.addOperation([&] { ++runs; });
+    queue.addOperation([&] { ++runs; });
+    QTest::qWait(200);
+    QCOMPARE(runs.load(), 0);
+    QCOMPARE(queue.operationCount(), 2);
+    queue.setSuspended(false);
+    queue.waitUntilAllOperationsAreFinished();
+    QCOMPARE(runs.load(), 2);
+}
+
+void TestOperationQueue::startsWaitingOperationsByPriorityThenOrder()
+{
+    OperationQueue queue;
+    queue.setMaxConcurrentOperationCount(1);
+    QSemaphore gate, blockerStarted;
+    queue.addOperation([&] {
+        blockerStarted.release();
+        gate.tryAcquire(1, kLongWaitMs);
+    });
+    QVERIFY(blockerStarted.tryAcquire(1, kLongWaitMs));
+
+    QMutex orderLock;
+    QStringList order;
+    auto add = [&](const QString &name, Operation::QueuePriority priority) {
+        OperationPtr operation = queue.addOperation([&, name] {
+            QMutexLocker locker(&orderLock);
+            order << name;
+        });
+        operation->setQueuePriority(priority);
+    };
+    add("low", Operation::QueuePriority::Low);
+    add("normal-1", Operation::QueuePriority::Normal);
+    add("very-high", Operation::QueuePriority::VeryHigh);
+    add("normal-2", Operation::QueuePriority::Normal);
+    add("high", Operation::QueuePriority::High);
+    QCOMPARE(queue.operations().size(), 6);
+    gate.release();
+    queue.waitUntilAllOperationsAreFinished();
+    QCOMPARE(order, (QStringList{"very-high", "high", "normal-1", "normal-2", "low"}));
+}
+
+void TestOperationQueue::cancelAllStartsWaitingOperationsCancelled()
+{
+    OperationQueue queue;
+    queue.setMaxConcurrentOperationCount(1);
+    auto running = std::make_shared<AsyncOperation>();
+    queue.addOperation(running);
+    QTRY_VERIFY_WITH_TIMEOUT(running->isExecuting(), kLongWaitMs);
+
+    std::atomic<int> count{0}, peak{0};
+    auto waitingSync = std::make_shared<GatedOperation>(nullptr, &count, &peak);
+    auto waitingAsync = std::make_shared<AsyncOperation>();
+    std::atomic<int> completions{0};
+    waitingSync->setCompletionHandler([&] { ++completions; });
+    waitingAsync->setCompletionHandler([&] { ++completions; });
+    queue.addOperation(waitingSync);
+    queue.addOperation(waitingAsync);
+
+    queue.cancelAllOperations();
+    // The running one ended through its own cancel; the waiting asynchronous
+    // one is started with the flag set and must end itself.
+    QTRY_COMPARE_WITH_TIMEOUT(waitingAsync->starts.load(), 1, kLongWaitMs);
+    QVERIFY(waitingAsync->startedCancelled);
+    waitingAsync->finish();
+    queue.waitUntilAllOperationsAreFinished();
+
+    QVERIFY(running->isFinished());
+    QVERIFY(waitingSync->isCancelled());
+    QVERIFY(waitingSync->isFinished());
+    QVERIFY(!waitingSync->mainRan);
+    QCOMPARE(completions.load(), 2);
+    QCOMPARE(queue.operationCount(), 0);
+}
+
+void TestOperationQueue::asynchronousOperationHoldsItsSlotUntilItFinishes()
+{
+    OperationQueue queue;
+    queue.setMaxConcurrentOperationCount(1);
+    auto first = std::make_shared<AsyncOperation>();
+    std::atomic<bool> secondRan{false};
+    queue.addOperation(first);
+    queue.addOperation([&] { secondRan = true; });
+
+    QTRY_COMPARE_WITH_TIMEOUT(first->starts.load(), 1, kLongWaitMs);
+    QTest::qWait(200);
+    QVERIFY(!secondRan);
+    QVERIFY(!first->isFinished());
+    QCOMPARE(queue.operationCount(), 2);
+
+    // Finished from a thread the queue knows nothing about.
+    std::thread finisher([&] { first->finish(); });
+    finisher.join();
+    queue.waitUntilAllOperationsAreFinished();
+    QVERIFY(secondRan);
+    QCOMPARE(first->starts.load(), 1);
+}
+
+void TestOperationQueue::finishedIsReportedExactlyOnceUnderRaces()
+{
+    for (int round = 0; round < 50; ++round) {
+        OperationQueue queue;
+        auto operation = std::make_shared<AsyncOperation>();
+        std::atomic<int> completions{0}, finishedSignals{0};
+        operation->setCompletionHandler([&] { ++completions; });
+        connect(
+            operation.get(), &Operation::finishedChanged, operation.get(), [&] { ++finishedSignals; },
+            Qt::DirectConnection);
+        queue.addOperation(operation);
+        QTRY_VERIFY_WITH_TIMEOUT(operation->isExecuting(), kLongWaitMs);
+        std::vector<std::thread> racers;
+        for (int i = 0; i < 4; ++i) {
+            racers.emplace_back([&, i] { i % 2 ? operation->finish() : operation->cancel(); });
+        }
+        for (auto &racer : racers) {
+            racer.join();
+        }
+        queue.waitUntilAllOperationsAreFinished();
+        QCOMPARE(completions.load(), 1);
+        QCOMPARE(finishedSignals.load(), 1);
+        QVERIFY(operation->isFinished());
+    }
+}
+
+void TestOperationQueue::destructorWaitsForRunningOperations()
+{
+    std::atomic<bool> done{false};
+    QSemaphore started;
+    {
+        OperationQueue queue;
+        queue.addOperation([&] {
+            started.release();
+            QThread::msleep(300);
+            done = true;
+        });
+        QVERIFY(started.tryAcquire(1, kLongWaitMs));
+    }
+    QVERIFY(done);
+}
+
+QTEST_GUILESS_MAIN(TestOperationQueue)
+#include "tst_operationqueue.moc"
