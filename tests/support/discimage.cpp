@@ -1,0 +1,235 @@
+#include "support/discimage.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTextStream>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr int kSectorBytes = 2352;
+constexpr int kSamplesPerSector = 588;
+constexpr int kTableBits = 12;
+
+const std::array<qint16, 1 << kTableBits> &sineTable()
+{
+    static const std::array<qint16, 1 << kTableBits> table = [] {
+        std::array<qint16, 1 << kTableBits> t{};
+        for (size_t i = 0; i < t.size(); ++i) {
+            t[i] = static_cast<qint16>(std::lround(32767.0 * std::sin(2.0 * M_PI * double(i) / double(t.size()))));
+        }
+        return t;
+    }();
+    return table;
+}
+
+// Phase step of a frequency for a 32-bit phase accumulator at 44.1 kHz.
+quint32 phaseStep(double hertz)
+{
+    return static_cast<quint32>(hertz / 44100.0 * 4294967296.0);
+}
+
+qint32 tone(quint64 n, quint32 step, int amplitude)
+{
+    const auto phase = static_cast<quint32>(n * step);
+    return sineTable()[phase >> (32 - kTableBits)] * amplitude / 32767;
+}
+
+// A stateless hash of the sample position: reproducible noise anywhere in a track.
+quint32 noiseBits(quint32 seed, quint64 n)
+{
+    quint64 z = n * 0x9E3779B97F4A7C15ull + seed * 0xBF58476D1CE4E5B9ull + 1;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return static_cast<quint32>(z ^ (z >> 31));
+}
+
+qint16 clamp16(qint32 value)
+{
+    return static_cast<qint16>(std::clamp(value, -32768, 32767));
+}
+
+QString msf(qint64 sectors)
+{
+    return QStringLiteral("%1:%2:%3")
+        .arg(sectors / (75 * 60), 2, 10, QLatin1Char('0'))
+        .arg((sectors / 75) % 60, 2, 10, QLatin1Char('0'))
+        .arg(sectors % 75, 2, 10, QLatin1Char('0'));
+}
+
+int toBcd(int value)
+{
+    return ((value / 10) << 4) | (value % 10);
+}
+
+QString quoted(const QString &text)
+{
+    QString escaped = text;
+    escaped.replace(QLatin1Char('"'), QLatin1Char('\''));
+    return QLatin1Char('"') + escaped + QLatin1Char('"');
+}
+
+} // namespace
+
+DiscImage::Options DiscImage::standardOptions()
+{
+    Options options;
+    options.title = QStringLiteral("Generated Album");
+    options.performer = QStringLiteral("Generated Band");
+    options.tracks = {
+        {600, false, QStringLiteral("First Light"), QStringLiteral("Alice Example")},
+        {450, false, QStringLiteral("Second Wind"), QStringLiteral("Bob Example")},
+        {525, false, QStringLiteral("Third Degree"), QStringLiteral("Carol Example")},
+    };
+    return options;
+}
+
+DiscImage::Options DiscImage::audioOptions(const QList<int> &sectors)
+{
+    Options options;
+    for (int count : sectors) {
+        Track track;
+        track.sectors = count;
+        options.tracks.append(track);
+    }
+    return options;
+}
+
+void DiscImage::generateAudioSector(quint32 seed, int trackIndex, qint64 sectorInTrack, char *out, bool whiteNoise)
+{
+    // Every track has its own pair of tones per channel.
+    const quint32 left1 = phaseStep(220.0 + 110.0 * trackIndex + seed % 17);
+    const quint32 left2 = phaseStep(1375.0 + 37.0 * trackIndex);
+    const quint32 right1 = phaseStep(330.0 + 55.0 * trackIndex);
+    const quint32 right2 = phaseStep(2750.0 - 41.0 * trackIndex);
+    const quint64 first = static_cast<quint64>(sectorInTrack) * kSamplesPerSector;
+    auto *samples = reinterpret_cast<unsigned char *>(out);
+    for (int i = 0; i < kSamplesPerSector; ++i) {
+        const quint64 n = first + static_cast<quint64>(i);
+        const quint32 noise = noiseBits(seed + static_cast<quint32>(trackIndex) * 7919u, n);
+        const qint32 noiseLeft = static_cast<qint32>(noise & 0x7FF) - 1024;
+        const qint32 noiseRight = static_cast<qint32>((noise >> 16) & 0x7FF) - 1024;
+        if (whiteNoise) {
+            std::memcpy(out + 4 * i, &noise, 4);
+            continue;
+        }
+        const qint16 left = clamp16(tone(n, left1, 9000) + tone(n, left2, 4000) + noiseLeft);
+        const qint16 right = clamp16(tone(n, right1, 8000) + tone(n, right2, 3000) + noiseRight);
+        // Little-endian, left channel first, as a BINARY cue file holds it.
+        samples[4 * i] = static_cast<unsigned char>(left & 0xFF);
+        samples[4 * i + 1] = static_cast<unsigned char>((left >> 8) & 0xFF);
+        samples[4 * i + 2] = static_cast<unsigned char>(right & 0xFF);
+        samples[4 * i + 3] = static_cast<unsigned char>((right >> 8) & 0xFF);
+    }
+}
+
+void DiscImage::generateDataSector(qint64 lsn, char *out)
+{
+    std::memset(out, 0, kSectorBytes);
+    std::memset(out + 1, 0xFF, 10);
+    const qint64 lba = lsn + 150;
+    out[12] = static_cast<char>(toBcd(static_cast<int>(lba / (75 * 60))));
+    out[13] = static_cast<char>(toBcd(static_cast<int>((lba / 75) % 60)));
+    out[14] = static_cast<char>(toBcd(static_cast<int>(lba % 75)));
+    out[15] = 1;
+    for (int i = 0; i < 2048; ++i) {
+        out[16 + i] = static_cast<char>((lsn + i) & 0xFF);
+    }
+}
+
+int DiscImage::trackFirstSector(int index) const
+{
+    int sector = 0;
+    for (int i = 0; i < index; ++i) {
+        sector += m_options.tracks.at(i).sectors;
+    }
+    return sector;
+}
+
+int DiscImage::totalSectors() const
+{
+    return trackFirstSector(trackCount());
+}
+
+QByteArray DiscImage::trackBytes(int index) const
+{
+    QFile bin(m_binPath);
+    if (!bin.open(QIODevice::ReadOnly) || !bin.seek(qint64(trackFirstSector(index)) * kSectorBytes)) {
+        return QByteArray();
+    }
+    return bin.read(qint64(trackSectors(index)) * kSectorBytes);
+}
+
+DiscImage DiscImage::create(const QString &directory, const QString &baseName, const Options &options)
+{
+    DiscImage image;
+    image.m_options = options;
+    const QDir dir(directory);
+    image.m_cuePath = dir.absoluteFilePath(baseName + QStringLiteral(".cue"));
+    image.m_binPath = dir.absoluteFilePath(baseName + QStringLiteral(".bin"));
+
+    QFile bin(image.m_binPath);
+    if (options.tracks.isEmpty() || !bin.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        return image;
+    }
+    constexpr int kChunkSectors = 75;
+    std::vector<char> chunk(size_t(kChunkSectors) * kSectorBytes);
+    qint64 lsn = 0;
+    for (int t = 0; t < options.tracks.size(); ++t) {
+        const Track &track = options.tracks.at(t);
+        for (int done = 0; done < track.sectors;) {
+            const int count = std::min(kChunkSectors, track.sectors - done);
+            for (int s = 0; s < count; ++s) {
+                char *sector = chunk.data() + size_t(s) * kSectorBytes;
+                if (track.data) {
+                    generateDataSector(lsn + done + s, sector);
+                } else {
+                    generateAudioSector(options.seed, t, done + s, sector, options.whiteNoise);
+                }
+            }
+            if (bin.write(chunk.data(), qint64(count) * kSectorBytes) != qint64(count) * kSectorBytes) {
+                return image;
+            }
+            done += count;
+        }
+        lsn += track.sectors;
+    }
+    bin.close();
+
+    QFile cue(image.m_cuePath);
+    if (!cue.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
+        return image;
+    }
+    QTextStream out(&cue);
+    // libcdio accepts exactly one blank before a quoted CD-TEXT value.
+    if (!options.performer.isEmpty()) {
+        out << "PERFORMER " << quoted(options.performer) << "\n";
+    }
+    if (!options.title.isEmpty()) {
+        out << "TITLE " << quoted(options.title) << "\n";
+    }
+    out << "FILE " << quoted(baseName + QStringLiteral(".bin")) << " BINARY\n";
+    qint64 start = 0;
+    for (int t = 0; t < options.tracks.size(); ++t) {
+        const Track &track = options.tracks.at(t);
+        out << QStringLiteral("  TRACK %1 %2\n")
+                   .arg(options.firstTrackNumber + t, 2, 10, QLatin1Char('0'))
+                   .arg(track.data ? QStringLiteral("MODE1/2352") : QStringLiteral("AUDIO"));
+        if (!track.title.isEmpty()) {
+            out << "    TITLE " << quoted(track.title) << "\n";
+        }
+        if (!track.performer.isEmpty()) {
+            out << "    PERFORMER " << quoted(track.performer) << "\n";
+        }
+        out << "    INDEX 01 " << msf(start) << "\n";
+        start += track.sectors;
+    }
+    out.flush();
+    image.m_valid = cue.error() == QFileDevice::NoError;
+    return image;
+}

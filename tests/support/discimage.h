@@ -1,0 +1,71 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+// Writes small cue/bin disc images at test time: 16-bit little-endian stereo
+// audio, 2352 bytes a sector, with optional CD-TEXT and data tracks.
+//
+// The audio is deterministic and band-limited enough for a drive layer to
+// recognise its byte order: two tones a channel (different for every track)
+// plus moderate noise, never silent.
+class DiscImage
+{
+public:
+    struct Track
+    {
+        int sectors = 750;
+        bool data = false; // a MODE1/2352 data track instead of audio
+        QString title;     // CD-TEXT; empty leaves it out
+        QString performer;
+    };
+
+    struct Options
+    {
+        QList<Track> tracks;
+        int firstTrackNumber = 1;
+        QString title; // CD-TEXT of the disc; empty leaves it out
+        QString performer;
+        quint32 seed = 1;
+        // Full-scale white noise instead of tones: the material on which a
+        // drive layer's byte-order guess goes wrong.
+        bool whiteNoise = false;
+    };
+
+    // Three audio tracks of a few seconds each with disc and track CD-TEXT.
+    static Options standardOptions();
+    // Audio tracks of the given lengths in sectors, without CD-TEXT.
+    static Options audioOptions(const QList<int> &sectors);
+
+    // Writes <directory>/<baseName>.cue and .bin; check isValid().
+    static DiscImage create(const QString &directory, const QString &baseName, const Options &options);
+
+    bool isValid() const { return m_valid; }
+    QString cuePath() const { return m_cuePath; }
+    QString binPath() const { return m_binPath; }
+    const Options &options() const { return m_options; }
+
+    int trackCount() const { return static_cast<int>(m_options.tracks.size()); }
+    int firstTrackNumber() const { return m_options.firstTrackNumber; }
+    int lastTrackNumber() const { return m_options.firstTrackNumber + trackCount() - 1; }
+    // Index 0 is the first track on the disc, whatever its number.
+    int trackFirstSector(int index) const;
+    int trackSectors(int index) const { return m_options.tracks.at(index).sectors; }
+    int totalSectors() const;
+    // The track's bytes as they stand in the image.
+    QByteArray trackBytes(int index) const;
+
+    // One sector of generated audio: stereo sample n of the track is
+    // 588 * sectorInTrack + i.
+    static void generateAudioSector(quint32 seed, int trackIndex, qint64 sectorInTrack, char *out,
+                                    bool whiteNoise = false);
+    // One MODE1 sector with its sync pattern and header.
+    static void generateDataSector(qint64 lsn, char *out);
+
+private:
+    Options m_options;
+    QString m_cuePath;
+    QString m_binPath;
+    bool m_valid = false;
+};
