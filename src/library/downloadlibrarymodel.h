@@ -1,0 +1,187 @@
+#pragma once
+
+#include "library/unzipoperation.h"
+#include "service/core/error.h"
+
+#include <QHash>
+#include <QObject>
+#include <QThreadPool>
+#include <QTimer>
+#include <QUrl>
+
+#include <deque>
+#include <memory>
+
+class DownloadLibraryOperation;
+
+// Puts a question to the user. Answers 1000, 1001 or 1002 for the first,
+// second or third button. The window answers with a modal alert; the command
+// line answers by itself.
+class DownloadLibraryPrompter
+{
+public:
+    enum class Appearance { Default, Dark };
+
+    virtual ~DownloadLibraryPrompter() = default;
+    virtual int showAlert(const QString &title, const QString &text, const QStringList &buttons,
+                          Appearance appearance) = 0;
+};
+
+// What the download window shows; the window mirrors it on every change.
+struct DownloadLibraryViewState
+{
+    QString actionText;
+    QString progressText;
+    bool progressTextHidden = false;
+    bool progressDeterminate = false;
+    double progressValue = 0; // 0.0 to 1.0 when determinate
+    QString cancelTitle = QStringLiteral("Cancel");
+    bool cancelEnabled = true;
+    bool cancelIsDefault = false; // answers the Return key
+    bool errorInfoVisible = false;
+    QString errorInfoText;
+};
+
+// Downloads the signed-in user's whole library into "My Lyrabox Library"
+// inside the chosen folder: a header request learns the track count, then one
+// chunk request per run of at most 50 tracks, one at a time, each extracted
+// (one at a time too) while the next one downloads. A failed chunk is retried
+// after 5 seconds, without limit. "download.json" records the end of the last
+// chunk extracted, so a later run resumes after it.
+//
+// Widget-free: the download window and the command line both drive it. Lives
+// on the main thread; destroying it stops the transfer and the extraction.
+class DownloadLibraryModel : public QObject, public UnzipDelegate
+{
+    Q_OBJECT
+
+public:
+    static constexpr qint64 kChunkLength = 50;
+    static constexpr int kRetryDelayMilliseconds = 5000;
+
+    DownloadLibraryModel(const QUrl &URL, const QString &userId, const QString &userToken,
+                         DownloadLibraryPrompter *prompter, QObject *parent = nullptr);
+    ~DownloadLibraryModel() override;
+
+    // The folder name inside the chosen one, and the resume record's name.
+    static QString libraryFolderName() { return QStringLiteral("My Lyrabox Library"); }
+    static QString resumeRecordName() { return QStringLiteral("download.json"); }
+    // The chunks (offset, length) that cover tracks start..count-1.
+    static QList<std::pair<qint64, qint64>> chunksFrom(qint64 start, qint64 count);
+    // The record's count, or none when it is missing or unreadable.
+    static std::optional<qint64> readResumeRecord(const QString &destination);
+
+    // Logs the start and sends the header request.
+    void start();
+
+    // The Cancel button: asks before aborting a running download; once the
+    // download is complete it opens the folder. Emits closeRequested to close.
+    void OnCancel();
+    // The info button beside the error line.
+    void OnErrorInfo();
+
+    QUrl URL() const { return m_URL; }
+    QString destinationPath() const;
+
+    qint64 totalTrackCount() const { return m_totalTrackCount; }
+    int downloadsScheduled() const { return m_downloadsScheduled; }
+    int downloadsCompleted() const { return m_downloadsCompleted; }
+    qint64 tracksCompleted() const { return m_tracksCompleted; }
+    int unzipsCompleted() const { return m_unzipsCompleted; }
+    qint64 unzipTotalSize() const { return m_unzipTotalSize; }
+    qint64 unzipTotalBytesWritten() const { return m_unzipTotalBytesWritten; }
+    bool isComplete() const { return m_isComplete; }
+    OptionalError downloadError() const { return m_downloadError; }
+    int downloadErrorCount() const { return m_downloadErrorCount; }
+
+    // The chunk being downloaded: its offset, bytes so far, the size the
+    // service announced (or -1) and the speed (-1 in its first second).
+    qint64 currentOffset() const { return m_currentOffset; }
+    qint64 currentBytes() const { return m_currentBytes; }
+    qint64 currentEstimatedBytes() const { return m_currentEstimatedBytes; }
+    qint64 currentSpeed() const { return m_currentSpeed; }
+
+    const DownloadLibraryViewState &viewState() const { return m_view; }
+
+    // Archive delegate; called on the extraction thread.
+    void onZKArchiveDidBeginUnzip(const QString &archivePath) override;
+    void onZKArchiveDidUpdateTotalSize(const QString &archivePath, qint64 totalSize) override;
+    void onZKArchiveDidUpdateBytesWritten(const QString &archivePath, qint64 bytesWritten) override;
+    void onZKArchiveDidEndUnzip(const QString &archivePath) override;
+    void onZKArchiveDidFail(const QString &archivePath) override;
+
+Q_SIGNALS:
+    void viewStateChanged();
+    void closeRequested();
+    void openFolderRequested(const QUrl &folder);
+    // The header request ended without a track count (the service was unreachable).
+    void configurationFailed(const Error &error);
+    void chunkDownloaded(qint64 offset, qint64 length, const QString &archivePath);
+    void chunkFailed(qint64 offset, qint64 length, const Error &error);
+    // After the archive is removed and the record written.
+    void chunkExtracted(qint64 offset, qint64 length);
+    void extractionFailed(const QString &archivePath);
+    void completed();
+
+private:
+    struct Extraction
+    {
+        std::shared_ptr<UnzipOperation> operation;
+        qint64 offset = 0;
+        qint64 length = 0;
+    };
+
+    void trackCountReceived(qint64 count);
+    DownloadLibraryOperation *makeChunkOperation(qint64 offset, qint64 length);
+    void chunkFinished(DownloadLibraryOperation *operation, const std::optional<QUrl> &file,
+                       const OptionalError &error);
+    void chunkProgress(DownloadLibraryOperation *operation, qint64 bytes, qint64 speed);
+    void addToDownloadQueue(DownloadLibraryOperation *operation, bool highPriority);
+    void startNextDownload();
+    void downloadFinished(DownloadLibraryOperation *operation);
+    void resumeDownloadQueue();
+    void addToUnzipQueue(const QString &archivePath, qint64 offset, qint64 length);
+
+    void didBeginUnzip();
+    void didEndUnzip(const QString &archivePath);
+    void didFailUnzip(const QString &archivePath);
+    bool everythingExtracted() const;
+    void writeResumeRecord(qint64 count);
+    void showDone();
+    void updateDownloadProgress();
+    void changeView();
+
+    QUrl m_URL;
+    QString m_userId;
+    QString m_userToken;
+    DownloadLibraryPrompter *m_prompter;
+
+    // One running download; the rest wait, retries in front.
+    std::deque<DownloadLibraryOperation *> m_downloadQueue;
+    DownloadLibraryOperation *m_runningDownload = nullptr;
+    bool m_downloadQueueSuspended = false;
+    QTimer m_resumeTimer;
+    bool m_countReceived = false;
+
+    QThreadPool m_unzipQueue;
+    QHash<QString, Extraction> m_extractions; // by archive path
+
+    qint64 m_totalTrackCount = 0;
+    int m_downloadsScheduled = 0;
+    int m_downloadsCompleted = 0;
+    qint64 m_tracksCompleted = 0;
+    int m_unzipsCompleted = 0;
+    qint64 m_unzipTotalSize = 0;
+    qint64 m_unzipTotalBytesWritten = 0;
+    bool m_isComplete = false;
+    OptionalError m_downloadError;
+    int m_downloadErrorCount = 0;
+
+    qint64 m_currentOffset = -1;
+    qint64 m_currentBytes = 0;
+    qint64 m_currentEstimatedBytes = -1;
+    qint64 m_currentSpeed = -1;
+    bool m_extractingShown = false;
+
+    DownloadLibraryViewState m_view;
+};
