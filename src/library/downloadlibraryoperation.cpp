@@ -77,6 +77,7 @@ private:
     void writeAvailableData();
     void taskCompleted();
     bool openPartialFile();
+    bool bodyCutShort() const;
     OptionalError moveIntoPlace(std::optional<QUrl> *downloadedFile);
     void finish(const std::optional<QUrl> &file, const OptionalError &error, int status, bool transportOK);
     QString chunkPath() const;
@@ -256,6 +257,17 @@ OptionalError DownloadLibraryWorker::moveIntoPlace(std::optional<QUrl> *download
     return std::nullopt;
 }
 
+bool DownloadLibraryWorker::bodyCutShort() const
+{
+    bool ok = false;
+    const qint64 announced = m_reply->rawHeader("Content-Length").toLongLong(&ok);
+    // With a content coding the announced length is not what reaches us.
+    if (!ok || m_reply->hasRawHeader("Content-Encoding")) {
+        return false;
+    }
+    return m_totalBytesWritten < announced && !m_writeError;
+}
+
 void DownloadLibraryWorker::taskCompleted()
 {
     if (m_completionHandled || !m_reply) {
@@ -265,7 +277,17 @@ void DownloadLibraryWorker::taskCompleted()
     m_completionHandled = true;
 
     const QVariant statusValue = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    const OptionalError transportError = TransportError::errorForReply(m_reply);
+    // A body cut off, timed out or cancelled after the headers arrived is still
+    // a transport failure: Qt's codes below 200 are those of the connection,
+    // the others stand for the HTTP status, which is judged below.
+    OptionalError transportError;
+    if (m_reply->error() != QNetworkReply::NoError && m_reply->error() < QNetworkReply::ContentAccessDenied) {
+        transportError = TransportError::errorForNetworkError(m_reply->error(), m_reply->errorString());
+    } else if (bodyCutShort()) {
+        // Qt 6.4 ends a reply whose connection closed before Content-Length
+        // bytes arrived as if it were whole.
+        transportError = TransportError::errorForNetworkError(QNetworkReply::RemoteHostClosedError, QString());
+    }
     if (m_writeError || transportError) {
         if (m_file) {
             m_file->remove();
@@ -361,7 +383,7 @@ QUrl DownloadLibraryOperation::requestURL(const QString &userId, const QString &
 OptionalError DownloadLibraryOperation::validateEndMarker(const QString &path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadWrite)) {
+    if (!file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly)) {
         Logger::log(QStringLiteral("Could not open file to validate end marker"));
         return Error::errorWithMessage(incompleteDownloadMessage());
     }
