@@ -62,8 +62,9 @@ std::optional<QByteArray> ID3Writer::write(const PLCID3Tag &tag, const QByteArra
     TagLib::ByteVector bytes(data.constData(), static_cast<unsigned int>(data.size()));
     TagLib::ByteVectorStream stream(bytes);
     TagLib::MPEG::File file(&stream, TagLib::ID3v2::FrameFactory::instance(), false);
-    if (!file.isValid()) {
-        return fail(QStringLiteral("Could not read the MP3 data to tag"));
+    // A tag is only written into MPEG audio: data without a single frame is refused.
+    if (!file.isValid() || file.firstFrameOffset() < 0) {
+        return fail(QStringLiteral("The data to tag is not MP3 audio"));
     }
 
     // The new tag replaces whatever ID3 v2 tag the file had.

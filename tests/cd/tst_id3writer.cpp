@@ -1,0 +1,230 @@
+#include "app/logger.h"
+#include "cd/id3writer.h"
+
+#include <taglib/attachedpictureframe.h>
+#include <taglib/commentsframe.h>
+#include <taglib/id3v2tag.h>
+#include <taglib/mpegfile.h>
+#include <taglib/tbytevectorstream.h>
+
+#include <QFile>
+#include <QtTest>
+
+namespace {
+
+// Ten silent MPEG-1 Layer III frames (128 kbit/s, 44.1 kHz, 417 bytes each).
+QByteArray mp3Bytes()
+{
+    QByteArray frame(417, '\0');
+    frame[0] = char(0xFF);
+    frame[1] = char(0xFB);
+    frame[2] = char(0x90);
+    frame[3] = char(0x64);
+    QByteArray data;
+    for (int i = 0; i < 10; ++i) {
+        data += frame;
+    }
+    return data;
+}
+
+QByteArray jpegBytes()
+{
+    return QByteArray::fromHex("FFD8FFE000104A46494600010100000100010000FFD9");
+}
+
+// The frames of the written tag, as TagLib reads them back.
+struct ReadBack
+{
+    int majorVersion = 0;
+    QMap<QByteArray, QStringList> texts;
+    QList<TagLib::ID3v2::AttachedPictureFrame::Type> pictureTypes;
+    QStringList pictureMimeTypes;
+    QList<QByteArray> pictures;
+    QStringList comments;
+    QByteArray audio;
+};
+
+QString fromTag(const TagLib::String &text)
+{
+    return QString::fromStdString(text.to8Bit(true));
+}
+
+ReadBack readBack(const QByteArray &written)
+{
+    ReadBack result;
+    TagLib::ByteVector bytes(written.constData(), static_cast<unsigned int>(written.size()));
+    TagLib::ByteVectorStream stream(bytes);
+    TagLib::MPEG::File file(&stream, TagLib::ID3v2::FrameFactory::instance(), false);
+    TagLib::ID3v2::Tag *tag = file.ID3v2Tag(false);
+    if (!tag) {
+        return result;
+    }
+    result.majorVersion = static_cast<int>(tag->header()->majorVersion());
+    for (TagLib::ID3v2::Frame *frame : tag->frameList()) {
+        const QByteArray id(frame->frameID().data(), 4);
+        if (auto *picture = dynamic_cast<TagLib::ID3v2::AttachedPictureFrame *>(frame)) {
+            result.pictureTypes.append(picture->type());
+            result.pictureMimeTypes.append(fromTag(picture->mimeType()));
+            result.pictures.append(QByteArray(picture->picture().data(), qsizetype(picture->picture().size())));
+        } else if (auto *comment = dynamic_cast<TagLib::ID3v2::CommentsFrame *>(frame)) {
+            result.comments.append(fromTag(comment->text()));
+        } else {
+            result.texts[id].append(fromTag(frame->toString()));
+        }
+    }
+    result.audio = written.mid(qsizetype(tag->header()->completeTagSize()));
+    return result;
+}
+
+QString logText()
+{
+    QFile file(Logger::logFileURL().toLocalFile());
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+} // namespace
+
+class TestID3Writer : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void writesEveryFrame();
+    void defaultsAndOmissions();
+    void pictureOnlyForPngAndJpeg_data();
+    void pictureOnlyForPngAndJpeg();
+    void replacesAnExistingTag();
+    void refusesDataThatIsNoMP3();
+};
+
+void TestID3Writer::writesEveryFrame()
+{
+    PLCID3Tag tag;
+    tag.setTitle(QStringLiteral("Título"));
+    tag.setAlbum(QStringLiteral("Album"));
+    tag.setArtist(QStringLiteral("Artist & Friend"));
+    tag.setAlbumArtist(QStringLiteral("Various"));
+    tag.setGenreText(QStringLiteral("Post-Rock"));
+    tag.setYear(1999);
+    tag.setTrack(3);
+    tag.setTotalTracks(12);
+    tag.setDiscNumber(2);
+    tag.setArtwork(jpegBytes());
+    OptionalError error;
+    const std::optional<QByteArray> written = ID3Writer::write(tag, mp3Bytes(), &error);
+    QVERIFY(written);
+    QVERIFY(!error);
+    QVERIFY(written->startsWith("ID3\x03"));
+
+    const ReadBack back = readBack(*written);
+    QCOMPARE(back.majorVersion, 3);
+    QCOMPARE(back.texts.value("TIT2"), QStringList{QStringLiteral("Título")});
+    QCOMPARE(back.texts.value("TALB"), QStringList{QStringLiteral("Album")});
+    QCOMPARE(back.texts.value("TPE1"), QStringList{QStringLiteral("Artist & Friend")});
+    QCOMPARE(back.texts.value("TPE2"), QStringList{QStringLiteral("Various")});
+    QCOMPARE(back.texts.value("TCON"), QStringList{QStringLiteral("Post-Rock")});
+    QCOMPARE(back.texts.value("TRCK"), QStringList{QStringLiteral("3/12")});
+    // The disc total is the disc's own number.
+    QCOMPARE(back.texts.value("TPOS"), QStringList{QStringLiteral("2/2")});
+    // No year is written.
+    QVERIFY(!back.texts.contains("TYER"));
+    QVERIFY(!back.texts.contains("TDRC"));
+    QCOMPARE(back.comments, QStringList{QStringLiteral("Ripped by Lyrabox Pelicane Mac")});
+    QCOMPARE(back.pictures, QList<QByteArray>{jpegBytes()});
+    QCOMPARE(back.pictureMimeTypes, QStringList{QStringLiteral("image/jpeg")});
+    QCOMPARE(back.pictureTypes,
+             QList<TagLib::ID3v2::AttachedPictureFrame::Type>{TagLib::ID3v2::AttachedPictureFrame::FrontCover});
+    QCOMPARE(back.audio, mp3Bytes());
+}
+
+void TestID3Writer::defaultsAndOmissions()
+{
+    const std::optional<QByteArray> written = ID3Writer::write(PLCID3Tag(), mp3Bytes());
+    QVERIFY(written);
+    const ReadBack back = readBack(*written);
+    QCOMPARE(back.majorVersion, 3);
+    // Track and disc default to 1 of 1; absent texts leave their frames out.
+    QCOMPARE(back.texts.value("TRCK"), QStringList{QStringLiteral("1/1")});
+    QCOMPARE(back.texts.value("TPOS"), QStringList{QStringLiteral("1/1")});
+    QCOMPARE(back.texts.keys(), (QList<QByteArray>{"TPOS", "TRCK"}));
+    QVERIFY(back.pictures.isEmpty());
+    QCOMPARE(back.comments.size(), 1);
+}
+
+void TestID3Writer::pictureOnlyForPngAndJpeg_data()
+{
+    QTest::addColumn<QByteArray>("artwork");
+    QTest::addColumn<QString>("format"); // null: as guessed
+    QTest::addColumn<bool>("embedded");
+    QTest::addColumn<QString>("logLine"); // empty: none
+    const QByteArray png = QByteArray::fromHex("89504E470D0A1A0A0000000D49484452");
+    const QByteArray gif = QByteArray("GIF89a\x01\x00\x01\x00\x00\x00", 12);
+    QTest::newRow("png") << png << QString() << true << QString();
+    QTest::newRow("jpeg") << jpegBytes() << QString() << true << QString();
+    QTest::newRow("gif") << gif << QString() << false
+                         << QStringLiteral("Skipping ID3 picture of unknown format: image/gif");
+    QTest::newRow("unknown bytes") << QByteArray("twelve bytes!") << QString() << false
+                                   << QStringLiteral("Skipping ID3 picture of unknown format: none");
+    QTest::newRow("png declared other") << png << QStringLiteral("image/PNG") << false
+                                        << QStringLiteral("Skipping ID3 picture of unknown format: image/PNG");
+}
+
+void TestID3Writer::pictureOnlyForPngAndJpeg()
+{
+    QFETCH(QByteArray, artwork);
+    QFETCH(QString, format);
+    QFETCH(bool, embedded);
+    QFETCH(QString, logLine);
+    PLCID3Tag tag;
+    tag.setArtwork(artwork);
+    if (!format.isNull()) {
+        tag.setArtworkFormat(format);
+    }
+    Logger::clearLog();
+    const std::optional<QByteArray> written = ID3Writer::write(tag, mp3Bytes());
+    QVERIFY(written);
+    const ReadBack back = readBack(*written);
+    QCOMPARE(back.pictures.size(), embedded ? 1 : 0);
+    if (embedded) {
+        QCOMPARE(back.pictures.first(), artwork);
+        QCOMPARE(back.pictureMimeTypes.first(), *tag.artworkFormat());
+    }
+    const QString log = logText();
+    if (logLine.isEmpty()) {
+        QVERIFY2(!log.contains(QStringLiteral("Skipping ID3 picture")), qPrintable(log));
+    } else {
+        QVERIFY2(log.contains(logLine + QLatin1Char('\n')), qPrintable(log));
+    }
+}
+
+void TestID3Writer::replacesAnExistingTag()
+{
+    PLCID3Tag first;
+    first.setTitle(QStringLiteral("Old"));
+    first.setGenreText(QStringLiteral("Old Genre"));
+    const std::optional<QByteArray> once = ID3Writer::write(first, mp3Bytes());
+    QVERIFY(once);
+    PLCID3Tag second;
+    second.setTitle(QStringLiteral("New"));
+    const std::optional<QByteArray> twice = ID3Writer::write(second, *once);
+    QVERIFY(twice);
+    const ReadBack back = readBack(*twice);
+    QCOMPARE(back.texts.value("TIT2"), QStringList{QStringLiteral("New")});
+    QVERIFY(!back.texts.contains("TCON"));
+    QCOMPARE(back.comments.size(), 1);
+    QCOMPARE(back.audio, mp3Bytes());
+}
+
+void TestID3Writer::refusesDataThatIsNoMP3()
+{
+    for (const QByteArray &data : {QByteArray(), QByteArray(4000, 'x'), QByteArray("RIFF\x24\x00\x00\x00WAVE", 12)}) {
+        OptionalError error;
+        const std::optional<QByteArray> written = ID3Writer::write(PLCID3Tag(), data, &error);
+        QVERIFY(!written);
+        QVERIFY(error.has_value());
+        QCOMPARE(error->localizedDescription(), QStringLiteral("The data to tag is not MP3 audio"));
+    }
+}
+
+QTEST_GUILESS_MAIN(TestID3Writer)
+#include "tst_id3writer.moc"
