@@ -1,0 +1,239 @@
+#include "session/folderscan.h"
+
+#include "app/logger.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+QString lastPathComponent(const QString &path)
+{
+    qsizetype end = path.size();
+    while (end > 1 && path.at(end - 1) == QLatin1Char('/')) {
+        --end;
+    }
+    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'), end - 1);
+    return path.mid(slash + 1, end - slash - 1);
+}
+
+bool isAscii(const QByteArray &bytes)
+{
+    for (const char c : bytes) {
+        if (static_cast<unsigned char>(c) >= 0x80) {
+            return false;
+        }
+    }
+    return true;
+}
+
+QByteArray extensionOfName(const QByteArray &name)
+{
+    const qsizetype dot = name.lastIndexOf('.');
+    return dot < 0 ? QByteArray() : name.mid(dot + 1);
+}
+
+} // namespace
+
+FolderScan::FolderScan(const QStringList &supportedFormats)
+{
+    for (const QString &format : supportedFormats) {
+        m_formats.insert(format);
+        const QByteArray bytes = format.toUtf8();
+        // Only formats that some lower-case ASCII extension can equal.
+        if (isAscii(bytes) && bytes == bytes.toLower()) {
+            m_asciiFormats.insert(bytes);
+        }
+    }
+}
+
+QString FolderScan::lowerCaseExtension(const QString &path)
+{
+    const QString name = lastPathComponent(path);
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    return dot < 0 ? QString() : name.mid(dot + 1).toLower();
+}
+
+bool FolderScan::fileIsAlias(const QString &path)
+{
+    Q_UNUSED(path);
+    return false;
+}
+
+bool FolderScan::isPackageName(const QByteArray &name)
+{
+    // Folders that macOS shows as single files; copied libraries and projects
+    // keep their media inside, which is not the user's music.
+    static const QSet<QByteArray> packages{
+        "app",       "bundle",        "framework", "plugin",       "kext",          "component",    "pkg",
+        "mpkg",      "band",          "logicx",    "logic",        "photoslibrary", "photolibrary", "aplibrary",
+        "fcpbundle", "imovielibrary", "tvlibrary", "musiclibrary", "theater",       "rtfd",         "pages",
+        "numbers",   "key",           "xcodeproj", "vst",          "vst3",          "aaxplugin",    "mtpkg"};
+    const QByteArray extension = extensionOfName(name).toLower();
+    return !extension.isEmpty() && packages.contains(extension);
+}
+
+QString FolderScan::walkErrorDescription(const QString &path, int errorNumber)
+{
+    const QString name = lastPathComponent(path);
+    switch (errorNumber) {
+    case EACCES:
+    case EPERM:
+        return QStringLiteral("The folder “%1” couldn’t be opened because you don’t have permission to view it.")
+            .arg(name);
+    case ENOENT:
+        return QStringLiteral("The folder “%1” couldn’t be opened because there is no such folder.").arg(name);
+    default:
+        return QStringLiteral("The folder “%1” couldn’t be opened. (%2)")
+            .arg(name, QString::fromLocal8Bit(std::strerror(errorNumber)));
+    }
+}
+
+bool FolderScan::isSupported(const QByteArray &name) const
+{
+    const QByteArray extension = extensionOfName(name);
+    if (isAscii(extension)) {
+        return m_asciiFormats.contains(extension.toLower());
+    }
+    return m_formats.contains(QFile::decodeName(extension).toLower());
+}
+
+FolderScan::FileRule FolderScan::applyFileRule(const QString &path, const FileSink &sink, EntryKind kind) const
+{
+    const QString extension = lowerCaseExtension(path);
+    if (path.startsWith(QLatin1Char('.'))) {
+        // Cloud placeholders (".iCloud") only exist where a cloud drive puts
+        // them; nothing here asks for their download.
+        return FileRule::Hidden;
+    }
+    if (!m_formats.contains(extension)) {
+        return FileRule::Unsupported;
+    }
+    if (fileIsAlias(path)) {
+        Logger::log(QStringLiteral("Skipping alias: ") + path);
+        return FileRule::Alias;
+    }
+    if (path.contains(QLatin1String("/.Trash/"))) {
+        Logger::log(QStringLiteral("Skipping trashed file: ") + lastPathComponent(path));
+        return FileRule::Trashed;
+    }
+    bool exists = kind != EntryKind::Unknown;
+    bool isDirectory = kind == EntryKind::Directory;
+    if (kind == EntryKind::Unknown) {
+        // Follows symbolic links: a link is judged by what it points to.
+        struct stat info;
+        exists = ::stat(QFile::encodeName(path).constData(), &info) == 0;
+        isDirectory = exists && S_ISDIR(info.st_mode);
+    }
+    if (isDirectory) {
+        Logger::log(QStringLiteral("Skipping directory: ") + lastPathComponent(path));
+        return FileRule::Directory;
+    }
+    if (exists) {
+        if (sink) {
+            sink(path);
+        }
+        return FileRule::Added;
+    }
+    Logger::log(QStringLiteral("Skipping non-existent file: ") + lastPathComponent(path));
+    return FileRule::NonExistent;
+}
+
+FolderScan::Outcome FolderScan::scan(const QStringList &roots, const FileSink &sink,
+                                     const CancelCheck &isCanceled) const
+{
+    Outcome outcome;
+    for (const QString &root : roots) {
+        if (isCanceled && isCanceled()) {
+            return outcome;
+        }
+        QByteArray encoded = QFile::encodeName(root);
+        struct stat info;
+        if (!encoded.isEmpty() && ::stat(encoded.constData(), &info) == 0 && S_ISDIR(info.st_mode)) {
+            while (encoded.size() > 1 && encoded.endsWith('/')) {
+                encoded.chop(1);
+            }
+            if (!walk(encoded, sink, isCanceled, outcome.errorCount)) {
+                return outcome;
+            }
+        } else {
+            applyFileRule(root, sink);
+        }
+    }
+    outcome.finished = true;
+    return outcome;
+}
+
+bool FolderScan::walk(const QByteArray &folder, const FileSink &sink, const CancelCheck &isCanceled,
+                      qint64 &errorCount) const
+{
+    const auto reportError = [&errorCount](const QByteArray &path, int errorNumber) {
+        const QString decoded = QFile::decodeName(path);
+        Logger::log(QStringLiteral("Scan error (%1): %2").arg(decoded, walkErrorDescription(decoded, errorNumber)));
+        ++errorCount;
+    };
+
+    struct Entry
+    {
+        QByteArray name;
+        unsigned char type;
+    };
+    // The folder is read whole and closed before descending, so deep trees
+    // hold one descriptor at a time.
+    std::vector<Entry> entries;
+    DIR *dir = ::opendir(folder.constData());
+    if (!dir) {
+        reportError(folder, errno);
+        return true;
+    }
+    for (;;) {
+        errno = 0;
+        const dirent *entry = ::readdir(dir);
+        if (!entry) {
+            if (errno != 0) {
+                reportError(folder, errno);
+            }
+            break;
+        }
+        const char *name = entry->d_name;
+        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
+            continue;
+        }
+        entries.push_back(Entry{QByteArray(name), entry->d_type});
+    }
+    ::closedir(dir);
+
+    const QByteArray prefix = folder == "/" ? folder : folder + '/';
+    for (const Entry &entry : entries) {
+        if (isCanceled && isCanceled()) {
+            return false;
+        }
+        const QByteArray path = prefix + entry.name;
+        unsigned char type = entry.type;
+        if (type == DT_UNKNOWN) {
+            struct stat info;
+            if (::lstat(path.constData(), &info) == 0) {
+                type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISLNK(info.st_mode) ? DT_LNK : DT_REG;
+            }
+        }
+        // Unsupported names never reach the rule: it would skip them without a
+        // word anyway, and this spares decoding most of a tree's paths.
+        if (isSupported(entry.name)) {
+            const EntryKind kind = type == DT_DIR                         ? EntryKind::Directory
+                                   : type == DT_LNK || type == DT_UNKNOWN ? EntryKind::Unknown
+                                                                          : EntryKind::File;
+            applyFileRule(QFile::decodeName(path), sink, kind);
+        }
+        if (type == DT_DIR && !isPackageName(entry.name)) {
+            if (!walk(path, sink, isCanceled, errorCount)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}

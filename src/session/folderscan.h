@@ -1,0 +1,78 @@
+#pragma once
+
+#include <QByteArray>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+// The folder scan without a window: walks the roots and passes every path
+// through the per-file rule, which keeps the music files of supported types.
+// Used by the session, pelicane-cli and the benchmarks.
+//
+// The walk goes depth first in the order the file system lists each folder,
+// includes hidden entries, does not follow symbolic links to folders (a link
+// is one entry, judged by what it points to) and does not descend into
+// packages (bundle folders such as "Song.band"). A folder that cannot be read
+// is a walk error: it is logged, counted, and the walk goes on.
+class FolderScan
+{
+public:
+    // Which step of the per-file rule decided about a path.
+    enum class FileRule {
+        Hidden,      // the path begins with "."
+        Unsupported, // not a supported extension (not logged)
+        Alias,       // "Skipping alias: %@"
+        Trashed,     // "Skipping trashed file: %@"
+        Directory,   // "Skipping directory: %@"
+        Added,       // handed to the sink
+        NonExistent, // "Skipping non-existent file: %@"
+    };
+
+    // What the walk already knows about an entry, which spares a stat().
+    enum class EntryKind { Unknown, Directory, File };
+
+    using FileSink = std::function<void(const QString &path)>;
+    using CancelCheck = std::function<bool()>;
+
+    struct Outcome
+    {
+        bool finished = false; // false: abandoned because the cancel check said so
+        qint64 errorCount = 0;
+    };
+
+    // supportedFormats: the extensions that count, compared with each file's
+    // lower-case extension.
+    explicit FolderScan(const QStringList &supportedFormats);
+
+    // Scans the roots in order. A root that is an existing folder (a symbolic
+    // link to one included) is walked; any other root goes through the
+    // per-file rule itself. isCanceled is asked before every entry; once it
+    // answers true the scan stops at once. Kept files go to sink in the order
+    // they are met; the sink drops repeats.
+    Outcome scan(const QStringList &roots, const FileSink &sink, const CancelCheck &isCanceled = {}) const;
+
+    // The per-file rule for one path, with its log line.
+    FileRule applyFileRule(const QString &path, const FileSink &sink, EntryKind kind = EntryKind::Unknown) const;
+
+    // The path's extension in lower case ("MP3" -> "mp3"); empty when none.
+    static QString lowerCaseExtension(const QString &path);
+
+    // True for an alias file. Linux has none, and a symbolic link is not an
+    // alias: it is judged by what it points to.
+    static bool fileIsAlias(const QString &path);
+
+    // True for a folder name the walk does not descend into.
+    static bool isPackageName(const QByteArray &name);
+
+    // The message of a walk error on path.
+    static QString walkErrorDescription(const QString &path, int errorNumber);
+
+private:
+    bool walk(const QByteArray &folder, const FileSink &sink, const CancelCheck &isCanceled, qint64 &errorCount) const;
+    bool isSupported(const QByteArray &name) const;
+
+    QSet<QString> m_formats;
+    QSet<QByteArray> m_asciiFormats;
+};

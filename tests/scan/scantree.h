@@ -1,0 +1,116 @@
+#pragma once
+
+// Helpers of the scan tests: building real folder trees, including folders
+// that the walk cannot read even when the tests run as root.
+
+#include <QByteArray>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QString>
+
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace ScanTree {
+
+inline bool writeFile(const QString &path, const QByteArray &bytes = QByteArray("x"))
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+inline bool makeLink(const QString &target, const QString &link)
+{
+    return ::symlink(QFile::encodeName(target).constData(), QFile::encodeName(link).constData()) == 0;
+}
+
+// A chain of folders below parent whose full path grows past PATH_MAX, so
+// opening the deepest ones fails with "File name too long" for every user,
+// root included. The walk hits exactly one error in it: at the first folder
+// too long to open, whose contents it then cannot see. Returns that folder's
+// path (longer than any path the system accepts).
+inline QString makeTooDeepFolder(const QString &parent, const QString &name)
+{
+    const QByteArray component(200, 'd');
+    QByteArray path = QFile::encodeName(parent) + '/' + QFile::encodeName(name);
+    if (::mkdir(path.constData(), 0755) != 0) {
+        return {};
+    }
+    int fd = ::open(path.constData(), O_RDONLY | O_DIRECTORY);
+    QByteArray firstTooLong;
+    while (fd >= 0 && path.size() < 4096 + 2 * component.size()) {
+        if (::mkdirat(fd, component.constData(), 0755) != 0) {
+            ::close(fd);
+            return {};
+        }
+        const int next = ::openat(fd, component.constData(), O_RDONLY | O_DIRECTORY);
+        ::close(fd);
+        fd = next;
+        path += '/' + component;
+        if (firstTooLong.isEmpty() && path.size() >= 4096) {
+            firstTooLong = path;
+        }
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    return QFile::decodeName(firstTooLong);
+}
+
+// While alive, the calling thread obeys file permissions even as root (it
+// gives up the capabilities that override them), so a folder with mode 000
+// cannot be read. Other threads keep theirs.
+class ObeyFilePermissions
+{
+public:
+    ObeyFilePermissions()
+    {
+        if (::geteuid() != 0) {
+            return;
+        }
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        if (::syscall(SYS_capget, &header, m_saved) != 0) {
+            return;
+        }
+        __user_cap_data_struct lowered[2] = {m_saved[0], m_saved[1]};
+        lowered[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+        m_lowered = ::syscall(SYS_capset, &header, lowered) == 0;
+    }
+    ~ObeyFilePermissions()
+    {
+        if (m_lowered) {
+            __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+            ::syscall(SYS_capset, &header, m_saved);
+        }
+    }
+    ObeyFilePermissions(const ObeyFilePermissions &) = delete;
+    ObeyFilePermissions &operator=(const ObeyFilePermissions &) = delete;
+
+    // True when a mode-000 folder is now unreadable for this thread.
+    bool isEffective() const { return ::geteuid() != 0 || m_lowered; }
+
+private:
+    __user_cap_data_struct m_saved[2] = {};
+    bool m_lowered = false;
+};
+
+} // namespace ScanTree
+
+#include <QProcess>
+
+namespace ScanTree {
+
+// Removes a tree, however deep (rm works below PATH_MAX with relative opens).
+inline void removeTree(const QString &path)
+{
+    if (!path.isEmpty()) {
+        QProcess::execute(QStringLiteral("rm"), {QStringLiteral("-rf"), path});
+    }
+}
+
+} // namespace ScanTree
