@@ -1,4 +1,6 @@
 #include "audio/cdripper.h"
+#include "cd/plcaudiocdprocessor.h"
+#include "platform/discimages.h"
 #include "support/discimage.h"
 
 #include <QTemporaryDir>
@@ -119,6 +121,7 @@ private slots:
     void noiseRipsInTheRightByteOrder();
     void driveTextsAndHarmlessNotice();
     void openAndFreeEdges();
+    void ripsTheChosenDiscThroughTheSharedHandle();
 
 private:
     QTemporaryDir m_dir;
@@ -428,6 +431,38 @@ void TestCDRipper::openAndFreeEdges()
     QVERIFY(!context);
     QCOMPARE(int(cdio_get_num_tracks(disc.get())), m_standard.trackCount());
     QCOMPARE(cdio_get_track_lsn(disc.get(), 2), lsn_t(m_standard.trackFirstSector(1)));
+}
+
+void TestCDRipper::ripsTheChosenDiscThroughTheSharedHandle()
+{
+    // Two discs inserted; the one opened is the one ripped, cue or toc.
+    const DiscImage other = DiscImage::create(m_dir.path(), QStringLiteral("other"), DiscImage::audioOptions({90, 60}));
+    const QString toc = m_standard.writeToc();
+    QVERIFY(!toc.isEmpty());
+    QVERIFY(DiscImages::insert(other.cuePath()));
+    QVERIFY(DiscImages::insert(m_standard.cuePath()));
+    QVERIFY(DiscImages::insert(toc));
+    for (const QString &volume : {m_standard.cuePath(), toc}) {
+        const OptionalError error = PLCAudioCDProcessor::openDeviceForVolume(volume);
+        QVERIFY2(!error, qPrintable(error ? error->localizedDescription() : QString()));
+        QCOMPARE(PLCAudioCDProcessor::deviceName(), volume);
+        RipSettings settings;
+        settings.readRetries = 5;
+        RipContext *context = nullptr;
+        QCOMPARE(ripOpen(&context, &settings, PLCAudioCDProcessor::cdio()), 0);
+        for (int i = 0; i < m_standard.trackCount(); ++i) {
+            const RipResult result = rip(context, uint32_t(i + 1));
+            QCOMPARE(result.status, 0);
+            QVERIFY2(result.audio == m_standard.trackBytes(i), qPrintable(volume));
+        }
+        ripFree(&context);
+        // The handle outlives the engine until the disc is ejected.
+        QCOMPARE(int(cdio_get_num_tracks(PLCAudioCDProcessor::cdio())), m_standard.trackCount());
+    }
+    QVERIFY(!PLCAudioCDProcessor::eject());
+    QVERIFY(!PLCAudioCDProcessor::cdio());
+    QCOMPARE(DiscImages::list(), (QStringList{other.cuePath(), m_standard.cuePath()}));
+    DiscImages::clear();
 }
 
 QTEST_GUILESS_MAIN(TestCDRipper)

@@ -165,6 +165,24 @@ QByteArray DiscImage::trackBytes(int index) const
     return bin.read(qint64(trackSectors(index)) * kSectorBytes);
 }
 
+QString DiscImage::writeToc() const
+{
+    QString path = m_cuePath;
+    path.replace(path.size() - 4, 4, QStringLiteral(".toc"));
+    QFile toc(path);
+    if (!m_valid || !toc.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
+        return QString();
+    }
+    QTextStream out(&toc);
+    out << "CD_DA\n";
+    for (int t = 0; t < trackCount(); ++t) {
+        out << "\nTRACK AUDIO\nFILE " << quoted(m_binPath) << " " << msf(trackFirstSector(t)) << " "
+            << msf(trackSectors(t)) << "\n";
+    }
+    out.flush();
+    return toc.error() == QFileDevice::NoError ? path : QString();
+}
+
 DiscImage DiscImage::create(const QString &directory, const QString &baseName, const Options &options)
 {
     DiscImage image;

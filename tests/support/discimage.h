@@ -41,6 +41,12 @@ public:
     // Writes <directory>/<baseName>.cue and .bin; check isValid().
     static DiscImage create(const QString &directory, const QString &baseName, const Options &options);
 
+    // Writes a cdrdao table of contents for the same .bin beside the cue
+    // (audio tracks only, no CD-TEXT); its path, or empty on failure. libcdio
+    // reads a toc's file names from the working folder, so the .bin is named
+    // by its absolute path.
+    QString writeToc() const;
+
     bool isValid() const { return m_valid; }
     QString cuePath() const { return m_cuePath; }
     QString binPath() const { return m_binPath; }
