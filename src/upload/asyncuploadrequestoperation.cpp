@@ -1,0 +1,444 @@
+#include "upload/asyncuploadrequestoperation.h"
+
+#include "app/logger.h"
+#include "cd/plcvolumetype.h"
+#include "platform/dispatch.h"
+#include "platform/formatting.h"
+#include "service/core/httpstatuscodemap.h"
+#include "service/core/transporterror.h"
+#include "upload/uploadbodydevice.h"
+#include "upload/uploadstream.h"
+
+#include <QDateTime>
+#include <QDeadlineTimer>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QTimer>
+#include <QUrl>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+
+namespace {
+
+qint64 monotonicMs()
+{
+    static QElapsedTimer clock = [] {
+        QElapsedTimer timer;
+        timer.start();
+        return timer;
+    }();
+    return clock.elapsed();
+}
+
+double secondsSinceEpoch()
+{
+    return double(QDateTime::currentMSecsSinceEpoch()) / 1000.0;
+}
+
+} // namespace
+
+AsyncUploadRequestOperation::AsyncUploadRequestOperation(const AsyncUploadRequestConfiguration &configuration)
+    : AsyncUploadRequestOperation(configuration, Timeouts())
+{}
+
+AsyncUploadRequestOperation::AsyncUploadRequestOperation(const AsyncUploadRequestConfiguration &configuration,
+                                                         const Timeouts &timeouts)
+    : m_config(configuration), m_timeouts(timeouts)
+{
+    setName(QFileInfo(configuration.filePath).fileName());
+}
+
+AsyncUploadRequestOperation::~AsyncUploadRequestOperation() = default;
+
+void AsyncUploadRequestOperation::logMessage(const QString &message) const
+{
+    Logger::log(nullable(QFileInfo(m_config.filePath).fileName()) + QStringLiteral(": ") + message);
+}
+
+QString AsyncUploadRequestOperation::mimeTypeForPath(const QString &path)
+{
+    return UploadStream::mimeTypeForPath(path);
+}
+
+// ---------------------------------------------------------------------------
+// Reports
+
+bool AsyncUploadRequestOperation::claimReport()
+{
+    return !m_didExecuteCallbackBlock.exchange(true);
+}
+
+void AsyncUploadRequestOperation::reportFailure(const Error &error)
+{
+    if (!claimReport()) {
+        return;
+    }
+    if (auto block = fileLoadFailedBlock) {
+        dispatchAsyncMain([block, error] { block(error); });
+    }
+}
+
+void AsyncUploadRequestOperation::reportSuccess()
+{
+    // A cancel that came before the outcome was decided wins: the caller
+    // asked for the upload to stop and hears that it stopped.
+    if (isCancelled()) {
+        reportFailure(Error::cancelledError());
+        return;
+    }
+    if (!claimReport()) {
+        return;
+    }
+    if (auto block = fileLoadSucceededBlock) {
+        dispatchAsyncMain([block] { block(); });
+    }
+}
+
+void AsyncUploadRequestOperation::finishOperation()
+{
+    m_stopReadingCD = true;
+    setExecuting(false);
+    setFinished(true);
+}
+
+// ---------------------------------------------------------------------------
+// Start and cancel
+
+void AsyncUploadRequestOperation::cancel()
+{
+    Operation::cancel();
+    QMutexLocker locker(&m_workerLock);
+    m_retryWait.wakeAll();
+    // The request belongs to the worker thread; it is stopped there.
+    if (m_workerContext) {
+        QMetaObject::invokeMethod(
+            m_workerContext, [this] { abortTransfer(); }, Qt::QueuedConnection);
+    }
+}
+
+void AsyncUploadRequestOperation::waitBeforeRetry()
+{
+    // A cancel cuts the wait short; the operation then reports it below.
+    QMutexLocker locker(&m_workerLock);
+    const QDeadlineTimer deadline(m_timeouts.retryDelayMs);
+    while (!isCancelled() && !deadline.hasExpired()) {
+        m_retryWait.wait(&m_workerLock, deadline);
+    }
+}
+
+void AsyncUploadRequestOperation::start()
+{
+    logMessage(QStringLiteral("Task Started"));
+    setExecuting(true);
+
+    if (m_config.isRetry) {
+        logMessage(QStringLiteral("Waiting 5 seconds to retry..."));
+        waitBeforeRetry();
+        logMessage(QStringLiteral("Retrying"));
+    }
+
+    QNetworkRequest request(QUrl(m_config.uploadURL));
+
+    // A CD track is a file of its disc volume, which only the disc model
+    // knows about.
+    const QString &path = m_config.filePath;
+    const bool onDisc = !path.isEmpty() && PLCVolumeType::isDiskAtURL(QUrl::fromLocalFile(QFileInfo(path).path()));
+    qint64 size = 0;
+    if (onDisc) {
+        const auto track = PLCVolumeType::trackFileAtPath(path);
+        if (!track) {
+            reportFailure(Error::errorWithMessage(QStringLiteral("File does not exist"), 200));
+            finishOperation();
+            return;
+        }
+        size = track->size;
+    } else {
+        if (path.isEmpty() || !QFileInfo::exists(path)) {
+            reportFailure(Error::errorWithMessage(QStringLiteral("File does not exist"), 200));
+            finishOperation();
+            return;
+        }
+        struct stat attributes
+        {
+        };
+        if (::stat(QFile::encodeName(path).constData(), &attributes) != 0) {
+            const int code = errno;
+            reportFailure(Error::withDomain(QStringLiteral("NSPOSIXErrorDomain"), code,
+                                            QString::fromLocal8Bit(std::strerror(code))));
+            finishOperation();
+            return;
+        }
+        size = qint64(attributes.st_size);
+    }
+
+    m_didWriteHeader = false;
+    m_didWriteFooter = false;
+    m_headerData = UploadStream::beginMultipartDataUpload(m_config);
+    m_footerData = UploadStream::endMultipartDataUpload(m_config);
+    m_fileSize = size;
+
+    request.setRawHeader("User-Agent", m_config.userAgent.toUtf8());
+    request.setRawHeader("Content-Type",
+                         (QStringLiteral("multipart/form-data; boundary=") + UploadStream::boundary()).toUtf8());
+
+    if (isCancelled()) {
+        reportFailure(Error::cancelledError());
+        finishOperation();
+        return;
+    }
+
+    m_operationStartTime = secondsSinceEpoch();
+    m_isUploadingAudioCD = onDisc;
+
+    QString bodyPath = path;
+    qint64 bodySize = size;
+    if (onDisc && !beginReadingCD(&bodyPath, &bodySize)) {
+        finishOperation();
+        return;
+    }
+
+    transfer(request, bodyPath, bodySize);
+    finishOperation();
+}
+
+// ---------------------------------------------------------------------------
+// The transfer, on the worker thread
+
+void AsyncUploadRequestOperation::transfer(QNetworkRequest &request, const QString &bodyPath, qint64 bodySize)
+{
+    QNetworkAccessManager manager;
+    QObject context;
+    UploadBodyDevice body(m_headerData, bodyPath, bodySize, m_footerData,
+                          [this](const QString &message) { logMessage(message); });
+    QEventLoop loop;
+    m_loop = &loop;
+    m_body = &body;
+    m_transferDone = false;
+    m_timedOut = false;
+    m_bodyRefused = false;
+    m_abortAtMs = -1;
+    m_responseData.clear();
+
+    if (!body.open(QIODevice::ReadOnly)) {
+        reportFailure(Error::errorWithMessage(QStringLiteral("File Load Error: %1").arg(body.errorString()), 200));
+        m_body = nullptr;
+        m_loop = nullptr;
+        return;
+    }
+
+    connect(&body, &UploadBodyDevice::footerWritten, &context, [this] {
+        m_didWriteFooterAtMs = monotonicMs();
+        m_didWriteHeader = true;
+        m_didWriteFooter = true;
+    });
+    connect(
+        &body, &UploadBodyDevice::newBodyRequested, &context,
+        [this] {
+            // The connection went down under the body and Qt wants to send it
+            // again: the upload ends, as a lost connection, so it can be retried.
+            m_bodyRefused = true;
+            endSoon();
+        },
+        Qt::QueuedConnection);
+    connect(
+        &body, &UploadBodyDevice::sourceFailed, &context,
+        [this](const QString &detail) {
+            reportFailure(Error::errorWithMessage(QStringLiteral("File Load Error: %1").arg(detail), 200));
+            endSoon();
+        },
+        Qt::QueuedConnection);
+
+    request.setHeader(QNetworkRequest::ContentLengthHeader, body.size());
+    request.setAttribute(QNetworkRequest::DoNotBufferUploadDataAttribute, true);
+    request.setAttribute(QNetworkRequest::EmitAllUploadProgressSignalsAttribute, true);
+
+    QTimer idle;
+    idle.setSingleShot(true);
+    idle.setInterval(m_timeouts.requestTimeoutMs);
+    connect(&idle, &QTimer::timeout, &context, [this] {
+        m_timedOut = true;
+        abortTransfer();
+    });
+
+    std::unique_ptr<QNetworkReply> reply(manager.post(request, &body));
+    m_uploadTask = reply.get();
+    connect(reply.get(), &QNetworkReply::uploadProgress, &context, [this, &idle](qint64 sent, qint64 total) {
+        idle.start();
+        // Qt closes a reply with (0, 0), which counts no bytes.
+        if (total > 0) {
+            handleUploadProgress(sent);
+        }
+    });
+    connect(reply.get(), &QNetworkReply::readyRead, &context, [this, &idle] {
+        idle.start();
+        m_responseData += m_uploadTask->readAll();
+    });
+    connect(reply.get(), &QNetworkReply::finished, &context, [this, &loop] {
+        if (m_uploadTask->isOpen()) {
+            m_responseData += m_uploadTask->readAll();
+        }
+        m_transferDone = true;
+        handleCompletion(m_uploadTask);
+        loop.quit();
+    });
+
+    // The event loop runs in one-second slices; between them the stuck guard
+    // looks at the clock.
+    QTimer slice;
+    slice.setInterval(1000);
+    connect(&slice, &QTimer::timeout, &context, [this, &loop] {
+        checkStuck();
+        if (m_transferDone || isFinished()) {
+            loop.quit();
+        } else if (m_abortAtMs >= 0 ? monotonicMs() >= m_abortAtMs : isCancelled()) {
+            abortTransfer();
+        }
+    });
+
+    {
+        QMutexLocker locker(&m_workerLock);
+        m_workerContext = &context;
+    }
+    idle.start();
+    slice.start();
+    if (isCancelled()) {
+        abortTransfer();
+    }
+    if (!m_transferDone) {
+        loop.exec();
+    }
+    {
+        QMutexLocker locker(&m_workerLock);
+        m_workerContext = nullptr;
+    }
+    // Whatever is still in flight goes with the session.
+    abortTransfer();
+    slice.stop();
+    idle.stop();
+    reply->disconnect(&context);
+    reply.reset();
+    m_uploadTask = nullptr;
+    m_body = nullptr;
+    m_loop = nullptr;
+    body.close();
+}
+
+void AsyncUploadRequestOperation::endSoon()
+{
+    // Qt fails the request by itself when the body gives out; aborting as
+    // well would make it report twice. The abort is only the fallback.
+    Operation::cancel();
+    m_abortAtMs = monotonicMs() + 2000;
+}
+
+void AsyncUploadRequestOperation::abortTransfer()
+{
+    if (m_uploadTask && !m_uploadTask->isFinished()) {
+        m_uploadTask->abort();
+    }
+}
+
+void AsyncUploadRequestOperation::handleUploadProgress(qint64 bytesSent)
+{
+    if (!m_body) {
+        return;
+    }
+    if (m_body->didWriteHeader()) {
+        m_didWriteHeader = true;
+    }
+    if (!fileLoadProgressBlock) {
+        return;
+    }
+    // The divisor shrinks as the envelopes go out, and for a CD track it is
+    // the raw audio size, not what is sent.
+    const double divisor = double(m_fileSize.load() + m_body->headerBytesRemaining() + m_body->footerBytesRemaining());
+    const double fraction = divisor > 0 ? double(bytesSent) / divisor : (bytesSent > 0 ? 1.0 : 0.0);
+    m_lastKnownProgress = fraction * 100.0;
+    const auto percent = quint64(fraction * 100.0);
+    if (percent != m_lastProgress) {
+        m_lastProgress = percent;
+        auto block = fileLoadProgressBlock;
+        dispatchAsyncMain([block, fraction] { block(fraction); });
+    }
+}
+
+void AsyncUploadRequestOperation::handleCompletion(QNetworkReply *reply)
+{
+    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    int statusCode = status.isValid() ? status.toInt() : 0;
+    QString message = status.isValid() ? HTTPStatusCodeMap::descriptionForCode(unsigned(statusCode)) : QString();
+
+    const bool bodyStarted = m_body && m_body->bodyStarted();
+    OptionalError error;
+    if (!status.isValid()) {
+        if (m_timedOut) {
+            error = TransportError::errorForNetworkError(QNetworkReply::TimeoutError, reply->errorString());
+        } else if (m_bodyRefused) {
+            error = TransportError::errorForNetworkError(QNetworkReply::RemoteHostClosedError, reply->errorString());
+        } else {
+            error = TransportError::errorForReply(reply, bodyStarted);
+        }
+    }
+
+    QString canceled = QStringLiteral("False");
+    OptionalError outcome;
+    if (error && error->code() == TransportError::TimedOut && m_lastKnownProgress.load() >= 100.0) {
+        message = QStringLiteral("Timed out, but progress == 100%; assuming success");
+        statusCode = 200;
+        error.reset();
+    }
+    if (error) {
+        message = error->localizedDescription();
+        if (error->code() == TransportError::Cancelled) {
+            canceled = QStringLiteral("True");
+        }
+        outcome = error;
+    } else {
+        QJsonParseError parseError{};
+        const QJsonDocument document = QJsonDocument::fromJson(m_responseData, &parseError);
+        if (parseError.error == QJsonParseError::NoError) {
+            const QJsonValue value = document.object().value(QStringLiteral("message"));
+            message = value.isUndefined() || value.isNull() ? QString() : value.toVariant().toString();
+        }
+        if (statusCode != 200) {
+            outcome = Error::errorWithMessage(message, statusCode);
+        }
+    }
+
+    logMessage(QStringLiteral("Response: StatusCode: %1, Result: %2, Canceled: %3, Message: %4")
+                   .arg(QString::number(statusCode),
+                        statusCode == 200 ? QStringLiteral("True") : QStringLiteral("False"), canceled,
+                        nullable(message)));
+
+    if (outcome) {
+        reportFailure(*outcome);
+    } else {
+        reportSuccess();
+    }
+}
+
+void AsyncUploadRequestOperation::checkStuck()
+{
+    if (!m_didWriteFooter.load() || m_transferDone) {
+        return;
+    }
+    if (monotonicMs() - m_didWriteFooterAtMs <= m_timeouts.stuckGuardMs) {
+        return;
+    }
+    reportFailure(Error::errorWithMessage(QStringLiteral("The operation timed out."), TransportError::TimedOut));
+    logMessage(QStringLiteral("Stuck runloop state detected. Forcing operation to end."));
+    Operation::cancel();
+    abortTransfer();
+    if (m_loop) {
+        m_loop->quit();
+    }
+}

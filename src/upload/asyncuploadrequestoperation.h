@@ -1,0 +1,129 @@
+#pragma once
+
+#include "platform/operationqueue.h"
+#include "service/core/error.h"
+#include "upload/asyncuploadrequestconfiguration.h"
+
+#include <QByteArray>
+#include <QMutex>
+#include <QString>
+#include <QWaitCondition>
+
+#include <atomic>
+#include <functional>
+
+class QEventLoop;
+class QNetworkReply;
+class QNetworkRequest;
+class UploadBodyDevice;
+
+// The waits of an upload operation.
+struct UploadTimeouts
+{
+    int retryDelayMs = 5000;       // before a retry starts
+    int stuckGuardMs = 120000;     // no answer this long after the body went out
+    int requestTimeoutMs = 900000; // nothing sent or received this long
+};
+
+// Uploads one file (or one CD track) to the upload endpoint as a single
+// multipart/form-data POST, and reports the outcome through its blocks.
+//
+// Runs on a worker thread of the upload queue and keeps it for the whole
+// transfer, with its own network manager and event loop. Every block runs on
+// the main thread. Exactly one final report (failed or succeeded) is issued;
+// an operation cancelled before the outcome was decided reports failure,
+// never success. Log lines are prefixed with the file's name.
+//
+// Set the blocks before the operation is queued.
+class AsyncUploadRequestOperation : public Operation
+{
+    Q_OBJECT
+
+public:
+    using Timeouts = UploadTimeouts;
+
+    explicit AsyncUploadRequestOperation(const AsyncUploadRequestConfiguration &configuration);
+    // Only tests shorten the waits.
+    AsyncUploadRequestOperation(const AsyncUploadRequestConfiguration &configuration, const Timeouts &timeouts);
+    ~AsyncUploadRequestOperation() override;
+
+    bool isAsynchronous() const override { return true; }
+    void start() override;
+    // Stops the transfer; the operation then reports the cancellation as a
+    // failure, unless it had already reported.
+    void cancel() override;
+
+    std::function<void(double fraction)> ripProgressBlock;
+    std::function<void(double fraction)> fileLoadProgressBlock;
+    std::function<void(const Error &error)> fileLoadFailedBlock;
+    std::function<void()> fileLoadSucceededBlock;
+
+    const AsyncUploadRequestConfiguration &config() const { return m_config; }
+    // Percent, 0 to 100 (beyond 100 once the envelopes are counted in): the
+    // last progress computed. Readable from any thread.
+    double lastKnownProgress() const { return m_lastKnownProgress.load(); }
+    bool isUploadingAudioCD() const { return m_isUploadingAudioCD.load(); }
+    qint64 fileSize() const { return m_fileSize.load(); }
+    // Seconds since the epoch at which the transfer began (0 before).
+    double operationStartTime() const { return m_operationStartTime.load(); }
+    bool didWriteHeader() const { return m_didWriteHeader.load(); }
+    bool didWriteFooter() const { return m_didWriteFooter.load(); }
+    bool didExecuteCallbackBlock() const { return m_didExecuteCallbackBlock.load(); }
+
+    // Writes "<file name>: <message>" to the log.
+    void logMessage(const QString &message) const;
+    static QString mimeTypeForPath(const QString &path);
+
+private:
+    // Claims the one final report; false when it was already issued.
+    bool claimReport();
+    void reportFailure(const Error &error);
+    void reportSuccess();
+    void finishOperation();
+    void waitBeforeRetry();
+
+    // Worker-thread steps of the transfer.
+    void transfer(QNetworkRequest &request, const QString &bodyPath, qint64 bodySize);
+    void handleUploadProgress(qint64 bytesSent);
+    void handleCompletion(QNetworkReply *reply);
+    void checkStuck();
+    void abortTransfer();
+    void endSoon();
+
+    // The CD path: rips and encodes the track into a file and leaves its
+    // path and size for the body. Fails the operation (and returns false)
+    // when the track cannot be read.
+    bool beginReadingCD(QString *bodyPath, qint64 *bodySize);
+
+    const AsyncUploadRequestConfiguration m_config;
+    const Timeouts m_timeouts;
+
+    std::atomic<bool> m_isUploadingAudioCD{false};
+    std::atomic<bool> m_didWriteHeader{false};
+    std::atomic<bool> m_didWriteFooter{false};
+    std::atomic<bool> m_didExecuteCallbackBlock{false};
+    std::atomic<bool> m_stopReadingCD{false};
+    std::atomic<bool> m_didFinishReadingCD{false};
+    std::atomic<double> m_operationStartTime{0};
+    std::atomic<double> m_lastKnownProgress{0};
+    std::atomic<qint64> m_fileSize{0};
+    quint64 m_lastProgress = 0;
+    QByteArray m_headerData;
+    QByteArray m_footerData;
+    QByteArray m_responseData;
+    qint64 m_didWriteFooterAtMs = 0; // monotonic clock
+
+    // The transfer's objects, on the worker thread while start() runs.
+    QEventLoop *m_loop = nullptr;
+    QNetworkReply *m_uploadTask = nullptr;
+    UploadBodyDevice *m_body = nullptr;
+    bool m_timedOut = false;
+    bool m_bodyRefused = false;
+    bool m_transferDone = false;
+    qint64 m_abortAtMs = -1; // monotonic; the body gave out, abort if Qt has not ended by then
+
+    // Lets cancel() reach the worker thread.
+    QMutex m_workerLock;
+    QWaitCondition m_retryWait;
+    QObject *m_workerContext = nullptr; // under m_workerLock
+};
