@@ -1,0 +1,135 @@
+#include "library/ui/downloadlibrarycontroller.h"
+
+#include "ui_DownloadLibraryController.h"
+
+#include <QCloseEvent>
+#include <QDesktopServices>
+#include <QMessageBox>
+#include <QPalette>
+#include <QPushButton>
+
+namespace {
+
+constexpr int kProgressSteps = 1000;
+
+QPalette darkPalette()
+{
+    QPalette palette;
+    palette.setColor(QPalette::Window, QColor(0x32, 0x32, 0x32));
+    palette.setColor(QPalette::WindowText, Qt::white);
+    palette.setColor(QPalette::Base, QColor(0x25, 0x25, 0x25));
+    palette.setColor(QPalette::Text, Qt::white);
+    palette.setColor(QPalette::Button, QColor(0x48, 0x48, 0x48));
+    palette.setColor(QPalette::ButtonText, Qt::white);
+    palette.setColor(QPalette::Highlight, QColor(0x2a, 0x82, 0xda));
+    palette.setColor(QPalette::HighlightedText, Qt::white);
+    return palette;
+}
+
+} // namespace
+
+DownloadLibraryController::DownloadLibraryController(const QUrl &URL, const QString &userId, const QString &userToken,
+                                                     QWidget *parent)
+    : QDialog(parent), m_ui(std::make_unique<Ui::DownloadLibraryController>()),
+      m_model(std::make_unique<DownloadLibraryModel>(URL, userId, userToken, this)),
+      m_folderOpener([](const QUrl &folder) { QDesktopServices::openUrl(folder); })
+{
+    m_ui->setupUi(this);
+    windowDidLoad();
+}
+
+DownloadLibraryController::~DownloadLibraryController() = default;
+
+void DownloadLibraryController::windowDidLoad()
+{
+    // A window of its own, without close, minimise and zoom buttons.
+    setWindowFlags(Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint);
+    setModal(false);
+
+    connect(m_ui->cancelButton, &QPushButton::clicked, this, &DownloadLibraryController::OnCancel);
+    connect(m_ui->errorInfoButton, &QToolButton::clicked, this, &DownloadLibraryController::OnErrorInfo);
+    connect(m_model.get(), &DownloadLibraryModel::viewStateChanged, this, &DownloadLibraryController::updateView);
+    connect(m_model.get(), &DownloadLibraryModel::openFolderRequested, this, [this](const QUrl &folder) {
+        if (m_folderOpener) {
+            m_folderOpener(folder);
+        }
+    });
+    connect(m_model.get(), &DownloadLibraryModel::closeRequested, this, &DownloadLibraryController::closeWindow);
+    updateView();
+    m_model->start();
+}
+
+void DownloadLibraryController::updateView()
+{
+    const DownloadLibraryViewState &view = m_model->viewState();
+    m_ui->actionTextField->setText(view.actionText);
+    m_ui->progressTextField->setText(view.progressText);
+    m_ui->progressTextField->setVisible(!view.progressTextHidden);
+    if (view.progressDeterminate) {
+        m_ui->progressIndicator->setRange(0, kProgressSteps);
+        m_ui->progressIndicator->setValue(int(view.progressValue * kProgressSteps));
+    } else {
+        m_ui->progressIndicator->setRange(0, 0);
+    }
+    m_ui->cancelButton->setText(view.cancelTitle);
+    m_ui->cancelButton->setEnabled(view.cancelEnabled);
+    // Return presses the button once it reads "Open Folder".
+    m_ui->cancelButton->setDefault(view.cancelIsDefault);
+    m_ui->errorInfoTextField->setText(view.errorInfoText);
+    m_ui->errorInfoTextField->setVisible(view.errorInfoVisible);
+    m_ui->errorInfoButton->setVisible(view.errorInfoVisible);
+}
+
+int DownloadLibraryController::showAlert(const QString &title, const QString &text, const QStringList &buttons,
+                                         Appearance appearance)
+{
+    QMessageBox alert(this);
+    alert.setWindowTitle(title);
+    alert.setText(title);
+    alert.setInformativeText(text);
+    if (appearance == Appearance::Dark) {
+        alert.setPalette(darkPalette());
+    }
+    QList<QAbstractButton *> added;
+    for (const QString &title : buttons) {
+        added.append(alert.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::RejectRole));
+    }
+    if (!added.isEmpty()) {
+        alert.setDefaultButton(qobject_cast<QPushButton *>(added.first()));
+    }
+    alert.exec();
+    const qsizetype index = added.indexOf(alert.clickedButton());
+    return 1000 + int(index < 0 ? added.size() - 1 : index);
+}
+
+void DownloadLibraryController::reject()
+{
+    OnCancel();
+}
+
+void DownloadLibraryController::closeEvent(QCloseEvent *event)
+{
+    if (!m_closing) {
+        // Closing by the window manager asks like Cancel does.
+        m_inCloseEvent = true;
+        OnCancel();
+        m_inCloseEvent = false;
+    }
+    if (!m_closing) {
+        event->ignore();
+        return;
+    }
+    event->accept();
+    // Last: the handler may schedule this controller's deletion.
+    if (m_willClose) {
+        m_willClose();
+    }
+}
+
+void DownloadLibraryController::closeWindow()
+{
+    m_closing = true;
+    if (!m_inCloseEvent) {
+        close();
+    }
+}

@@ -1,0 +1,178 @@
+// The library download window over the local service: what it shows, its
+// title bar, and the Cancel / Open Folder and error-details buttons.
+#include "librarytestsupport.h"
+
+#include "library/ui/downloadlibrarycontroller.h"
+#include "ui_DownloadLibraryController.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QJsonObject>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTimer>
+
+namespace {
+
+constexpr int kTimeout = 120000;
+
+struct SeenAlert
+{
+    QString text;
+    QString informativeText;
+    QStringList buttons;
+};
+
+// Presses `button` on the next modal alert and records it.
+void answerNextAlert(const QString &button, QList<SeenAlert> *seen)
+{
+    QTimer::singleShot(50, [button, seen] {
+        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+        if (!box) {
+            answerNextAlert(button, seen);
+            return;
+        }
+        SeenAlert alert{box->text(), box->informativeText(), {}};
+        QAbstractButton *target = nullptr;
+        for (QAbstractButton *b : box->buttons()) {
+            alert.buttons.append(b->text());
+            if (b->text() == button) {
+                target = b;
+            }
+        }
+        seen->append(alert);
+        if (target) {
+            target->click();
+        }
+    });
+}
+
+} // namespace
+
+class TestLibraryWindow : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanup() { QVERIFY(m_server.clearFaults()); }
+    void downloadsAndOpensTheFolder();
+    void abortIsConfirmed();
+    void errorLineAndDetails();
+
+private:
+    std::unique_ptr<DownloadLibraryController> makeWindow(const QString &folder);
+
+    DevServerProcess m_server;
+    LibraryTest::Identity m_identity;
+    int m_willClose = 0;
+    QList<QUrl> m_opened;
+};
+
+void TestLibraryWindow::initTestCase()
+{
+    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+    m_identity = LibraryTest::signIn(m_server);
+    QVERIFY(!m_identity.token.isEmpty());
+    QCOMPARE(LibraryTest::seedTracks(m_server, 70, 6000).size(), 70);
+}
+
+std::unique_ptr<DownloadLibraryController> TestLibraryWindow::makeWindow(const QString &folder)
+{
+    m_willClose = 0;
+    m_opened.clear();
+    auto window =
+        std::make_unique<DownloadLibraryController>(QUrl::fromLocalFile(folder), m_identity.userId, m_identity.token);
+    window->setWillClose([this] { ++m_willClose; });
+    window->setFolderOpener([this](const QUrl &url) { m_opened.append(url); });
+    window->show();
+    return window;
+}
+
+void TestLibraryWindow::downloadsAndOpensTheFolder()
+{
+    QTemporaryDir folder;
+    auto window = makeWindow(folder.path());
+    Ui::DownloadLibraryController *ui = window->ui();
+
+    const Qt::WindowFlags flags = window->windowFlags();
+    QVERIFY(flags & Qt::CustomizeWindowHint);
+    QVERIFY(!(flags & Qt::WindowCloseButtonHint));
+    QVERIFY(!(flags & Qt::WindowMinimizeButtonHint));
+    QVERIFY(!(flags & Qt::WindowMaximizeButtonHint));
+    QVERIFY(!window->isModal());
+    QVERIFY(ui->errorInfoTextField->isHidden());
+    QVERIFY(ui->errorInfoButton->isHidden());
+
+    QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Done!"), kTimeout);
+    QCOMPARE(ui->cancelButton->text(), QStringLiteral("Open Folder"));
+    QVERIFY(ui->cancelButton->isEnabled());
+    QVERIFY(ui->cancelButton->isDefault());
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, QDir(folder.path()).filePath("My Lyrabox Library")),
+             QStringList());
+
+    // Return presses the default button.
+    QTest::keyClick(window.get(), Qt::Key_Return);
+    QCOMPARE(m_opened, QList<QUrl>{QUrl::fromLocalFile(folder.path())});
+    QCOMPARE(m_willClose, 1);
+    QVERIFY(!window->isVisible());
+}
+
+void TestLibraryWindow::abortIsConfirmed()
+{
+    QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"latency_ms", 3000}, {"count", 0}}));
+    QTemporaryDir folder;
+    auto window = makeWindow(folder.path());
+    Ui::DownloadLibraryController *ui = window->ui();
+    QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Downloading Library..."), kTimeout);
+    QCOMPARE(ui->cancelButton->text(), QStringLiteral("Cancel"));
+
+    QList<SeenAlert> seen;
+    answerNextAlert(QStringLiteral("No"), &seen);
+    ui->cancelButton->click();
+    QCOMPARE(seen.size(), 1);
+    QCOMPARE(seen.first().text, QStringLiteral("Abort Download"));
+    QCOMPARE(seen.first().informativeText, QStringLiteral("Are you sure you want to abort the download?"));
+    QCOMPARE(seen.first().buttons, (QStringList{QStringLiteral("Yes"), QStringLiteral("No")}));
+    QVERIFY(window->isVisible());
+    QCOMPARE(m_willClose, 0);
+
+    // The window manager's close asks the same question.
+    answerNextAlert(QStringLiteral("Yes"), &seen);
+    window->close();
+    QCOMPARE(seen.size(), 2);
+    QVERIFY(!window->isVisible());
+    QCOMPARE(m_willClose, 1);
+    QVERIFY(m_opened.isEmpty());
+    QVERIFY(!window->model()->isComplete());
+}
+
+void TestLibraryWindow::errorLineAndDetails()
+{
+    QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"status", 503}}));
+    QTemporaryDir folder;
+    auto window = makeWindow(folder.path());
+    Ui::DownloadLibraryController *ui = window->ui();
+    QTRY_VERIFY_WITH_TIMEOUT(ui->errorInfoTextField->isVisible(), kTimeout);
+    QCOMPARE(ui->errorInfoTextField->text(),
+             QStringLiteral("An error occurred while downloading. Retrying library segment 1, attempt 1"));
+    QVERIFY(ui->errorInfoButton->isVisible());
+
+    QList<SeenAlert> seen;
+    answerNextAlert(QStringLiteral("OK"), &seen);
+    ui->errorInfoButton->click();
+    QCOMPARE(seen.size(), 1);
+    QCOMPARE(seen.first().text, QStringLiteral("Download Error"));
+    QVERIFY(seen.first().informativeText.contains(QStringLiteral("\n\nService Unavailable (503)\n\n")));
+    QCOMPARE(seen.first().buttons, QStringList{QStringLiteral("OK")});
+
+    // The retry five seconds later brings everything in.
+    QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Done!"), kTimeout);
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, QDir(folder.path()).filePath("My Lyrabox Library")),
+             QStringList());
+}
+
+QTEST_MAIN(TestLibraryWindow)
+#include "tst_librarywindow.moc"
