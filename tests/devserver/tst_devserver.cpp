@@ -1,0 +1,758 @@
+// The local service, exercised over raw loopback HTTP so every byte sent is the test's own.
+#include "support/devserverprocess.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QTcpSocket>
+#include <QTest>
+
+#include <zip.h>
+
+#include <thread>
+
+namespace {
+
+const QByteArray kClient = "pelicane mac";
+const QByteArray kDevice = "Pelicane for Mac 2.1";
+const QByteArray kAgent = "Lyrabox pelicane mac 2.1 (57)";
+const QByteArray kVersion = "2.1 (57)";
+const QByteArray kBoundary = "---------------------------14737809831466499882746641449";
+
+QJsonObject clientFields()
+{
+    return {{"client", QString::fromUtf8(kClient)},
+            {"device_name", QString::fromUtf8(kDevice)},
+            {"user_agent", QString::fromUtf8(kAgent)},
+            {"version", QString::fromUtf8(kVersion)}};
+}
+
+QString authToken()
+{
+    return QString::fromLatin1(
+        QCryptographicHash::hash(QByteArray(kDevice + ':' + kVersion + ':' + kClient + ':' + kAgent),
+                                 QCryptographicHash::Sha256)
+            .toHex());
+}
+
+QString md5Hex(const QByteArray &data)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Md5).toHex());
+}
+
+// A multipart body in the layout of the client: fields, the file, then the owner.
+struct Upload
+{
+    QList<QPair<QByteArray, QByteArray>> before{{"client", kClient},
+                                                {"device_name", kDevice},
+                                                {"user_agent", kAgent},
+                                                {"version", kVersion},
+                                                {"file_path", "/Music/Song.mp3"}};
+    QByteArray fileName = "Song.mp3";
+    QByteArray fileType = "audio/mpeg";
+    QByteArray content = "ID3 some audio";
+    QList<QPair<QByteArray, QByteArray>> after;
+    QByteArray closing = "--" + kBoundary + "--\r\n";
+
+    static QByteArray field(const QByteArray &name, const QByteArray &value)
+    {
+        return "--" + kBoundary + "\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
+    }
+    QByteArray head() const
+    {
+        QByteArray out;
+        for (const auto &[name, value] : before)
+            out += field(name, value);
+        out += "--" + kBoundary + "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + fileName +
+               "\"\r\nContent-Type: " + fileType + "\r\n\r\n";
+        return out;
+    }
+    QByteArray tail() const
+    {
+        QByteArray out = "\r\n";
+        for (const auto &[name, value] : after)
+            out += field(name, value);
+        return out + closing;
+    }
+    QByteArray body() const { return head() + content + tail(); }
+};
+
+LoopbackHeaders uploadHeaders()
+{
+    return {{"Content-Type", "multipart/form-data; boundary=" + kBoundary}, {"User-Agent", kAgent}};
+}
+
+// Deterministic bytes, fast enough to stream gigabytes.
+class NoiseSource
+{
+public:
+    qint64 fill(char *out, qint64 n)
+    {
+        for (qint64 i = 0; i < n; ++i) {
+            if ((m_count++ & 7) == 0) {
+                m_state ^= m_state << 13;
+                m_state ^= m_state >> 7;
+                m_state ^= m_state << 17;
+            }
+            out[i] = char(m_state >> ((m_count & 7) * 8));
+        }
+        return n;
+    }
+
+private:
+    quint64 m_state = 0x9E3779B97F4A7C15ULL;
+    quint64 m_count = 0;
+};
+
+QList<QPair<QString, QByteArray>> zipEntries(const QByteArray &archive, QString *error)
+{
+    QList<QPair<QString, QByteArray>> entries;
+    zip_error_t zipError;
+    zip_error_init(&zipError);
+    zip_source_t *source = zip_source_buffer_create(archive.constData(), zip_uint64_t(archive.size()), 0, &zipError);
+    zip_t *zip = source ? zip_open_from_source(source, ZIP_CHECKCONS | ZIP_RDONLY, &zipError) : nullptr;
+    if (!zip) {
+        *error = QString::fromUtf8(zip_error_strerror(&zipError));
+        if (source)
+            zip_source_free(source);
+        zip_error_fini(&zipError);
+        return entries;
+    }
+    for (zip_int64_t i = 0; i < zip_get_num_entries(zip, 0); ++i) {
+        zip_stat_t stat;
+        zip_stat_index(zip, zip_uint64_t(i), 0, &stat);
+        QByteArray data(qsizetype(stat.size), Qt::Uninitialized);
+        zip_file_t *file = zip_fopen_index(zip, zip_uint64_t(i), 0);
+        const zip_int64_t n = file ? zip_fread(file, data.data(), stat.size) : -1;
+        if (file)
+            zip_fclose(file); // also checks the CRC of what was read
+        if (n != zip_int64_t(stat.size))
+            *error = "cannot read entry " + QString::fromUtf8(stat.name);
+        entries.append({QString::fromUtf8(stat.name), data});
+    }
+    zip_close(zip);
+    zip_error_fini(&zipError);
+    return entries;
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+} // namespace
+
+class TestDevServer : public QObject
+{
+    Q_OBJECT
+
+private:
+    DevServerProcess m_server;
+    QString m_userId;
+    QString m_token;
+
+    LoopbackHttpResult post(const QByteArray &path, const QByteArray &contentType, const QByteArray &body,
+                            const QByteArray &agent = kAgent)
+    {
+        return loopbackHttp(m_server.port(), "POST", path, {{"Content-Type", contentType}, {"User-Agent", agent}},
+                            body);
+    }
+    LoopbackHttpResult json(QJsonObject request, const QByteArray &agent = kAgent)
+    {
+        const QJsonObject fields = clientFields();
+        for (auto it = fields.begin(); it != fields.end(); ++it) {
+            if (!request.contains(it.key()))
+                request.insert(it.key(), it.value());
+        }
+        return post("/s/JSON/", "application/json", QJsonDocument(request).toJson(QJsonDocument::Compact), agent);
+    }
+    QJsonObject signIn(const QString &email, const QString &password, bool supportedTypes = true)
+    {
+        return json({{"mode", "status"},
+                     {"email_address", email},
+                     {"password", password},
+                     {"supported_types", supportedTypes},
+                     {"auth_token", authToken()}})
+            .json();
+    }
+    QJsonObject verify(const QJsonValue &userId, const QString &token)
+    {
+        return json({{"mode", "status"}, {"user_id", userId}, {"token", token}}).json();
+    }
+    // The digest-list form as the client encodes it: blanks escaped, parentheses kept.
+    LoopbackHttpResult digestList(const QString &userId, const QString &token, const QByteArray &extra = {})
+    {
+        auto legacy = [](QByteArray v) { return v.replace(" ", "%20"); };
+        const QByteArray body = "user_id=" + userId.toUtf8() + "&token=" + token.toUtf8() +
+                                "&client=" + legacy(kClient) + "&device_name=" + legacy(kDevice) +
+                                "&user_agent=" + legacy(kAgent) + "&version=" + legacy(kVersion) + extra;
+        return post("/upload/", "application/x-www-form-urlencoded", body);
+    }
+    Upload upload(const QByteArray &content = "ID3 some audio")
+    {
+        Upload u;
+        u.content = content;
+        u.after = {{"user_id", m_userId.toUtf8()}, {"token", m_token.toUtf8()}};
+        return u;
+    }
+    LoopbackHttpResult send(const Upload &u, const LoopbackHeaders &headers = uploadHeaders())
+    {
+        return loopbackHttp(m_server.port(), "POST", "/upload/", headers, u.body());
+    }
+    QByteArray downloadQuery(const QByteArray &range, const QString &token = QString())
+    {
+        return "/download/?_user_id=" + m_userId.toUtf8() + "&_token=" + (token.isEmpty() ? m_token : token).toUtf8() +
+               "&client=pelicane%20mac&device_name=Pelicane%20for%20Mac%202.1&user_agent=Lyrabox%20pelicane%2520mac"
+               "%202.1%20(57)&version=2.1%20(57)&mode=downloadlibrary&container_type=library" +
+               range;
+    }
+    LoopbackHttpResult download(const QByteArray &range, const QString &token = QString())
+    {
+        return loopbackHttp(m_server.port(), "GET", downloadQuery(range, token));
+    }
+    QJsonArray libraryFiles() { return m_server.library().value("files").toArray(); }
+    int incomingCount() const
+    {
+        return int(QDir(m_server.dataDirectory() + "/incoming").entryList(QDir::Files | QDir::Hidden).size());
+    }
+
+private slots:
+    void init()
+    {
+        // A fresh server per test: each starts from an empty library and no faults.
+        QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+        const QJsonObject answer = signIn(DevServerProcess::kDemoEmail, DevServerProcess::kDemoPassword);
+        QVERIFY(answer.value("result").toBool());
+        m_userId = QString::number(answer.value("user").toObject().value("id").toInteger());
+        m_token = answer.value("user").toObject().value("token").toString();
+    }
+
+    void cleanup() { m_server.stop(); }
+
+    void startsAndPointsTheProgramAtItself()
+    {
+        QVERIFY(m_server.port() > 0);
+        QCOMPARE(qEnvironmentVariable("PELICANE_API_URL"), m_server.baseUrl() + "/s/JSON/");
+        QCOMPARE(qEnvironmentVariable("PELICANE_UPLOAD_URL"), m_server.baseUrl() + "/upload/");
+        QCOMPARE(qEnvironmentVariable("PELICANE_DOWNLOAD_URL"), m_server.baseUrl() + "/download/");
+        QVERIFY(m_server.control("GET", "health").value("result").toBool());
+    }
+
+    void signInAnswersTheEnvelope()
+    {
+        const QJsonObject answer = signIn("DEMO@lyrabox.test", "demo");
+        QCOMPARE(answer.value("result").toBool(), true);
+        QCOMPARE(answer.value("authenticated").toBool(), true);
+        QCOMPARE(answer.value("maintenance").toBool(), false);
+        const QJsonObject user = answer.value("user").toObject();
+        QVERIFY(user.value("id").isDouble());
+        QCOMPARE(QString::number(user.value("id").toInteger()), m_userId);
+        QCOMPARE(user.value("token").toString(), m_token); // a token lasts across sign-ins
+        QVERIFY(QRegularExpression("^[0-9a-f]{32}$").match(m_token).hasMatch());
+
+        QStringList extensions;
+        for (const QJsonValue &v : answer.value("supported").toArray())
+            extensions << v.toObject().value("extension").toString();
+        for (const char *e : {".MP3", ".m4a", ".AAC", ".FLAC", ".ogg", ".Wav", ".aiff", ".wma"})
+            QVERIFY2(extensions.contains(QLatin1String(e)), e);
+
+        QVERIFY(!signIn(DevServerProcess::kDemoEmail, "demo", false).contains("supported"));
+
+        const QJsonObject wrong = signIn(DevServerProcess::kDemoEmail, "nope");
+        QCOMPARE(wrong.value("result").toBool(), false);
+        QCOMPARE(wrong.value("message").toString(), "Invalid e-mail address or password.");
+        QVERIFY(!wrong.contains("user"));
+
+        QVERIFY(!signIn("nobody@lyrabox.test", "demo").value("result").toBool());
+        QVERIFY(m_server.createAccount("new@lyrabox.test", "pw"));
+        const QJsonObject created = signIn("new@lyrabox.test", "pw");
+        QVERIFY(created.value("result").toBool());
+        QVERIFY(created.value("user").toObject().value("id").toInteger() != m_userId.toLongLong());
+
+        // A client whose auth_token does not fit its fields is refused.
+        const QJsonObject forged = json({{"mode", "status"},
+                                         {"email_address", DevServerProcess::kDemoEmail},
+                                         {"password", "demo"},
+                                         {"auth_token", QString(64, QLatin1Char('0'))}})
+                                       .json();
+        QCOMPARE(forged.value("result").toBool(), false);
+    }
+
+    void verificationAndRevocation()
+    {
+        for (const QJsonValue &id : {QJsonValue(m_userId), QJsonValue(m_userId.toLongLong())}) {
+            const QJsonObject answer = verify(id, m_token);
+            QCOMPARE(answer.value("result").toBool(), true);
+            QCOMPARE(answer.value("authenticated").toBool(), true);
+            QCOMPARE(answer.value("user").toObject().value("token").toString(), m_token);
+            QVERIFY(!answer.value("supported").toArray().isEmpty()); // sent without being asked
+        }
+        QVERIFY(m_server.revokeToken());
+        const QJsonObject revoked = verify(m_userId, m_token);
+        QCOMPARE(revoked.value("result").toBool(), false);
+        QCOMPARE(revoked.value("authenticated").toBool(), false);
+        QVERIFY(!revoked.value("message").toString().isEmpty());
+        QCOMPARE(digestList(m_userId, m_token).json().value("result").toBool(), false);
+
+        const QString fresh =
+            signIn(DevServerProcess::kDemoEmail, "demo").value("user").toObject().value("token").toString();
+        QVERIFY(!fresh.isEmpty());
+        QVERIFY(fresh != m_token);
+        QCOMPARE(verify(m_userId, fresh).value("authenticated").toBool(), true);
+        QCOMPARE(verify(m_userId, m_token).value("authenticated").toBool(), false);
+        QCOMPARE(verify("999999", fresh).value("authenticated").toBool(), false);
+    }
+
+    void malformedJsonRequestsGet400()
+    {
+        auto check = [&](const LoopbackHttpResult &r, const char *what) {
+            QVERIFY2(r.status == 400, what);
+            QCOMPARE(r.json().value("result").toBool(true), false);
+            QVERIFY2(!r.json().value("message").toString().isEmpty(), what);
+        };
+        check(post("/s/JSON/", "text/plain", "{}"), "content type");
+        check(post("/s/JSON/", "application/json", "{\"mode\": "), "truncated JSON");
+        check(post("/s/JSON/", "application/json", "[1, 2]"), "not an object");
+        check(json({{"mode", "upload"}}), "unknown mode");
+        check(json({{"mode", "status"}, {"client", 5}}), "client not a string");
+        check(json({{"mode", "status"}, {"user_id", m_userId}, {"token", m_token}}, "curl/8"), "user agent");
+        check(json({{"mode", "status"}}), "neither e-mail nor user id");
+        check(post("/s/JSON/", "application/json", QByteArray()), "empty body");
+        QCOMPARE(loopbackHttp(m_server.port(), "GET", "/nowhere").status, 404);
+    }
+
+    void maintenanceRefusesEverything()
+    {
+        QVERIFY(m_server.setMaintenance(true));
+        const QJsonObject login = signIn(DevServerProcess::kDemoEmail, "demo");
+        QCOMPARE(login.value("result").toBool(), false);
+        QCOMPARE(login.value("maintenance").toBool(), true);
+        const QJsonObject verified = verify(m_userId, m_token);
+        QCOMPARE(verified.value("result").toBool(), false);
+        QCOMPARE(verified.value("maintenance").toBool(), true);
+        QCOMPARE(verified.value("authenticated").toBool(), true); // the session itself is fine
+        QCOMPARE(digestList(m_userId, m_token).json().value("result").toBool(), false);
+        QCOMPARE(send(upload()).status, 503);
+        QCOMPARE(download("&offset=0&length=0").status, 503);
+        QCOMPARE(libraryFiles().size(), 0);
+
+        QVERIFY(m_server.setMaintenance(false));
+        QVERIFY(signIn(DevServerProcess::kDemoEmail, "demo").value("result").toBool());
+        QCOMPARE(send(upload()).status, 200);
+    }
+
+    void digestListReflectsTheLibrary()
+    {
+        LoopbackHttpResult empty = digestList(m_userId, m_token);
+        QCOMPARE(empty.status, 200);
+        QCOMPARE(empty.json().value("result").toBool(), true);
+        QVERIFY(empty.json().value("md5").isArray());
+        QCOMPARE(empty.json().value("md5").toArray().size(), 0);
+
+        const QJsonArray seeded = m_server.seed(
+            {QJsonObject{{"name", "a.mp3"}, {"content", "alpha"}}, QJsonObject{{"name", "b.mp3"}, {"size", 5000}}});
+        QCOMPARE(seeded.size(), 2);
+        QCOMPARE(seeded.at(0).toObject().value("md5").toString(), md5Hex("alpha"));
+        const QJsonArray md5 = digestList(m_userId, m_token).json().value("md5").toArray();
+        QCOMPARE(md5.size(), 2);
+        QVERIFY(md5.contains(md5Hex("alpha")));
+        QVERIFY(md5.contains(seeded.at(1).toObject().value("md5")));
+
+        const QJsonObject refused = digestList(m_userId, "0123").json();
+        QCOMPARE(refused.value("result").toBool(), false);
+        QCOMPARE(refused.value("message").toString(), "Invalid user or token.");
+        QCOMPARE(digestList(m_userId, m_token, "&extra=1").status, 400);
+        QCOMPARE(digestList(m_userId, m_token, "&token=again").status, 400);
+        QCOMPARE(post("/upload/", "application/x-www-form-urlencoded", "user_id=1&token=2").status, 400);
+    }
+
+    void uploadStoresTheFileAndItsFields()
+    {
+        Upload u = upload(QByteArray(100000, 'x') + "end");
+        u.fileName = "My%20Song%20%C3%A9%28live%29.mp3";
+        u.before +=
+            {{"playlist-name", "Road Trip"}, {"playlist-order", "123456"}, {"tag-name", "Summer"}, {"reupload", "1"}};
+        const LoopbackHttpResult r = send(u);
+        QCOMPARE(r.status, 200);
+        QCOMPARE(r.json().value("result").toBool(), true);
+        QCOMPARE(r.json().value("md5").toString(), md5Hex(u.content));
+
+        const QJsonArray files = libraryFiles();
+        QCOMPARE(files.size(), 1);
+        const QJsonObject f = files.at(0).toObject();
+        QCOMPARE(f.value("file_name").toString(), QString::fromUtf8("My Song é(live).mp3"));
+        QCOMPARE(f.value("file_path").toString(), "/Music/Song.mp3");
+        QCOMPARE(f.value("content_type").toString(), "audio/mpeg");
+        QCOMPARE(f.value("playlist_name").toString(), "Road Trip");
+        QCOMPARE(f.value("playlist_order").toString(), "123456");
+        QCOMPARE(f.value("tag_name").toString(), "Summer");
+        QCOMPARE(f.value("reupload").toBool(), true);
+        QCOMPARE(f.value("client").toString(), QString::fromUtf8(kClient));
+        QCOMPARE(f.value("device_name").toString(), QString::fromUtf8(kDevice));
+        QCOMPARE(f.value("user_agent").toString(), QString::fromUtf8(kAgent));
+        QCOMPARE(f.value("version").toString(), QString::fromUtf8(kVersion));
+        QCOMPARE(f.value("size").toInteger(), u.content.size());
+        QCOMPARE(readFile(f.value("stored_path").toString()), u.content);
+        QCOMPARE(digestList(m_userId, m_token).json().value("md5").toArray(), QJsonArray{md5Hex(u.content)});
+        QCOMPARE(incomingCount(), 0);
+    }
+
+    void duplicatesAreKeptOnlyWhenAskedFor()
+    {
+        QCOMPARE(send(upload("same bytes")).json().value("duplicate").toBool(), false);
+        const LoopbackHttpResult again = send(upload("same bytes"));
+        QCOMPARE(again.status, 200);
+        QCOMPARE(again.json().value("result").toBool(), true);
+        QCOMPARE(again.json().value("duplicate").toBool(), true);
+        QCOMPARE(libraryFiles().size(), 1);
+
+        Upload forced = upload("same bytes");
+        forced.before += {{"reupload", "1"}};
+        QCOMPARE(send(forced).json().value("duplicate").toBool(), false);
+        QCOMPARE(libraryFiles().size(), 2);
+        QCOMPARE(incomingCount(), 0);
+    }
+
+    void malformedUploadsAreRefused_data()
+    {
+        QTest::addColumn<int>("variant");
+        QTest::addColumn<int>("status");
+        QTest::newRow("out of order") << 0 << 400;
+        QTest::newRow("unknown field") << 1 << 400;
+        QTest::newRow("token missing") << 2 << 400;
+        QTest::newRow("no closing boundary") << 3 << 400;
+        QTest::newRow("preamble") << 4 << 400;
+        QTest::newRow("file without filename") << 5 << 400;
+        QTest::newRow("playlist order not a number") << 6 << 400;
+        QTest::newRow("playlist name alone") << 7 << 400;
+        QTest::newRow("user agent differs") << 8 << 400;
+        QTest::newRow("no boundary") << 9 << 400;
+        QTest::newRow("wrong token") << 10 << 401;
+        QTest::newRow("bytes after the end") << 11 << 400;
+        QTest::newRow("field repeated") << 12 << 400;
+        QTest::newRow("file part twice") << 13 << 400;
+    }
+
+    void malformedUploadsAreRefused()
+    {
+        QFETCH(int, variant);
+        QFETCH(int, status);
+        Upload u = upload(QByteArray(20000, 'a'));
+        LoopbackHeaders headers = uploadHeaders();
+        QByteArray body;
+        switch (variant) {
+        case 0:
+            std::swap(u.before[0], u.before[1]);
+            break;
+        case 1:
+            u.before.insert(2, {"colour", "blue"});
+            break;
+        case 2:
+            u.after.removeLast();
+            break;
+        case 3:
+            u.closing.clear();
+            break;
+        case 4:
+            body = "junk\r\n" + u.body();
+            break;
+        case 5:
+            body = u.body().replace("; filename=\"Song.mp3\"", "");
+            break;
+        case 6:
+            u.before += {{"playlist-name", "P"}, {"playlist-order", "12a"}};
+            break;
+        case 7:
+            u.before += {{"playlist-name", "P"}};
+            break;
+        case 8:
+            headers[1].second = "Other Agent";
+            break;
+        case 9:
+            headers[0].second = "multipart/form-data";
+            break;
+        case 10:
+            u.after[1].second = "wrong";
+            break;
+        case 11:
+            u.closing += "more";
+            break;
+        case 12:
+            u.before.insert(1, {"client", "again"});
+            break;
+        case 13:
+            body =
+                u.head() + "x\r\n" + u.head().mid(u.head().lastIndexOf(QByteArray("--" + kBoundary))) + "y" + u.tail();
+            break;
+        }
+        if (body.isEmpty())
+            body = u.body();
+        const LoopbackHttpResult r = loopbackHttp(m_server.port(), "POST", "/upload/", headers, body);
+        QCOMPARE(r.status, status);
+        QCOMPARE(r.json().value("result").toBool(true), false);
+        QVERIFY(!r.json().value("message").toString().isEmpty());
+        QCOMPARE(libraryFiles().size(), 0);
+        QCOMPARE(incomingCount(), 0);
+        QCOMPARE(send(upload()).status, 200); // and the next good one still works
+    }
+
+    void libraryDownloadSegments()
+    {
+        QJsonArray seedFiles;
+        for (int i = 0; i < 5; ++i)
+            seedFiles.append(QJsonObject{{"name", i == 3 ? "t0.mp3" : QString("t%1.mp3").arg(i)}, {"size", 3000 + i}});
+        const QJsonArray stored = m_server.seed(seedFiles);
+        QCOMPARE(stored.size(), 5);
+
+        const LoopbackHttpResult header = download("&offset=0&length=0&end_marker=1");
+        QCOMPARE(header.status, 200);
+        QCOMPARE(header.header("Total-Tracks"), "5");
+        QCOMPARE(header.body.size(), 0);
+
+        LoopbackHttpResult segment = download("&offset=1&length=3&end_marker=1");
+        QCOMPARE(segment.status, 200);
+        QCOMPARE(segment.header("Total-Tracks"), "5");
+        QCOMPARE(segment.header("Estimated-Content-Length").toLongLong(), segment.body.size());
+        QVERIFY(segment.body.endsWith("EOF\n"));
+        QString error;
+        auto entries = zipEntries(segment.body.chopped(4), &error);
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        QCOMPARE(entries.size(), 3);
+        QCOMPARE(entries.at(0).first, "t1.mp3");
+        QCOMPARE(entries.at(2).first, "t0 (2).mp3"); // unique across the whole library
+        for (int i = 0; i < 3; ++i)
+            QCOMPARE(entries.at(i).second, readFile(stored.at(i + 1).toObject().value("stored_path").toString()));
+
+        const LoopbackHttpResult last = download("&offset=4&length=50&end_marker=1");
+        QCOMPARE(zipEntries(last.body.chopped(4), &error).size(), 1);
+        const LoopbackHttpResult beyond = download("&offset=9&length=50&end_marker=1");
+        QCOMPARE(zipEntries(beyond.body.chopped(4), &error).size(), 0);
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+
+        const LoopbackHttpResult noMarker = download("&offset=0&length=2");
+        QVERIFY(!noMarker.body.endsWith("EOF\n"));
+        QCOMPARE(zipEntries(noMarker.body, &error).size(), 2);
+        const LoopbackHttpResult whole = download("");
+        QCOMPARE(zipEntries(whole.body, &error).size(), 5);
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+
+        QCOMPARE(download("&offset=0&length=0", "bad").status, 401);
+        QCOMPARE(download("&offset=x&length=5").status, 400);
+        QCOMPARE(loopbackHttp(m_server.port(), "GET", "/download/?mode=downloadlibrary").status, 400);
+    }
+
+    void statusAndBodyFaults()
+    {
+        QVERIFY(m_server.addFault({{"endpoint", "json"}, {"status", 520}, {"count", 2}, {"message", "Down"}}));
+        for (int i = 0; i < 2; ++i) {
+            const LoopbackHttpResult r = json({{"mode", "status"}, {"user_id", m_userId}, {"token", m_token}});
+            QCOMPARE(r.status, 520);
+            QCOMPARE(r.json().value("message").toString(), "Down");
+        }
+        QCOMPARE(json({{"mode", "status"}, {"user_id", m_userId}, {"token", m_token}}).status, 200);
+
+        QVERIFY(m_server.addFault({{"endpoint", "json"}, {"body", "not json"}}));
+        const LoopbackHttpResult raw = json({{"mode", "status"}, {"user_id", m_userId}, {"token", m_token}});
+        QCOMPARE(raw.status, 200);
+        QCOMPARE(raw.body, "not json");
+
+        // Per endpoint: a fault on uploads leaves the list alone; count 0 lasts until cleared.
+        QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"status", 503}, {"count", 0}}));
+        QCOMPARE(digestList(m_userId, m_token).status, 200);
+        for (int i = 0; i < 3; ++i)
+            QCOMPARE(send(upload()).status, 503);
+        QCOMPARE(libraryFiles().size(), 0);
+        QVERIFY(m_server.clearFaults());
+        QCOMPARE(send(upload()).status, 200);
+
+        QVERIFY(m_server.addFault({{"endpoint", "header"}, {"status", 500}}));
+        QCOMPARE(download("&offset=0&length=0").status, 500);
+        QCOMPARE(download("&offset=0&length=0").status, 200);
+
+        QVERIFY(!m_server.addFault({{"endpoint", "everything"}}));
+        QVERIFY(!m_server.addFault({{"endpoint", "json"}, {"status", "x"}}));
+        QVERIFY(!m_server.addFault({{"endpoint", "json"}, {"colour", 1}}));
+        QCOMPARE(m_server.control("GET", "faults").value("faults").toArray().size(), 0);
+
+        const QJsonObject counts = m_server.requestCounts();
+        QCOMPARE(counts.value("upload").toInteger(), 4);
+        QCOMPARE(counts.value("header").toInteger(), 2);
+    }
+
+    void latencyDelaysTheAnswer()
+    {
+        QVERIFY(m_server.addFault({{"endpoint", "list"}, {"latency_ms", 800}}));
+        QElapsedTimer timer;
+        timer.start();
+        QCOMPARE(digestList(m_userId, m_token).status, 200);
+        QVERIFY(timer.elapsed() >= 800);
+    }
+
+    void droppedConnections()
+    {
+        // While receiving an upload: nothing is stored and no temporary file is left.
+        QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"drop_after_bytes", 64 * 1024}}));
+        const LoopbackHttpResult cut = send(upload(QByteArray(4 * 1024 * 1024, 'u')));
+        QVERIFY(cut.connectionDropped);
+        QCOMPARE(cut.status, 0);
+        QCOMPARE(libraryFiles().size(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(incomingCount(), 0, 10000);
+        QCOMPARE(send(upload()).status, 200);
+
+        // While sending a segment: fewer bytes than announced arrive.
+        m_server.seed({QJsonObject{{"name", "big.flac"}, {"size", 300000}}});
+        QVERIFY(m_server.addFault({{"endpoint", "segment"}, {"drop_after_bytes", 5000}}));
+        const LoopbackHttpResult partial = download("&offset=0&length=50&end_marker=1");
+        QVERIFY(partial.connectionDropped);
+
+        QVERIFY(m_server.addFault({{"endpoint", "header"}, {"drop_after_bytes", 0}}));
+        QVERIFY(download("&offset=0&length=0").connectionDropped);
+        QVERIFY(m_server.addFault({{"endpoint", "json"}, {"drop_after_bytes", 10}}));
+        QVERIFY(json({{"mode", "status"}, {"user_id", m_userId}, {"token", m_token}}).connectionDropped);
+
+        // Without the end marker the segment is a plain zip of the announced length.
+        QVERIFY(m_server.addFault({{"endpoint", "segment"}, {"omit_end_marker", true}}));
+        const LoopbackHttpResult unmarked = download("&offset=0&length=50&end_marker=1");
+        QCOMPARE(unmarked.status, 200);
+        QVERIFY(!unmarked.body.endsWith("EOF\n"));
+        QCOMPARE(unmarked.header("Estimated-Content-Length").toLongLong(), unmarked.body.size());
+        QString error;
+        QCOMPARE(zipEntries(unmarked.body, &error).size(), 2);
+        QVERIFY(download("&offset=0&length=50&end_marker=1").body.endsWith("EOF\n"));
+    }
+
+    void garbageNeverBringsItDown()
+    {
+        const QList<QByteArray> junk{
+            QByteArray("\x00\xff\x13\x37 garbage\r\n\r\n", 18),
+            "GET\r\n\r\n",
+            "POST /upload/ HTTP/1.1\r\nContent-Length: -5\r\n\r\n",
+            "POST /upload/ HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=x\r\nContent-Length: "
+            "1000\r\n\r\n--x",
+            "POST /s/JSON/ HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n",
+            "GET /" + QByteArray(100000, 'a') + " HTTP/1.1\r\n\r\n",
+            "GET /download/?offset=%zz HTTP/1.1\r\nNo colon here\r\n\r\n",
+            "POST /control/faults HTTP/1.1\r\nContent-Length: 5\r\n\r\n{{{{{",
+        };
+        for (const QByteArray &bytes : junk) {
+            QTcpSocket socket;
+            socket.connectToHost(QHostAddress::LocalHost, m_server.port());
+            QVERIFY(socket.waitForConnected(10000));
+            socket.write(bytes);
+            socket.waitForBytesWritten(10000);
+            socket.waitForReadyRead(2000);
+            socket.abort();
+        }
+        QVERIFY(m_server.control("GET", "health").value("result").toBool());
+        QTRY_COMPARE_WITH_TIMEOUT(incomingCount(), 0, 20000);
+        QCOMPARE(send(upload()).status, 200);
+    }
+
+    void concurrentUploads()
+    {
+        constexpr int kCount = 6;
+        std::vector<std::thread> threads;
+        std::vector<int> statuses(kCount, 0);
+        for (int i = 0; i < kCount; ++i) {
+            const QByteArray body = upload(QByteArray(2 * 1024 * 1024, char('a' + i))).body();
+            threads.emplace_back([&, i, body] {
+                statuses[size_t(i)] = loopbackHttp(m_server.port(), "POST", "/upload/", uploadHeaders(), body).status;
+            });
+        }
+        for (std::thread &t : threads)
+            t.join();
+        for (int status : statuses)
+            QCOMPARE(status, 200);
+        QCOMPARE(digestList(m_userId, m_token).json().value("md5").toArray().size(), kCount);
+    }
+
+    void largeUploadKeepsMemoryFlat()
+    {
+        // LYRABOX_LARGE_UPLOAD_MB makes it bigger (2048 for the full check).
+        const qint64 megabytes = qEnvironmentVariableIntValue("LYRABOX_LARGE_UPLOAD_MB") > 0
+                                     ? qEnvironmentVariableIntValue("LYRABOX_LARGE_UPLOAD_MB")
+                                     : 512;
+        const qint64 size = megabytes * 1024 * 1024;
+        const Upload u = upload(QByteArray());
+        const QByteArray head = u.head();
+        const QByteArray tail = u.tail();
+        const qint64 total = head.size() + size + tail.size();
+        const qint64 before = m_server.peakResidentKiB();
+        QVERIFY(before > 0);
+
+        NoiseSource noise;
+        QCryptographicHash md5(QCryptographicHash::Md5);
+        qint64 position = 0;
+        auto producer = [&](char *out, qint64 maximum) -> qint64 {
+            qint64 n = 0;
+            while (n < maximum && position < total) {
+                const qint64 take = std::min(maximum - n, total - position);
+                if (position < head.size()) {
+                    const qint64 k = std::min(take, head.size() - position);
+                    std::memcpy(out + n, head.constData() + position, size_t(k));
+                    n += k;
+                    position += k;
+                } else if (position < head.size() + size) {
+                    const qint64 k = std::min(take, head.size() + size - position);
+                    noise.fill(out + n, k);
+                    md5.addData(QByteArrayView(out + n, k));
+                    n += k;
+                    position += k;
+                } else {
+                    const qint64 offset = position - head.size() - size;
+                    const qint64 k = std::min(take, tail.size() - offset);
+                    std::memcpy(out + n, tail.constData() + offset, size_t(k));
+                    n += k;
+                    position += k;
+                }
+            }
+            return n;
+        };
+        QElapsedTimer timer;
+        timer.start();
+        const LoopbackHttpResult r =
+            loopbackHttpStream(m_server.port(), "POST", "/upload/", uploadHeaders(), total, producer, 600000);
+        const qint64 elapsed = timer.elapsed();
+        QCOMPARE(r.status, 200);
+        QCOMPARE(r.json().value("md5").toString(), QString::fromLatin1(md5.result().toHex()));
+        const qint64 after = m_server.peakResidentKiB();
+        qInfo("uploaded %lld MB in %lld ms; server peak resident memory %lld KiB before, %lld KiB after", megabytes,
+              elapsed, before, after);
+        QVERIFY2(after - before < 32 * 1024, "the server's memory grew with the upload");
+        QCOMPARE(libraryFiles().at(0).toObject().value("size").toInteger(), size);
+    }
+
+    void stateSurvivesARestart()
+    {
+        QTemporaryDir data;
+        DevServerProcess first;
+        QVERIFY(first.start(data.path()));
+        QVERIFY(first.createAccount("keep@lyrabox.test", "pw"));
+        first.seed({QJsonObject{{"name", "kept.mp3"}, {"content", "kept"}}}, "keep@lyrabox.test");
+        QJsonObject request = clientFields();
+        request.insert("mode", "status");
+        request.insert("email_address", "keep@lyrabox.test");
+        request.insert("password", "pw");
+        request.insert("auth_token", authToken());
+        const LoopbackHttpResult login = loopbackHttp(first.port(), "POST", "/s/JSON/",
+                                                      {{"Content-Type", "application/json"}, {"User-Agent", kAgent}},
+                                                      QJsonDocument(request).toJson());
+        const QString token = login.json().value("user").toObject().value("token").toString();
+        QVERIFY(!token.isEmpty());
+        first.stop();
+
+        DevServerProcess second;
+        QVERIFY(second.start(data.path()));
+        const QJsonObject library = second.library("keep@lyrabox.test");
+        QCOMPARE(library.value("files").toArray().size(), 1);
+        QCOMPARE(library.value("token").toString(), token);
+        QCOMPARE(readFile(library.value("files").toArray().at(0).toObject().value("stored_path").toString()), "kept");
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDevServer)
+#include "tst_devserver.moc"

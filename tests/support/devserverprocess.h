@@ -1,0 +1,95 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QList>
+#include <QPair>
+#include <QProcess>
+#include <QString>
+#include <QTemporaryDir>
+
+#include <functional>
+#include <memory>
+
+// One HTTP exchange on the loopback interface, made with a blocking socket so that it never
+// runs the caller's event loop (tests keep full control over when queued callbacks arrive).
+struct LoopbackHttpResult
+{
+    int status = 0; // 0: no complete answer arrived
+    QList<QPair<QByteArray, QByteArray>> headers;
+    QByteArray body;
+    bool connectionDropped = false; // the connection ended before a whole answer
+    qint64 bytesSent = 0;           // body bytes the server accepted
+
+    QByteArray header(const QByteArray &name) const;
+    QJsonObject json() const;
+};
+
+using LoopbackHeaders = QList<QPair<QByteArray, QByteArray>>;
+// Fills `out` with up to `maximum` next body bytes; returns the count (0 at the end).
+using LoopbackBodyProducer = std::function<qint64(char *out, qint64 maximum)>;
+
+LoopbackHttpResult loopbackHttp(quint16 port, const QByteArray &method, const QByteArray &target,
+                                const LoopbackHeaders &headers = {}, const QByteArray &body = {},
+                                int timeoutMs = 60000);
+// The same with a body of `length` bytes produced piece by piece (never held whole).
+LoopbackHttpResult loopbackHttpStream(quint16 port, const QByteArray &method, const QByteArray &target,
+                                      const LoopbackHeaders &headers, qint64 length,
+                                      const LoopbackBodyProducer &producer, int timeoutMs = 60000);
+
+// Runs lyrabox-devserver for a test: on a free loopback port, with a data folder of its own,
+// and with PELICANE_API_URL, PELICANE_UPLOAD_URL and PELICANE_DOWNLOAD_URL of this process
+// pointing at it. The server is killed when the object goes away. Set LYRABOX_DEVSERVER_LOG
+// in the environment to see its request log.
+class DevServerProcess
+{
+public:
+    DevServerProcess();
+    ~DevServerProcess();
+    DevServerProcess(const DevServerProcess &) = delete;
+    DevServerProcess &operator=(const DevServerProcess &) = delete;
+
+    // Starts the server; with an empty `dataDirectory`, in a temporary folder of its own.
+    bool start(const QString &dataDirectory = QString());
+    void stop();
+    QString errorString() const { return m_error; }
+
+    quint16 port() const { return m_port; }
+    QString baseUrl() const;     // http://127.0.0.1:PORT
+    QString apiUrl() const;      // .../s/JSON/
+    QString uploadUrl() const;   // .../upload/
+    QString downloadUrl() const; // .../download/
+    QString dataDirectory() const { return m_dataDirectory; }
+    qint64 processId() const;
+
+    // Resident memory of the server process now and at its peak, in KiB (from /proc).
+    qint64 residentKiB() const;
+    qint64 peakResidentKiB() const;
+
+    // Control calls. Each returns the answer's JSON (empty object when the call failed).
+    QJsonObject control(const QByteArray &method, const QByteArray &path, const QJsonObject &body = {}) const;
+    bool addFault(const QJsonObject &rule) const;
+    bool clearFaults() const;
+    bool setMaintenance(bool enabled) const;
+    bool revokeToken(const QString &email = QString::fromLatin1(kDemoEmail)) const;
+    bool createAccount(const QString &email, const QString &password) const;
+    // The account's `user_id`, current `token` and stored `files`.
+    QJsonObject library(const QString &email = QString::fromLatin1(kDemoEmail)) const;
+    // Adds files to the library (see devserver/README.md); returns their stored records.
+    QJsonArray seed(const QJsonArray &files, const QString &email = QString::fromLatin1(kDemoEmail)) const;
+    // Requests seen per kind: json, list, upload, header, segment.
+    QJsonObject requestCounts() const;
+
+    static constexpr const char *kDemoEmail = "demo@lyrabox.test";
+    static constexpr const char *kDemoPassword = "demo";
+
+    static QString programPath();
+
+private:
+    std::unique_ptr<QTemporaryDir> m_temporary;
+    std::unique_ptr<QProcess> m_process;
+    QString m_dataDirectory;
+    QString m_error;
+    quint16 m_port = 0;
+};
