@@ -29,7 +29,10 @@ QString musicDirectory()
 
 QString temporaryDirectory()
 {
-    return QDir::tempPath();
+    // A TMPDIR that names a missing folder must not send temporary files
+    // into the working folder.
+    const QString temp = QDir::tempPath();
+    return !temp.isEmpty() && QDir(temp).exists() ? temp : QStringLiteral("/tmp");
 }
 
 } // namespace Paths
