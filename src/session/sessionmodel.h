@@ -79,6 +79,8 @@ public:
     void setPassword(const QString &password) { m_password = password; }
     bool rememberMe() const { return m_rememberMe; }
     bool isLoggingIn() const { return m_isLoggingIn; }
+    // Signs in with the fields as typed; both must be non-empty.
+    void OnLogin();
     // Switching it off forgets the stored e-mail and password at once.
     void OnRememberMeChecked(bool checked);
 

@@ -22,6 +22,17 @@ void SessionModel::loadCredentials()
     m_rememberMe = Settings::boolean(kSettingsRememberMe);
 }
 
+void SessionModel::OnLogin()
+{
+    if (m_email.isEmpty() || m_password.isEmpty()) {
+        showAlert(QStringLiteral("Login Error"), QStringLiteral("Email and Password must not be blank."),
+                  QStringLiteral("OK"));
+        return;
+    }
+    setLoggingIn(true);
+    // TEMPORARY: the request goes to LyraboxService::loginWithEmail() once the service client is in the tree.
+}
+
 void SessionModel::OnRememberMeChecked(bool checked)
 {
     m_rememberMe = checked;

@@ -1,0 +1,76 @@
+#include "app/appdelegate.h"
+
+#include "app/logger.h"
+#include "app/splashwindowcontroller.h"
+#include "platform/appinfo.h"
+#include "platform/crashreporter.h"
+#include "platform/dispatch.h"
+#include "session/ui/mainwindowcontroller.h"
+
+#include <QApplication>
+#include <QMessageBox>
+
+#include <cstdio>
+
+AppDelegate::AppDelegate(QObject *parent) : QObject(parent) {}
+
+AppDelegate::~AppDelegate()
+{
+    delete m_mainWindowController;
+    delete m_splashWindowController;
+}
+
+void AppDelegate::installLogAlertHandler()
+{
+    Logger::shared().setAlertHandler([](const QString &message, const QString &button) {
+        if (!isMainThread()) {
+            // A modal box belongs to the main thread; elsewhere the console must do.
+            std::fprintf(stderr, "%s [%s]\n", qPrintable(message), qPrintable(button));
+            return;
+        }
+        QMessageBox alert;
+        alert.setWindowTitle(QStringLiteral("Pelicane"));
+        alert.setText(message);
+        alert.addButton(button, QMessageBox::AcceptRole);
+        alert.exec();
+    });
+}
+
+void AppDelegate::applicationDidFinishLaunching()
+{
+    m_splashWindowController = new SplashWindowController();
+    connect(m_splashWindowController, &SplashWindowController::windowWillClose, this,
+            [this] { windowWillClose(m_splashWindowController); });
+    m_splashWindowController->show();
+
+    Logger::log(QStringLiteral("------------------------------------------"));
+    Logger::log(QStringLiteral("---------- Application Launched ----------"));
+    Logger::log(QStringLiteral("------------------------------------------"));
+    Logger::log(QStringLiteral("Pelicane for Mac v%1 (%2)").arg(AppInfo::shortVersion(), AppInfo::buildNumber()));
+
+    CrashReporter::start();
+}
+
+void AppDelegate::windowWillClose(QObject *window)
+{
+    if (window == m_splashWindowController) {
+        showMainWindow();
+    }
+}
+
+void AppDelegate::showMainWindow()
+{
+    if (m_mainWindowController) {
+        return;
+    }
+    m_mainWindowController = new MainWindowController();
+    // Closing the main window ends the program; nothing reopens it.
+    connect(m_mainWindowController, &MainWindowController::windowWillClose, qApp, &QCoreApplication::quit,
+            Qt::QueuedConnection);
+    m_mainWindowController->showWindow();
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    // TEMPORARY: LyraboxService::sharedService().stopService() goes here once the service client is in the tree.
+}

@@ -1,0 +1,300 @@
+#include "session/ui/mainwindowcontroller.h"
+
+#include "app/logger.h"
+#include "ui_MainWindowController.h"
+
+#include <QCloseEvent>
+#include <QDesktopServices>
+#include <QFileInfo>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QScreen>
+
+namespace {
+
+// The log is offered for clearing from this size on.
+constexpr qint64 kClearLogThreshold = 20971520; // 20 MiB
+
+// The overlay's grey: 0x99 with alpha 0x70 ("#99999970" as RGBA).
+const QColor kMaskColor(0x99, 0x99, 0x99, 0x70);
+
+const QColor kLogLinkColor(60, 60, 60);
+
+void paintTitleWhite(QWidget *widget)
+{
+    QPalette palette = widget->palette();
+    for (QPalette::ColorGroup group : {QPalette::Active, QPalette::Inactive}) {
+        palette.setColor(group, QPalette::WindowText, Qt::white);
+        palette.setColor(group, QPalette::ButtonText, Qt::white);
+        palette.setColor(group, QPalette::Text, Qt::white);
+    }
+    widget->setPalette(palette);
+}
+
+} // namespace
+
+MainWindowController::MainWindowController(QWidget *parent)
+    : QMainWindow(parent), m_ui(std::make_unique<Ui::MainWindowController>()), m_session(new SessionModel(this, this))
+{
+    m_ui->setupUi(this);
+    m_ui->maskContainerView->raise();
+    paintTitleWhite(m_ui->rememberMeCheckbox);
+
+    connect(m_session, &SessionModel::mainPageTypeChanged, this, &MainWindowController::showPageArea);
+    connect(m_ui->logFileButton, &QPushButton::clicked, this, &MainWindowController::OnLogClicked);
+    connect(m_ui->clearLogFileButton, &QPushButton::clicked, this, &MainWindowController::OnClearLogClicked);
+    // The disc watch rests while an alert is up, as the session expects.
+    m_audioCDMonitorTimer.setInterval(1000);
+    connect(&m_audioCDMonitorTimer, &QTimer::timeout, this, [this] {
+        if (!hasVisibleAlert()) {
+            m_session->discoverAudioCDs();
+        }
+    });
+
+    connectLoginPage();
+    connectSearchPages();
+    connectUploadPages();
+}
+
+MainWindowController::~MainWindowController()
+{
+    m_audioCDMonitorTimer.stop();
+    m_session->detachFromService();
+    m_session->setPrompter(nullptr);
+}
+
+void MainWindowController::showWindow()
+{
+    loadWindow();
+    show();
+    raise();
+    activateWindow();
+}
+
+void MainWindowController::loadWindow()
+{
+    if (m_windowLoaded) {
+        return;
+    }
+    m_windowLoaded = true;
+    windowDidLoad();
+}
+
+void MainWindowController::windowDidLoad()
+{
+    try {
+        m_session->attachToService();
+        setupLogFileButtons();
+        createUploadListState();
+
+        m_session->loadSearchFolderPath();
+
+        m_session->loadCredentials();
+        m_ui->emailField->setText(m_session->email());
+        m_ui->emailField->deselect();
+        m_ui->emailField->setCursorPosition(int(m_ui->emailField->text().size()));
+        m_ui->passwdField->setText(m_session->password());
+        m_ui->rememberMeCheckbox->setChecked(m_session->rememberMe());
+        m_ui->emailField->setFocus(Qt::OtherFocusReason);
+
+        centerOnScreen();
+
+        setupMaskContainerView();
+        m_session->setMainPageType(MainPageTypeLogin);
+
+        m_session->setFoundDisks({});
+        m_audioCDMonitorTimer.start();
+    } catch (const std::exception &e) {
+        showAlertWithMessageText(QStringLiteral("exception"), QString::fromUtf8(e.what()), QStringLiteral("okay"));
+    }
+    paintTitleWhite(m_ui->reuploadCheckbox);
+}
+
+void MainWindowController::centerOnScreen()
+{
+    const QScreen *screen = this->screen();
+    if (!screen) {
+        return;
+    }
+    const QRect area = screen->geometry();
+    const QSize size = frameGeometry().size().isValid() ? frameGeometry().size() : this->size();
+    move(area.x() + area.width() / 2 - size.width() / 2, area.y() + area.height() / 2 - size.height() / 2);
+}
+
+void MainWindowController::showPageArea(quint32 type)
+{
+    QWidget *pages[] = {m_ui->loginContainerView, m_ui->searchContainerView, m_ui->filesContainerView,
+                        m_ui->uploadContainerView, m_ui->resultContainerView};
+    if (type < std::size(pages)) {
+        m_ui->pageStack->setCurrentWidget(pages[type]);
+    }
+}
+
+// --- Alerts and the waiting overlay ------------------------------------------
+
+int MainWindowController::showAlertWithMessageText(const QString &messageText, const QString &informativeText,
+                                                   const QString &defaultButton, const QString &alternateButton,
+                                                   const QString &otherButton)
+{
+    // Parented to the window, so it takes the window's dark look.
+    QMessageBox alert(this);
+    alert.setWindowModality(Qt::ApplicationModal);
+    alert.setWindowTitle(windowTitle());
+    alert.setIcon(QMessageBox::NoIcon);
+    if (!messageText.isEmpty()) {
+        alert.setText(messageText);
+    }
+    if (!informativeText.isEmpty()) {
+        alert.setInformativeText(informativeText);
+    }
+    QList<QAbstractButton *> buttons;
+    const QString titles[] = {defaultButton, alternateButton, otherButton};
+    for (const QString &title : titles) {
+        if (title.isEmpty()) {
+            continue;
+        }
+        const QMessageBox::ButtonRole role = buttons.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::ActionRole;
+        buttons.append(alert.addButton(title, role));
+        if (title == QLatin1String("Cancel")) {
+            alert.setEscapeButton(buttons.last());
+        }
+    }
+    if (buttons.isEmpty()) {
+        // An alert always has a way out; without titles it is a plain "OK".
+        buttons.append(alert.addButton(QStringLiteral("OK"), QMessageBox::AcceptRole));
+    }
+    alert.setDefaultButton(qobject_cast<QPushButton *>(buttons.first()));
+    if (buttons.size() == 1) {
+        alert.setEscapeButton(buttons.first());
+    }
+
+    m_visibleAlert = &alert;
+    alert.exec();
+    m_visibleAlert = nullptr;
+
+    const qsizetype index = buttons.indexOf(alert.clickedButton());
+    return kAlertFirstButtonReturn + int(qMax<qsizetype>(index, 0));
+}
+
+void MainWindowController::setupMaskContainerView()
+{
+    m_ui->maskContainerView->setBackgroundColor(kMaskColor);
+    m_ui->maskContainerView->setBlocksMouse(true);
+    stopWaitingAnimation();
+}
+
+void MainWindowController::startWaitingAnimation(const QString &reason)
+{
+    m_ui->waitingReasonLabel->setText(reason);
+    m_ui->progressIndicator->startAnimation();
+    m_ui->maskContainerView->show();
+    m_ui->maskContainerView->raise();
+    // Keys typed meanwhile must not reach the page below either.
+    m_ui->maskContainerView->setFocusPolicy(Qt::StrongFocus);
+    m_ui->maskContainerView->setFocus(Qt::OtherFocusReason);
+}
+
+void MainWindowController::stopWaitingAnimation()
+{
+    m_ui->progressIndicator->stopAnimation();
+    m_ui->maskContainerView->hide();
+}
+
+void MainWindowController::resizeEvent(QResizeEvent *event)
+{
+    QMainWindow::resizeEvent(event);
+    m_ui->maskContainerView->raise();
+}
+
+// --- Log link ------------------------------------------------------------------
+
+void MainWindowController::setupLogFileButtons()
+{
+    const QUrl url = Logger::logFileURL();
+    m_ui->logFileButton->setText(
+        QStringLiteral("Log file: %1").arg(url.isValid() ? url.toLocalFile() : QStringLiteral("(null)")));
+    QPalette palette = m_ui->logFileButton->palette();
+    palette.setColor(QPalette::ButtonText, kLogLinkColor);
+    m_ui->logFileButton->setPalette(palette);
+    m_ui->logFileButton->setStyleSheet(QStringLiteral("color: rgb(60, 60, 60); border: none; text-align: left;"));
+    m_ui->logFileButton->setCursor(Qt::PointingHandCursor);
+
+    const qint64 size = Logger::logSize();
+    if (size < kClearLogThreshold) {
+        m_ui->clearLogFileButton->hide();
+    } else {
+        m_ui->clearLogFileButton->setText(QStringLiteral("%1MB, clear log").arg(size / 1048576));
+        m_ui->clearLogFileButton->show();
+    }
+}
+
+void MainWindowController::OnLogClicked()
+{
+    // File managers differ in how they select a file; opening its folder
+    // works everywhere.
+    const QUrl url = Logger::logFileURL();
+    if (url.isValid()) {
+        QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(url.toLocalFile()).absolutePath()));
+    }
+}
+
+void MainWindowController::OnClearLogClicked()
+{
+    Logger::clearLog();
+    m_ui->clearLogFileButton->hide();
+}
+
+// --- Sign-in -------------------------------------------------------------------
+
+void MainWindowController::connectLoginPage()
+{
+    connect(m_ui->emailField, &QLineEdit::textChanged, m_session, &SessionModel::setEmail);
+    connect(m_ui->passwdField, &QLineEdit::textChanged, m_session, &SessionModel::setPassword);
+    connect(m_ui->emailField, &QLineEdit::returnPressed, this, [this] { OnEnterPressed(m_ui->emailField); });
+    connect(m_ui->passwdField, &QLineEdit::returnPressed, this, [this] { OnEnterPressed(m_ui->passwdField); });
+    connect(m_ui->loginButton, &QPushButton::clicked, this, &MainWindowController::OnLogin);
+    // Only the user's clicks count: loading the saved state must not store it again.
+    connect(m_ui->rememberMeCheckbox, &QCheckBox::clicked, this, &MainWindowController::OnRememberMeChecked);
+    connect(m_session, &SessionModel::loggingInChanged, this, [this](bool loggingIn) {
+        if (loggingIn) {
+            m_ui->loginProgressIndicator->startAnimation();
+        } else {
+            m_ui->loginProgressIndicator->stopAnimation();
+        }
+        m_ui->loginButton->setEnabled(!loggingIn);
+    });
+}
+
+void MainWindowController::OnLogin()
+{
+    m_session->setEmail(m_ui->emailField->text());
+    m_session->setPassword(m_ui->passwdField->text());
+    m_session->OnLogin();
+}
+
+void MainWindowController::OnEnterPressed(QLineEdit *field)
+{
+    if (field == m_ui->emailField) {
+        m_ui->passwdField->setFocus(Qt::TabFocusReason);
+    } else if (field == m_ui->passwdField) {
+        OnLogin();
+    }
+}
+
+void MainWindowController::OnRememberMeChecked(bool checked)
+{
+    m_session->OnRememberMeChecked(checked);
+}
+
+// --- Closing -------------------------------------------------------------------
+
+void MainWindowController::closeEvent(QCloseEvent *event)
+{
+    QMainWindow::closeEvent(event);
+    if (event->isAccepted()) {
+        m_audioCDMonitorTimer.stop();
+        m_session->detachFromService();
+        tearDownUploadListState();
+        emit windowWillClose();
+    }
+}
