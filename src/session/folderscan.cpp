@@ -47,7 +47,7 @@ FolderScan::FolderScan(const QStringList &supportedFormats)
         const QByteArray bytes = format.toUtf8();
         // Only formats that some lower-case ASCII extension can equal.
         if (isAscii(bytes) && bytes == bytes.toLower()) {
-            m_asciiFormats.insert(bytes);
+            m_asciiFormats.push_back(bytes);
         }
     }
 }
@@ -96,11 +96,23 @@ QString FolderScan::walkErrorDescription(const QString &path, int errorNumber)
 
 bool FolderScan::isSupported(const QByteArray &name) const
 {
-    const QByteArray extension = extensionOfName(name);
-    if (isAscii(extension)) {
-        return m_asciiFormats.contains(extension.toLower());
+    // No allocation on this path: it runs for every entry of the tree.
+    const qsizetype dot = name.lastIndexOf('.');
+    const char *extension = dot < 0 ? name.constData() + name.size() : name.constData() + dot + 1;
+    const qsizetype length = name.size() - (extension - name.constData());
+    bool ascii = true;
+    for (qsizetype i = 0; i < length && ascii; ++i) {
+        ascii = static_cast<unsigned char>(extension[i]) < 0x80;
     }
-    return m_formats.contains(QFile::decodeName(extension).toLower());
+    if (!ascii) {
+        return m_formats.contains(QFile::decodeName(QByteArray(extension, length)).toLower());
+    }
+    for (const QByteArray &format : m_asciiFormats) {
+        if (format.size() == length && qstrnicmp(extension, format.constData(), length) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 FolderScan::FileRule FolderScan::applyFileRule(const QString &path, const FileSink &sink, EntryKind kind) const
@@ -114,6 +126,11 @@ FolderScan::FileRule FolderScan::applyFileRule(const QString &path, const FileSi
     if (!m_formats.contains(extension)) {
         return FileRule::Unsupported;
     }
+    return applyRestOfRule(path, sink, kind);
+}
+
+FolderScan::FileRule FolderScan::applyRestOfRule(const QString &path, const FileSink &sink, EntryKind kind) const
+{
     if (fileIsAlias(path)) {
         Logger::log(QStringLiteral("Skipping alias: ") + path);
         return FileRule::Alias;
@@ -178,14 +195,17 @@ bool FolderScan::walk(const QByteArray &folder, const FileSink &sink, const Canc
         ++errorCount;
     };
 
+    // The folder is read whole and closed before descending, so deep trees
+    // hold one descriptor at a time. Names go into one buffer: no allocation
+    // per entry.
     struct Entry
     {
-        QByteArray name;
+        qsizetype offset;
+        qsizetype length;
         unsigned char type;
     };
-    // The folder is read whole and closed before descending, so deep trees
-    // hold one descriptor at a time.
     std::vector<Entry> entries;
+    QByteArray names;
     DIR *dir = ::opendir(folder.constData());
     if (!dir) {
         reportError(folder, errno);
@@ -204,16 +224,24 @@ bool FolderScan::walk(const QByteArray &folder, const FileSink &sink, const Canc
         if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
             continue;
         }
-        entries.push_back(Entry{QByteArray(name), entry->d_type});
+        const auto length = qsizetype(std::strlen(name));
+        entries.push_back(Entry{names.size(), length, entry->d_type});
+        names.append(name, length);
     }
     ::closedir(dir);
 
-    const QByteArray prefix = folder == "/" ? folder : folder + '/';
+    QByteArray path = folder;
+    if (path != "/") {
+        path += '/';
+    }
+    const qsizetype prefixLength = path.size();
     for (const Entry &entry : entries) {
         if (isCanceled && isCanceled()) {
             return false;
         }
-        const QByteArray path = prefix + entry.name;
+        const QByteArray name = QByteArray::fromRawData(names.constData() + entry.offset, entry.length);
+        path.truncate(prefixLength);
+        path.append(name);
         unsigned char type = entry.type;
         if (type == DT_UNKNOWN) {
             struct stat info;
@@ -223,13 +251,14 @@ bool FolderScan::walk(const QByteArray &folder, const FileSink &sink, const Canc
         }
         // Unsupported names never reach the rule: it would skip them without a
         // word anyway, and this spares decoding most of a tree's paths.
-        if (isSupported(entry.name)) {
+        if (isSupported(name) && !path.startsWith('.')) {
             const EntryKind kind = type == DT_DIR                         ? EntryKind::Directory
                                    : type == DT_LNK || type == DT_UNKNOWN ? EntryKind::Unknown
                                                                           : EntryKind::File;
-            applyFileRule(QFile::decodeName(path), sink, kind);
+            // Extension and leading "." (a relative root) are checked above.
+            applyRestOfRule(QFile::decodeName(path), sink, kind);
         }
-        if (type == DT_DIR && !isPackageName(entry.name)) {
+        if (type == DT_DIR && !isPackageName(name)) {
             if (!walk(path, sink, isCanceled, errorCount)) {
                 return false;
             }

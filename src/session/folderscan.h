@@ -6,6 +6,7 @@
 #include <QStringList>
 
 #include <functional>
+#include <vector>
 
 // The folder scan without a window: walks the roots and passes every path
 // through the per-file rule, which keeps the music files of supported types.
@@ -72,7 +73,9 @@ public:
 private:
     bool walk(const QByteArray &folder, const FileSink &sink, const CancelCheck &isCanceled, qint64 &errorCount) const;
     bool isSupported(const QByteArray &name) const;
+    // The rule from the alias test on, for a path whose extension passed.
+    FileRule applyRestOfRule(const QString &path, const FileSink &sink, EntryKind kind) const;
 
     QSet<QString> m_formats;
-    QSet<QByteArray> m_asciiFormats;
+    std::vector<QByteArray> m_asciiFormats; // lower case; few, so a list is fastest
 };
