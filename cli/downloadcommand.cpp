@@ -1,0 +1,185 @@
+// pelicane-cli download-library FOLDER: the whole library into
+// FOLDER/My Lyrabox Library, resuming where an earlier run stopped.
+#include "cli/commands.h"
+#include "cli/signin.h"
+
+#include "library/downloadlibrarymodel.h"
+#include "service/lyraboxservice.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QEventLoop>
+#include <QFileInfo>
+#include <QLocale>
+#include <QSocketNotifier>
+#include <QTextStream>
+
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+int g_signalPipe[2] = {-1, -1};
+
+void onSignal(int signal)
+{
+    const char byte = char(signal);
+    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[1], &byte, 1);
+}
+
+// No window to answer from: the details are printed and the one button taken.
+class TerminalPrompter : public DownloadLibraryPrompter
+{
+public:
+    int showAlert(const QString &title, const QString &text, const QStringList &, Appearance) override
+    {
+        QTextStream err(stderr);
+        err << "\n" << title << ": " << text << Qt::endl;
+        return 1000;
+    }
+};
+
+// One status line, redrawn in place on a terminal; on a pipe, a line per
+// change of step so a log file stays readable.
+class ProgressPrinter
+{
+public:
+    ProgressPrinter() : m_terminal(::isatty(STDERR_FILENO)) {}
+
+    void show(const DownloadLibraryViewState &view)
+    {
+        QString line = view.actionText;
+        if (!view.progressTextHidden && !view.progressText.isEmpty()) {
+            line += QStringLiteral("  ") + view.progressText;
+        }
+        if (view.progressDeterminate) {
+            const int filled = int(view.progressValue * 30);
+            line = QStringLiteral("[%1%2] %3% ")
+                       .arg(QString(filled, u'#'), QString(30 - filled, u'.'))
+                       .arg(int(view.progressValue * 100), 3) +
+                   line;
+        }
+        QTextStream err(stderr);
+        if (m_terminal) {
+            err << "\r\033[K" << line << Qt::flush;
+        } else if (view.actionText != m_lastAction) {
+            err << line << Qt::endl;
+        }
+        m_lastAction = view.actionText;
+    }
+
+    void endLine()
+    {
+        if (m_terminal) {
+            QTextStream err(stderr);
+            err << Qt::endl;
+        }
+    }
+
+private:
+    bool m_terminal;
+    QString m_lastAction;
+};
+
+void printUsage(QTextStream &out)
+{
+    out << "Usage: pelicane-cli download-library FOLDER\n"
+           "\n"
+           "Downloads the whole library into FOLDER/My Lyrabox Library. An interrupted\n"
+           "download continues where it stopped when the same command runs again.\n"
+           "The account is read from PELICANE_EMAIL and PELICANE_PASSWORD, or asked for.\n";
+}
+
+} // namespace
+
+int runDownloadLibraryCommand(const QStringList &args)
+{
+    QTextStream out(stdout);
+    QTextStream err(stderr);
+    if (args.size() == 1 && (args.first() == QLatin1String("--help") || args.first() == QLatin1String("-h"))) {
+        printUsage(out);
+        return 0;
+    }
+    if (args.size() != 1 || args.first().startsWith(u'-')) {
+        printUsage(err);
+        return 2;
+    }
+    const QString folder = QFileInfo(args.first()).absoluteFilePath();
+    if (QFileInfo(folder).exists() && !QFileInfo(folder).isDir()) {
+        err << "pelicane-cli: " << folder << " is not a folder" << Qt::endl;
+        return 2;
+    }
+    if (!QDir().mkpath(folder)) {
+        err << "pelicane-cli: cannot create " << folder << Qt::endl;
+        return 1;
+    }
+
+    if (!CliSignIn::signInInteractively()) {
+        return 1;
+    }
+    const LyraboxService &service = LyraboxService::sharedService();
+
+    TerminalPrompter prompter;
+    ProgressPrinter printer;
+    DownloadLibraryModel model(QUrl::fromLocalFile(folder), service.userId(), service.userToken(), &prompter);
+    QEventLoop loop;
+    int status = 0;
+    int failedExtractions = 0;
+    auto finish = [&](int code) {
+        status = code;
+        loop.exit(code);
+    };
+
+    QObject::connect(&model, &DownloadLibraryModel::viewStateChanged, &loop, [&] { printer.show(model.viewState()); });
+    QObject::connect(&model, &DownloadLibraryModel::chunkFailed, &loop, [&] {
+        printer.endLine();
+        err << model.viewState().errorInfoText << Qt::endl;
+        model.OnErrorInfo();
+    });
+    QObject::connect(&model, &DownloadLibraryModel::configurationFailed, &loop, [&](const Error &error) {
+        printer.endLine();
+        err << "pelicane-cli: the library could not be read: " << error.localizedDescription() << Qt::endl;
+        finish(1);
+    });
+    QObject::connect(&model, &DownloadLibraryModel::extractionFailed, &loop, [&](const QString &archive) {
+        ++failedExtractions;
+        printer.endLine();
+        err << "pelicane-cli: could not extract " << archive << " (kept; see the log)" << Qt::endl;
+        // A failed last extraction never reaches "Done!".
+        if (model.downloadsCompleted() == model.downloadsScheduled() &&
+            model.unzipsCompleted() == model.downloadsScheduled() && !model.isComplete()) {
+            finish(1);
+        }
+    });
+    QObject::connect(&model, &DownloadLibraryModel::completed, &loop, [&] {
+        printer.endLine();
+        out << "Library of " << QLocale::c().toString(model.totalTrackCount()) << " tracks in "
+            << model.destinationPath() << Qt::endl;
+        if (failedExtractions > 0) {
+            err << "pelicane-cli: " << failedExtractions << " segment(s) could not be extracted" << Qt::endl;
+        }
+        finish(failedExtractions > 0 ? 1 : 0);
+    });
+
+    // Ctrl-C stops cleanly; the next run resumes from the record.
+    if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) == 0) {
+        auto *notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, &loop);
+        QObject::connect(notifier, &QSocketNotifier::activated, &loop, [&] {
+            char byte = 0;
+            while (::read(g_signalPipe[0], &byte, 1) > 0) {
+            }
+            printer.endLine();
+            err << "pelicane-cli: stopped; run the same command again to continue" << Qt::endl;
+            finish(130);
+        });
+        std::signal(SIGINT, onSignal);
+        std::signal(SIGTERM, onSignal);
+    }
+
+    model.start();
+    loop.exec();
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    return status;
+}
