@@ -1,0 +1,529 @@
+// The service client against a capturing server (exact bytes on the wire, canned answers)
+// and against the local service.
+#include "captureserver.h"
+#include "support/devserverprocess.h"
+
+#include "app/logger.h"
+#include "platform/appinfo.h"
+#include "platform/operationqueue.h"
+#include "service/core/clientfields.h"
+#include "service/lyraboxservice.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTest>
+#include <QThread>
+
+#include <thread>
+
+namespace {
+
+struct Call
+{
+    QString name;
+    OptionalError error;
+    QStringList logAtCall; // the log's new lines when the callback ran
+};
+
+QStringList logMessages(qint64 from)
+{
+    QFile file(Logger::logFileURL().toLocalFile());
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    file.seek(from);
+    QStringList messages;
+    for (const QString &line : QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        const qsizetype separator = line.indexOf(QLatin1String(": "));
+        messages << (separator < 0 ? line : line.mid(separator + 2));
+    }
+    return messages;
+}
+
+// Records every callback; implements them all.
+class RecordingDelegate : public LyraboxServiceDelegate
+{
+public:
+    explicit RecordingDelegate(qint64 logStart = 0) : m_logStart(logStart) {}
+
+    bool respondsToOperation(Operation operation) const override { return implements<RecordingDelegate>(operation); }
+    void lyraboxDidLogin(LyraboxService *, const OptionalError &error) override { record("login", error); }
+    void lyraboxDidVerifyLogin(LyraboxService *, const OptionalError &error) override { record("verify", error); }
+    void lyraboxDidReceiveAuthorizationError(LyraboxService *) override { record("authorization", std::nullopt); }
+    void lyraboxDidReadMd5List(LyraboxService *, const OptionalError &error) override { record("md5", error); }
+
+    QList<Call> calls;
+
+private:
+    void record(const QString &name, const OptionalError &error)
+    {
+        QVERIFY(QThread::currentThread() == qApp->thread());
+        calls.append({name, error, logMessages(m_logStart)});
+    }
+    qint64 m_logStart;
+};
+
+// Implements the list callback but not the sign-in one.
+class ListOnlyDelegate : public LyraboxServiceDelegate
+{
+public:
+    bool respondsToOperation(Operation operation) const override { return implements<ListOnlyDelegate>(operation); }
+    void lyraboxDidReadMd5List(LyraboxService *, const OptionalError &) override { ++calls; }
+    int calls = 0;
+};
+
+static_assert(LyraboxServiceDelegate::implements<ListOnlyDelegate>(LyraboxServiceDelegate::Operation::DidReadMd5List));
+static_assert(!LyraboxServiceDelegate::implements<ListOnlyDelegate>(LyraboxServiceDelegate::Operation::DidLogin));
+
+QString expectedAuthToken()
+{
+    const QString text = ClientFields::deviceName() + ":" + ClientFields::version() + ":" + ClientFields::client() +
+                         ":" + ClientFields::userAgent();
+    return QString::fromLatin1(QCryptographicHash::hash(text.toUtf8(), QCryptographicHash::Sha256).toHex());
+}
+
+QByteArray json(const QJsonObject &object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+} // namespace
+
+class TestLyraboxService : public QObject
+{
+    Q_OBJECT
+
+private:
+    CaptureServer *m_capture = nullptr;
+    qint64 m_logStart = 0;
+
+    QStringList newLog() const { return logMessages(m_logStart); }
+    QString responseLine(const QString &path, int status, bool result, bool cancelled, const QString &message) const
+    {
+        return QStringLiteral("Response: %1 - StatusCode: %2, Result: %3, Canceled: %4, Message: %5")
+            .arg(m_capture->url(path), QString::number(status), result ? "True" : "False", cancelled ? "True" : "False",
+                 message);
+    }
+    // Waits until the answer was handled: its log line is written right after the callback
+    // was queued, so two turns of the event loop later every callback has arrived.
+    void settle(int responses)
+    {
+        QTRY_COMPARE_WITH_TIMEOUT(newLog().filter(QRegularExpression("^Response: ")).size(), responses, 30000);
+        QCoreApplication::processEvents();
+        QCoreApplication::processEvents();
+    }
+
+private slots:
+    void initTestCase()
+    {
+        // The first use comes from a worker thread: the instance must still belong to the
+        // main thread, where its requests and callbacks run.
+        LyraboxService *shared = nullptr;
+        std::thread([&] { shared = &LyraboxService::sharedService(); }).join();
+        QVERIFY(shared);
+        QCOMPARE(shared->thread(), qApp->thread());
+        QCOMPARE(&LyraboxService::sharedService(), shared);
+        QCOMPARE(shared->simultaneousUploadCount(), 3u);
+        QCOMPARE(shared->userId(), QString(""));
+        QVERIFY(!shared->userId().isNull());
+    }
+
+    void init()
+    {
+        m_capture = new CaptureServer(this);
+        QVERIFY(m_capture->listen());
+        qputenv("PELICANE_API_URL", m_capture->url("/s/JSON/").toUtf8());
+        qputenv("PELICANE_UPLOAD_URL", m_capture->url("/upload/").toUtf8());
+        m_logStart = QFileInfo(Logger::logFileURL().toLocalFile()).size();
+    }
+
+    void cleanup()
+    {
+        delete m_capture;
+        m_capture = nullptr;
+    }
+
+    void signInRequestOnTheWire()
+    {
+        LyraboxService service;
+        RecordingDelegate delegate(m_logStart);
+        service.setDelegate(&delegate);
+        service.setUserId("old");
+        service.setUserToken("old");
+        m_capture->respond(
+            200,
+            json({{"result", true},
+                  {"user", QJsonObject{{"id", 77}, {"token", "tok"}}},
+                  {"supported", QJsonArray{QJsonObject{{"extension", ".FLAC"}}, QJsonObject{{"extension", ".Mp3"}}}}}));
+        service.loginWithEmail("user@example.com", QString::fromUtf8("p&ss wörd"));
+        // Cleared before anything was sent.
+        QCOMPARE(service.userId(), QString(""));
+        QCOMPARE(service.userToken(), QString(""));
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+
+        QCOMPARE(m_capture->requests().size(), 1);
+        const CaptureServer::Request request = m_capture->requests().first();
+        QCOMPARE(request.method, "POST");
+        QCOMPARE(request.target, "/s/JSON/");
+        QCOMPARE(request.header("Content-Type"), "application/json");
+        QCOMPARE(request.header("User-Agent"), ClientFields::userAgent().toUtf8());
+        QVERIFY(!request.body.contains('\n')); // compact
+        const QJsonObject body = QJsonDocument::fromJson(request.body).object();
+        QStringList keys = body.keys();
+        keys.sort();
+        QCOMPARE(keys, QStringList({"auth_token", "client", "device_name", "email_address", "mode", "password",
+                                    "supported_types", "user_agent", "version"}));
+        QCOMPARE(body.value("mode").toString(), "status");
+        QCOMPARE(body.value("email_address").toString(), "user@example.com");
+        QCOMPARE(body.value("password").toString(), QString::fromUtf8("p&ss wörd"));
+        QCOMPARE(body.value("supported_types"), QJsonValue(true));
+        QCOMPARE(body.value("client").toString(), "pelicane mac");
+        QCOMPARE(body.value("device_name").toString(), "Pelicane for Mac " + AppInfo::shortVersion());
+        QCOMPARE(body.value("user_agent").toString(),
+                 "Lyrabox pelicane mac " + AppInfo::shortVersion() + " (" + AppInfo::buildNumber() + ")");
+        QCOMPARE(body.value("version").toString(), AppInfo::shortVersion() + " (" + AppInfo::buildNumber() + ")");
+        QCOMPARE(body.value("auth_token").toString(), expectedAuthToken());
+
+        const Call call = delegate.calls.first();
+        QCOMPARE(call.name, "login");
+        QVERIFY(!call.error);
+        QCOMPARE(service.userId(), "77");
+        QCOMPARE(service.userToken(), "tok");
+        QCOMPARE(service.getSupportedFormatList(), QStringList({"flac", "mp3"}));
+        const QStringList expected{"Login (user@example.com)", "POST: " + m_capture->url("/s/JSON/"),
+                                   " - Logged in: user@example.com (77)",
+                                   responseLine("/s/JSON/", 200, true, false, "(null)")};
+        QCOMPARE(newLog(), expected);
+        // Queued: the response line was already written when the callback ran.
+        QCOMPARE(call.logAtCall, expected);
+    }
+
+    void verificationRequestOnTheWire()
+    {
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        service.setUserId("42");
+        service.setUserToken("t0");
+        m_capture->respond(200, json({{"result", true},
+                                      {"authenticated", true},
+                                      {"user", QJsonObject{{"id", "42"}, {"token", "t1"}}},
+                                      {"supported", QJsonArray{QJsonObject{{"extension", ".FLAC"}}}}}));
+        service.verifyLogin();
+        QCOMPARE(service.userId(), "42"); // nothing is cleared
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+
+        const QJsonObject body = QJsonDocument::fromJson(m_capture->requests().first().body).object();
+        QStringList keys = body.keys();
+        keys.sort();
+        QCOMPARE(keys, QStringList({"client", "device_name", "mode", "token", "user_agent", "user_id", "version"}));
+        QCOMPARE(body.value("user_id"), QJsonValue("42"));
+        QCOMPARE(body.value("token"), QJsonValue("t0"));
+        QCOMPARE(QJsonDocument::fromJson(m_capture->requests().at(1).body).object().value("token"), QJsonValue("t1"));
+        QCOMPARE(delegate.calls.at(0).name, "verify");
+        QVERIFY(!delegate.calls.at(0).error);
+        QCOMPARE(service.userToken(), "t1");
+        // Appended to, never emptied: two verifications keep ".FLAC" twice, as "flac".
+        QCOMPARE(service.getSupportedFormatList(), QStringList({"flac", "flac"}));
+        QCOMPARE(newLog().first(), "VerifyLogin");
+    }
+
+    void digestListRequestOnTheWire()
+    {
+        LyraboxService service;
+        RecordingDelegate delegate(m_logStart);
+        service.setDelegate(&delegate);
+        service.setUserId("42");
+        service.setUserToken("t0");
+        const QSet<QString> &live = service.getMd5List();
+        m_capture->respond(200, json({{"result", 1}, {"md5", QJsonArray{"aa", "bb", "aa"}}}));
+        service.readMd5List();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QCOMPARE(live, QSet<QString>({"aa", "bb"}));
+
+        const CaptureServer::Request request = m_capture->requests().first();
+        QCOMPARE(request.target, "/upload/");
+        QCOMPARE(request.header("Content-Type"), "application/x-www-form-urlencoded");
+        // Our own User-Agent is not set; Qt's stand-in may be.
+        QVERIFY(!request.header("User-Agent").startsWith("Lyrabox"));
+        const QString s = AppInfo::shortVersion();
+        const QString b = AppInfo::buildNumber();
+        QCOMPARE(QString::fromUtf8(request.body),
+                 QStringLiteral("user_id=42&token=t0&client=pelicane%20mac&device_name=Pelicane%20for%20Mac%20%1"
+                                "&user_agent=Lyrabox%20pelicane%20mac%20%1%20(%2)&version=%1%20(%2)")
+                     .arg(s, b));
+        QCOMPARE(delegate.calls.first().name, "md5");
+        QCOMPARE(newLog(), QStringList({"ReadMD5List", "POST: " + m_capture->url("/upload/"),
+                                        responseLine("/upload/", 200, true, false, "(null)")}));
+
+        // Emptied before the next request; an answer without `md5` is still a success.
+        m_capture->respond(200, json({{"result", true}, {"message", "OK"}}));
+        service.readMd5List();
+        QVERIFY(live.isEmpty());
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QVERIFY(!delegate.calls.at(1).error);
+        QVERIFY(live.isEmpty());
+    }
+
+    void responseClassification_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<bool>("success");
+        QTest::addColumn<QString>("message"); // the error's, or the envelope's for a success
+        QTest::newRow("status without a name") << 520 << QByteArray("{\"result\":true}") << false << "(null) (520)";
+        QTest::newRow("named status, body unread")
+            << 503 << QByteArray("{\"result\":true}") << false << "Service Unavailable (503)";
+        QTest::newRow("result \"1\"") << 200 << QByteArray("{\"result\":\"1\",\"message\":\"Hi\"}") << true << "Hi";
+        QTest::newRow("result 1") << 200 << QByteArray("{\"result\":1}") << true << "(null)";
+        QTest::newRow("result true") << 200 << QByteArray("{\"result\":true,\"message\":\"OK\"}") << true << "OK";
+        QTest::newRow("result missing") << 200 << QByteArray("{\"message\":\"Nope\"}") << false << "Nope";
+        QTest::newRow("result \"false\"")
+            << 200 << QByteArray("{\"result\":\"false\",\"message\":\"No\"}") << false << "No";
+        QTest::newRow("result 0, no message")
+            << 200 << QByteArray("{\"result\":0}") << false << "Error occurred but message was unspecified.";
+        QTest::newRow("not JSON") << 200 << QByteArray("<html>") << false
+                                  << QString::fromUtf8("The data couldn’t be read because it isn’t in the correct "
+                                                       "format.");
+    }
+
+    void responseClassification()
+    {
+        QFETCH(int, status);
+        QFETCH(QByteArray, body);
+        QFETCH(bool, success);
+        QFETCH(QString, message);
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        m_capture->respond(status, body);
+        service.loginWithEmail("a@b.c", "pw");
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        const OptionalError error = delegate.calls.first().error;
+        QCOMPARE(bool(error), !success);
+        if (error) {
+            QCOMPARE(error->localizedDescription(), message);
+            QVERIFY(!error->isMaintenance());
+            QCOMPARE(service.userId(), QString(""));
+        }
+        QCOMPARE(newLog().last(), responseLine("/s/JSON/", status, success, false, message));
+    }
+
+    void maintenanceAndFailedSignIn()
+    {
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        m_capture->respond(200, json({{"result", true},
+                                      {"user", QJsonObject{{"id", 5}, {"token", "x"}}},
+                                      {"supported", QJsonArray{QJsonObject{{"extension", ".mp3"}}}}}));
+        service.loginWithEmail("a@b.c", "pw");
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QCOMPARE(service.getSupportedFormatList().size(), 1);
+
+        m_capture->respond(200, json({{"result", false}, {"maintenance", true}, {"message", "Back soon"}}));
+        service.loginWithEmail("a@b.c", "pw");
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QVERIFY(delegate.calls.at(1).error->isMaintenance());
+        QCOMPARE(delegate.calls.at(1).error->localizedDescription(), "Back soon");
+        // A failed sign-in leaves nothing behind.
+        QCOMPARE(service.userId(), QString(""));
+        QCOMPARE(service.userToken(), QString(""));
+        QVERIFY(service.getSupportedFormatList().isEmpty());
+
+        // Verification never makes a maintenance error.
+        m_capture->respond(
+            200, json({{"result", false}, {"maintenance", true}, {"authenticated", true}, {"message", "Back soon"}}));
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 3, 30000);
+        QCOMPARE(delegate.calls.at(2).name, "verify");
+        QVERIFY(!delegate.calls.at(2).error->isMaintenance());
+    }
+
+    void verificationThatIsNoLongerAuthenticated()
+    {
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        service.setUserId("1");
+        service.setUserToken("old");
+        m_capture->respond(
+            200,
+            json({{"result", true}, {"authenticated", false}, {"user", QJsonObject{{"id", 9}, {"token", "new"}}}}));
+        service.verifyLogin();
+        settle(1);
+        QCOMPARE(delegate.calls.size(), 1);
+        QCOMPARE(delegate.calls.first().name, "authorization");
+        QCOMPARE(service.userId(), "9"); // stored all the same
+        QCOMPARE(service.userToken(), "new");
+    }
+
+    void networkFailureIsNeverALostSession()
+    {
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        // A port nobody listens on.
+        QTcpServer closed;
+        QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
+        const quint16 port = closed.serverPort();
+        closed.close();
+        qputenv("PELICANE_API_URL", QByteArray("http://127.0.0.1:" + QByteArray::number(port) + "/s/JSON/"));
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QCOMPARE(delegate.calls.first().name, "verify");
+        QCOMPARE(delegate.calls.first().error->code(), -1004);
+
+        // Neither a failing status nor an unreadable answer counts as a lost session.
+        qputenv("PELICANE_API_URL", m_capture->url("/s/JSON/").toUtf8());
+        m_capture->respond(500, "{}");
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        m_capture->respond(200, "not json");
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 3, 30000);
+        QCOMPARE(delegate.calls.at(1).name, "verify");
+        QCOMPARE(delegate.calls.at(1).error->localizedDescription(), "Internal Server Error (500)");
+        QCOMPARE(delegate.calls.at(2).name, "verify");
+        QVERIFY(delegate.calls.at(2).error);
+    }
+
+    void cancelledAndTimedOutRequests()
+    {
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        m_capture->setHold(true);
+        service.loginWithEmail("a@b.c", "pw");
+        QTRY_COMPARE_WITH_TIMEOUT(m_capture->requests().size(), 1, 30000);
+        service.stopService();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QCOMPARE(delegate.calls.first().error->code(), -999);
+        QCOMPARE(newLog().last(), responseLine("/s/JSON/", 0, false, true, "cancelled"));
+
+        service.setRequestTimeoutMs(300);
+        service.readMd5List();
+        settle(2);
+        QCOMPARE(delegate.calls.size(), 2);
+        QCOMPARE(delegate.calls.at(1).error->code(), -1001);
+        QCOMPARE(newLog().last(), responseLine("/upload/", 0, false, false, "The operation timed out."));
+    }
+
+    void digestListNeedsTheSignInCallback()
+    {
+        LyraboxService service;
+        ListOnlyDelegate listOnly;
+        service.setDelegate(&listOnly);
+        m_capture->respond(200, json({{"result", true}, {"md5", QJsonArray{"cc"}}}));
+        service.readMd5List();
+        settle(1);
+        QCOMPARE(listOnly.calls, 0);
+        QVERIFY(service.getMd5List().contains("cc"));
+    }
+
+    void destroyedDelegateIsForgotten()
+    {
+        LyraboxService service;
+        auto *delegate = new RecordingDelegate;
+        service.setDelegate(delegate);
+        m_capture->respond(200, json({{"result", true}}));
+        service.loginWithEmail("a@b.c", "pw");
+        QTRY_COMPARE_WITH_TIMEOUT(newLog().filter(QRegularExpression("^Response: ")).size(), 1, 30000);
+        // The callback is queued; the delegate goes away before it arrives.
+        delete delegate;
+        QCOMPARE(service.delegate(), nullptr);
+        QCoreApplication::processEvents();
+    }
+
+    void settingsResetAndStopUploads()
+    {
+        LyraboxService service;
+        QCOMPARE(service.simultaneousUploadCount(), 3u);
+        QVERIFY(service.createPlaylistName().isNull());
+        service.setCreatePlaylistName("Trip");
+        service.setCreateTagName("Summer");
+        service.setReuploadDuplicates(true);
+        service.playlistOrder().insert("/a.mp3", "123");
+        service.setPlaylistOrderIndex(4);
+        service.reset();
+        QVERIFY(service.createPlaylistName().isNull());
+        QVERIFY(service.createTagName().isNull());
+        QVERIFY(service.playlistOrder().isEmpty());
+        QCOMPARE(service.playlistOrderIndex(), 0u);
+        QVERIFY(service.reuploadDuplicates()); // not a playlist or tag setting
+
+        // stopUploads cancels the queue and every request, and forgets the progress records.
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        m_capture->setHold(true);
+        service.readMd5List();
+        QTRY_COMPARE_WITH_TIMEOUT(m_capture->requests().size(), 1, 30000);
+        std::atomic<bool> release{false};
+        const OperationPtr upload = service.fileLoadOperationQueue()->addOperation([&] {
+            while (!release)
+                QThread::msleep(5);
+        });
+        service.uploadProgresses().insert("/a.mp3", LyraboxUploadProgress{});
+        service.stopUploads();
+        QVERIFY(upload->isCancelled());
+        release = true;
+        QVERIFY(service.uploadProgresses().isEmpty());
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QCOMPARE(delegate.calls.first().error->code(), -999);
+    }
+
+    void againstTheLocalService()
+    {
+        DevServerProcess server;
+        QVERIFY2(server.start(), qPrintable(server.errorString()));
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+
+        service.loginWithEmail(DevServerProcess::kDemoEmail, "wrong");
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QCOMPARE(delegate.calls.at(0).error->localizedDescription(), "Invalid e-mail address or password.");
+
+        service.loginWithEmail(DevServerProcess::kDemoEmail, DevServerProcess::kDemoPassword);
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QCOMPARE(delegate.calls.at(1).error.value_or(Error::errorWithMessage("none")).localizedDescription(), "none");
+        const QJsonObject library = server.library();
+        QCOMPARE(service.userId(), QString::number(library.value("user_id").toInteger()));
+        QCOMPARE(service.userToken(), library.value("token").toString());
+        QCOMPARE(service.getSupportedFormatList(),
+                 QStringList({"mp3", "m4a", "aac", "flac", "ogg", "wav", "aiff", "aif", "wma"}));
+
+        const QJsonArray seeded = server.seed(
+            {QJsonObject{{"name", "a.mp3"}, {"content", "a"}}, QJsonObject{{"name", "b.mp3"}, {"content", "b"}}});
+        service.readMd5List();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 3, 30000);
+        QVERIFY(!delegate.calls.at(2).error);
+        QCOMPARE(service.getMd5List(), QSet<QString>({seeded.at(0).toObject().value("md5").toString(),
+                                                      seeded.at(1).toObject().value("md5").toString()}));
+
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 4, 30000);
+        QCOMPARE(delegate.calls.at(3).name, "verify");
+        QVERIFY(!delegate.calls.at(3).error);
+
+        QVERIFY(server.revokeToken());
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 5, 30000);
+        QCOMPARE(delegate.calls.at(4).name, "authorization");
+
+        QVERIFY(server.setMaintenance(true));
+        service.loginWithEmail(DevServerProcess::kDemoEmail, DevServerProcess::kDemoPassword);
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 6, 30000);
+        QVERIFY(delegate.calls.at(5).error->isMaintenance());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestLyraboxService)
+#include "tst_lyraboxservice.moc"
