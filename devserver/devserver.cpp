@@ -343,20 +343,32 @@ void DevServer::stop()
     m_server->stop();
 }
 
-void DevServer::handleJson(const httplib::Request &req, httplib::Response &res, const httplib::ContentReader &reader)
+bool DevServer::receiveSmallRequest(Endpoint endpoint, const httplib::Request &req, httplib::Response &res,
+                                    const httplib::ContentReader &reader, const char *contentType, std::string &body)
 {
-    const FaultPlan plan = m_faults.take(Endpoint::Json);
-    std::string body;
+    const FaultPlan plan = m_faults.take(endpoint);
     bool tooLarge = false;
     if (!readSmallBody(req, reader, body, &tooLarge, plan.dropAfterBytes, m_port))
-        return;
+        return false;
     applyLatency(plan);
     if (answerFault(res, plan))
+        return false;
+    if (tooLarge) {
+        sendFailure(res, 413, "The request body is too large");
+        return false;
+    }
+    if (req.get_header_value("Content-Type").rfind(contentType, 0) != 0) {
+        sendFailure(res, 400, "Content-Type must be " + QLatin1String(contentType));
+        return false;
+    }
+    return true;
+}
+
+void DevServer::handleJson(const httplib::Request &req, httplib::Response &res, const httplib::ContentReader &reader)
+{
+    std::string body;
+    if (!receiveSmallRequest(Endpoint::Json, req, res, reader, "application/json", body))
         return;
-    if (tooLarge)
-        return sendFailure(res, 413, "The request body is too large");
-    if (req.get_header_value("Content-Type").rfind("application/json", 0) != 0)
-        return sendFailure(res, 400, "Content-Type must be application/json");
 
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(toBytes(body), &parseError);
@@ -438,18 +450,9 @@ void DevServer::handleUploadEndpoint(const httplib::Request &req, httplib::Respo
 
 void DevServer::handleList(const httplib::Request &req, httplib::Response &res, const httplib::ContentReader &reader)
 {
-    const FaultPlan plan = m_faults.take(Endpoint::List);
     std::string body;
-    bool tooLarge = false;
-    if (!readSmallBody(req, reader, body, &tooLarge, plan.dropAfterBytes, m_port))
+    if (!receiveSmallRequest(Endpoint::List, req, res, reader, "application/x-www-form-urlencoded", body))
         return;
-    applyLatency(plan);
-    if (answerFault(res, plan))
-        return;
-    if (tooLarge)
-        return sendFailure(res, 413, "The request body is too large");
-    if (req.get_header_value("Content-Type").rfind("application/x-www-form-urlencoded", 0) != 0)
-        return sendFailure(res, 400, "Content-Type must be application/x-www-form-urlencoded or multipart/form-data");
     QMap<QString, QString> fields;
     if (QString error = parseForm(body, fields); !error.isEmpty())
         return sendFailure(res, 400, error);

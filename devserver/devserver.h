@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 namespace httplib {
 class Server;
@@ -31,6 +32,10 @@ public:
     void stop();
 
 private:
+    // Reads a small body after applying the endpoint's faults and checking its type.
+    // Returns false when the request was answered (or dropped) already.
+    bool receiveSmallRequest(Endpoint endpoint, const httplib::Request &req, httplib::Response &res,
+                             const httplib::ContentReader &reader, const char *contentType, std::string &body);
     void handleJson(const httplib::Request &req, httplib::Response &res, const httplib::ContentReader &reader);
     void handleUploadEndpoint(const httplib::Request &req, httplib::Response &res,
                               const httplib::ContentReader &reader);

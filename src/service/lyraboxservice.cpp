@@ -182,7 +182,7 @@ void LyraboxService::loginWithEmail(const QString &email, const QString &passwor
             }
             notifyDelegate(LyraboxServiceDelegate::Operation::DidLogin,
                            [this, error](LyraboxServiceDelegate *delegate) { delegate->lyraboxDidLogin(this, error); });
-            logResponse(Endpoints::apiURL(), response);
+            logResponse(response);
         });
     });
 }
@@ -211,7 +211,7 @@ void LyraboxService::verifyLogin()
                     LyraboxServiceDelegate::Operation::DidReceiveAuthorizationError,
                     [this](LyraboxServiceDelegate *delegate) { delegate->lyraboxDidReceiveAuthorizationError(this); });
             }
-            logResponse(Endpoints::apiURL(), response);
+            logResponse(response);
         });
     });
 }
@@ -234,7 +234,7 @@ void LyraboxService::readMd5List()
             notifyDelegate(
                 LyraboxServiceDelegate::Operation::DidLogin,
                 [this, error](LyraboxServiceDelegate *delegate) { delegate->lyraboxDidReadMd5List(this, error); });
-            logResponse(Endpoints::uploadURL(), response);
+            logResponse(response);
         });
     });
 }
@@ -336,6 +336,7 @@ void LyraboxService::startRequest(const QNetworkRequest &prepared, const QByteAr
 LyraboxService::Response LyraboxService::classify(QNetworkReply *reply, bool timedOut) const
 {
     Response response;
+    response.url = reply->request().url();
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     response.statusCode = status.isValid() ? status.toInt() : 0;
 
@@ -371,11 +372,11 @@ LyraboxService::Response LyraboxService::classify(QNetworkReply *reply, bool tim
     return response;
 }
 
-void LyraboxService::logResponse(const QUrl &url, const Response &response) const
+void LyraboxService::logResponse(const Response &response) const
 {
     const bool cancelled = response.error && response.error->code() == TransportError::Cancelled;
     Logger::log(QStringLiteral("Response: %1 - StatusCode: %2, Result: %3, Canceled: %4, Message: %5")
-                    .arg(url.toString(), QString::number(response.statusCode),
+                    .arg(response.url.toString(), QString::number(response.statusCode),
                          response.result ? QStringLiteral("True") : QStringLiteral("False"),
                          cancelled ? QStringLiteral("True") : QStringLiteral("False"),
                          response.error ? response.error->localizedDescription() : nullable(response.message)));
