@@ -54,6 +54,7 @@ MainWindowController::MainWindowController(QWidget *parent)
     connectLoginPage();
     connectSearchPages();
     connectUploadPages();
+    connectLibraryPage();
 }
 
 MainWindowController::~MainWindowController()

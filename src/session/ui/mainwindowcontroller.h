@@ -10,6 +10,7 @@
 
 #include <memory>
 
+class DownloadLibraryController;
 class QLineEdit;
 
 namespace Ui {
@@ -71,6 +72,11 @@ public:
     void OnEnterPressed(QLineEdit *field);
     void OnRememberMeChecked(bool checked);
 
+    // --- Library download (mainwindowcontroller_library.cpp) ---------------
+    // Asks for a folder and opens the download window on it.
+    void OnDownloadLibrary();
+    DownloadLibraryController *downloadLibraryWindow() const;
+
 signals:
     void windowWillClose();
 
@@ -88,6 +94,7 @@ private:
     // mainwindowcontroller_upload.cpp), run once before the set-up.
     void connectSearchPages();
     void connectUploadPages();
+    void connectLibraryPage();
     // Upload rows and the digest-check row, created during the set-up, and
     // put away when the window goes.
     void createUploadListState();
@@ -96,6 +103,7 @@ private:
     std::unique_ptr<Ui::MainWindowController> m_ui;
     SessionModel *m_session = nullptr;
     QPointer<QMessageBox> m_visibleAlert;
+    QPointer<DownloadLibraryController> m_downloadLibraryWindow;
     QTimer m_audioCDMonitorTimer;
     bool m_windowLoaded = false;
 };
