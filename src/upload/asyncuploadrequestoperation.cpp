@@ -83,7 +83,7 @@ void AsyncUploadRequestOperation::reportFailure(const Error &error)
         return;
     }
     if (auto block = fileLoadFailedBlock) {
-        dispatchAsyncMain([block, error] { block(error); });
+        dispatchAsyncMain([block, error, self = weak_from_this().lock()] { block(error); });
     }
 }
 
@@ -99,7 +99,7 @@ void AsyncUploadRequestOperation::reportSuccess()
         return;
     }
     if (auto block = fileLoadSucceededBlock) {
-        dispatchAsyncMain([block] { block(); });
+        dispatchAsyncMain([block, self = weak_from_this().lock()] { block(); });
     }
 }
 
@@ -367,7 +367,7 @@ void AsyncUploadRequestOperation::handleUploadProgress(qint64 bytesSent)
     if (percent != m_lastProgress) {
         m_lastProgress = percent;
         auto block = fileLoadProgressBlock;
-        dispatchAsyncMain([block, fraction] { block(fraction); });
+        dispatchAsyncMain([block, fraction, self = weak_from_this().lock()] { block(fraction); });
     }
 }
 

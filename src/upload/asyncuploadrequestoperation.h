@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 
 class QEventLoop;
 class QNetworkReply;
@@ -34,8 +35,10 @@ struct UploadTimeouts
 // an operation cancelled before the outcome was decided reports failure,
 // never success. Log lines are prefixed with the file's name.
 //
-// Set the blocks before the operation is queued.
-class AsyncUploadRequestOperation : public Operation
+// Set the blocks before the operation is queued. An operation made with
+// std::make_shared stays alive until its last report has run, so a block
+// may look at it through a weak reference.
+class AsyncUploadRequestOperation : public Operation, public std::enable_shared_from_this<AsyncUploadRequestOperation>
 {
     Q_OBJECT
 

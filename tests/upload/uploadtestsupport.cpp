@@ -1,0 +1,227 @@
+#include "uploadtestsupport.h"
+
+#include "app/logger.h"
+#include "service/core/clientfields.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QHostAddress>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+
+Credentials signInDemo(const DevServerProcess &server)
+{
+    const QString client = ClientFields::client();
+    const QString deviceName = ClientFields::deviceName();
+    const QString userAgent = ClientFields::userAgent();
+    const QString version = ClientFields::version();
+    const QByteArray authToken =
+        QCryptographicHash::hash((deviceName + ':' + version + ':' + client + ':' + userAgent).toUtf8(),
+                                 QCryptographicHash::Sha256)
+            .toHex();
+    const QJsonObject request{
+        {"mode", "status"},
+        {"email_address", DevServerProcess::kDemoEmail},
+        {"password", DevServerProcess::kDemoPassword},
+        {"client", client},
+        {"device_name", deviceName},
+        {"user_agent", userAgent},
+        {"version", version},
+        {"supported_types", true},
+        {"auth_token", QString::fromLatin1(authToken)},
+    };
+    const LoopbackHttpResult result = loopbackHttp(
+        server.port(), "POST", "/s/JSON/", {{"Content-Type", "application/json"}, {"User-Agent", userAgent.toUtf8()}},
+        QJsonDocument(request).toJson(QJsonDocument::Compact));
+    const QJsonObject user = result.json().value("user").toObject();
+    return {user.value("id").toVariant().toString(), user.value("token").toString()};
+}
+
+AsyncUploadRequestConfiguration uploadConfiguration(const QString &uploadURL, const QString &path,
+                                                    const Credentials &credentials)
+{
+    AsyncUploadRequestConfiguration c;
+    c.uploadURL = uploadURL;
+    c.filePath = path;
+    c.sanitizedFilePath = path;
+    c.userId = credentials.userId;
+    c.userToken = credentials.token;
+    c.clientName = ClientFields::client();
+    c.deviceName = ClientFields::deviceName();
+    c.userAgent = ClientFields::userAgent();
+    c.versionString = ClientFields::version();
+    return c;
+}
+
+bool writePatternFile(const QString &path, qint64 size, quint32 seed)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        return false;
+    }
+    QByteArray block(1 << 20, '\0');
+    quint32 state = seed * 2654435761u + 1;
+    qint64 left = size;
+    while (left > 0) {
+        const qint64 n = std::min<qint64>(left, block.size());
+        for (qint64 i = 0; i < n; i += 4) {
+            state = state * 1664525u + 1013904223u;
+            std::memcpy(block.data() + i, &state, size_t(std::min<qint64>(4, n - i)));
+        }
+        if (file.write(block.constData(), n) != n) {
+            return false;
+        }
+        left -= n;
+    }
+    return true;
+}
+
+QByteArray md5OfFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return {};
+    }
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    hash.addData(&file);
+    return hash.result().toHex();
+}
+
+LogWatch::LogWatch() : m_start(Logger::logSize()) {}
+
+QStringList LogWatch::lines() const
+{
+    QFile file(Logger::logFileURL().toLocalFile());
+    if (!file.open(QIODevice::ReadOnly) || !file.seek(m_start)) {
+        return {};
+    }
+    QStringList result;
+    static const QRegularExpression date(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\+0000: "));
+    for (const QByteArray &raw : file.readAll().split('\n')) {
+        QString line = QString::fromUtf8(raw);
+        const auto match = date.match(line);
+        if (match.hasMatch()) {
+            result << line.mid(match.capturedLength());
+        }
+    }
+    return result;
+}
+
+QStringList LogWatch::linesOf(const QString &fileName) const
+{
+    const QString prefix = fileName + QStringLiteral(": ");
+    QStringList result;
+    for (const QString &line : lines()) {
+        if (line.startsWith(prefix)) {
+            result << line.mid(prefix.size());
+        }
+    }
+    return result;
+}
+
+qint64 residentKiB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:")) {
+            return line.mid(6).trimmed().split(' ').first().toLongLong();
+        }
+    }
+    return -1;
+}
+
+// ---------------------------------------------------------------------------
+
+ScriptedHttpServer::ScriptedHttpServer(QObject *parent) : QObject(parent)
+{
+    connect(&m_server, &QTcpServer::newConnection, this, &ScriptedHttpServer::accept);
+}
+
+bool ScriptedHttpServer::listen()
+{
+    return m_server.listen(QHostAddress::LocalHost, 0);
+}
+
+QString ScriptedHttpServer::url() const
+{
+    return QStringLiteral("http://127.0.0.1:%1/upload/").arg(m_server.serverPort());
+}
+
+void ScriptedHttpServer::accept()
+{
+    while (QTcpSocket *socket = m_server.nextPendingConnection()) {
+        ++m_connections;
+        if (m_socket) {
+            // One exchange per test: a second connection is a resend.
+            m_socket->disconnect(this);
+            m_socket->deleteLater();
+        }
+        m_socket = socket;
+        m_buffer.clear();
+        m_headers.clear();
+        m_headersDone = false;
+        m_paused = false;
+        m_answered = false;
+        m_bodyReceived = 0;
+        m_contentLength = -1;
+        // A small buffer makes a stall reach the sender quickly.
+        socket->setReadBufferSize(64 * 1024);
+        connect(socket, &QTcpSocket::readyRead, this, &ScriptedHttpServer::readMore);
+        readMore();
+    }
+}
+
+void ScriptedHttpServer::resume()
+{
+    m_paused = false;
+    mode = Mode::Answer;
+    readMore();
+}
+
+void ScriptedHttpServer::readMore()
+{
+    if (!m_socket || m_paused) {
+        return;
+    }
+    if (!m_headersDone) {
+        m_buffer += m_socket->readAll();
+        const qsizetype end = m_buffer.indexOf("\r\n\r\n");
+        if (end < 0) {
+            return;
+        }
+        m_headers = m_buffer.left(end);
+        m_headersDone = true;
+        static const QRegularExpression length(QStringLiteral("(?i)\\r\\ncontent-length:\\s*(\\d+)"));
+        const auto match = length.match(QString::fromLatin1(m_headers));
+        m_contentLength = match.hasMatch() ? match.captured(1).toLongLong() : 0;
+        m_bodyReceived = m_buffer.size() - end - 4;
+        m_buffer.clear();
+    }
+    for (;;) {
+        if (mode == Mode::StallAfter && m_bodyReceived >= stallAfterBytes) {
+            m_paused = true;
+            return;
+        }
+        qint64 want = 64 * 1024;
+        if (mode == Mode::StallAfter) {
+            want = std::min<qint64>(want, stallAfterBytes - m_bodyReceived);
+        }
+        const QByteArray chunk = m_socket->read(want);
+        if (chunk.isEmpty()) {
+            break;
+        }
+        m_bodyReceived += chunk.size();
+    }
+    if (bodyComplete() && mode == Mode::Answer && !m_answered) {
+        m_answered = true;
+        m_socket->write("HTTP/1.1 " + QByteArray::number(status) +
+                        " Whatever\r\nContent-Type: application/json\r\n"
+                        "Content-Length: " +
+                        QByteArray::number(answerBody.size()) + "\r\nConnection: close\r\n\r\n" + answerBody);
+        m_socket->disconnectFromHost();
+    }
+}

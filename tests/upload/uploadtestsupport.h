@@ -1,0 +1,95 @@
+#pragma once
+
+#include "support/devserverprocess.h"
+#include "upload/asyncuploadrequestconfiguration.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QPointer>
+#include <QString>
+#include <QStringList>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+// Helpers of the upload tests and benchmarks.
+
+struct Credentials
+{
+    QString userId;
+    QString token;
+};
+
+// Signs the demo account in through the JSON API, as the program does.
+Credentials signInDemo(const DevServerProcess &server);
+
+// A configuration as the service client fills it, for the file at path.
+AsyncUploadRequestConfiguration uploadConfiguration(const QString &uploadURL, const QString &path,
+                                                    const Credentials &credentials);
+
+// Writes size bytes of a deterministic pattern (seed varies it).
+bool writePatternFile(const QString &path, qint64 size, quint32 seed = 1);
+QByteArray md5OfFile(const QString &path);
+
+// Lines written to the log since the watch was made, without their dates.
+class LogWatch
+{
+public:
+    LogWatch();
+    QStringList lines() const;
+    // Lines of one upload: its messages without the "<file name>: " prefix.
+    QStringList linesOf(const QString &fileName) const;
+
+private:
+    qint64 m_start;
+};
+
+// Resident memory of this process in KiB, now and at its peak.
+qint64 residentKiB();
+
+// A bare HTTP server for the cases the real service cannot stage: it reads a
+// request's headers and body and then answers, stays silent, or stops reading
+// part-way through the body until resumed. One request per connection.
+class ScriptedHttpServer : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum class Mode {
+        Answer,     // after the whole body: status and body
+        Silent,     // read the whole body, never answer
+        StallAfter, // stop reading after stallAfterBytes body bytes
+    };
+
+    explicit ScriptedHttpServer(QObject *parent = nullptr);
+    bool listen();
+    QString url() const;
+
+    Mode mode = Mode::Answer;
+    int status = 200;
+    QByteArray answerBody = R"({"result": true, "message": "Stored."})";
+    qint64 stallAfterBytes = 0;
+
+    // Reads again after a stall (and answers as Answer would).
+    void resume();
+
+    int connectionCount() const { return m_connections; }
+    qint64 bodyBytesReceived() const { return m_bodyReceived; }
+    qint64 contentLength() const { return m_contentLength; }
+    QByteArray requestHeaders() const { return m_headers; }
+    bool bodyComplete() const { return m_contentLength >= 0 && m_bodyReceived >= m_contentLength; }
+
+private:
+    void accept();
+    void readMore();
+
+    QTcpServer m_server;
+    QPointer<QTcpSocket> m_socket;
+    QByteArray m_buffer;
+    QByteArray m_headers;
+    bool m_headersDone = false;
+    bool m_paused = false;
+    bool m_answered = false;
+    int m_connections = 0;
+    qint64 m_bodyReceived = 0;
+    qint64 m_contentLength = -1;
+};
