@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cd/plcid3tag.h"
 #include "service/core/error.h"
 #include "service/lyraboxservicedelegate.h"
 
@@ -97,6 +98,15 @@ public:
 
     // Upload dispatch (lyraboxservice_upload.cpp).
 
+    // Queues one upload. ID3Tags are given for a CD track only (its path
+    // names the track on the disc); isRetry makes the upload wait 5 seconds
+    // first. Answers with lyraboxDidFinishUpload() once, with progress
+    // (lyraboxDidUpdateUploadProgress(), lyraboxDidUpdateRipProgress()) before
+    // that, and at most once per process with
+    // lyraboxDidExperienceExternalDriveError().
+    void uploadFile(const QString &filePath, const std::optional<PLCID3Tag> &ID3Tags = std::nullopt,
+                    bool isRetry = false);
+
     // The whole library in one request (lyraboxservice_download.cpp), moved
     // into "LyraboxLibrary-<seconds since 1970>/Library.zip" inside
     // `destination`. Progress: the fraction received (-1.0 without an
@@ -139,6 +149,8 @@ private:
     void logResponse(const Response &response) const;
     // Stores `user` and appends the extensions of `supported`.
     void storeCredentials(const QJsonObject &envelope);
+    // The playlist position of a file: the one it was given, or a new one.
+    QString playlistPositionForFile(const QString &filePath);
 
     // Queues a delegate callback to the main thread; it is sent if, by then, the delegate
     // implements `required`.
