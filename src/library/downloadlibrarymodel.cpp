@@ -29,6 +29,8 @@ DownloadLibraryModel::DownloadLibraryModel(const QUrl &URL, const QString &userI
     // One extraction at a time, in the order the chunks arrive.
     m_unzipQueue.setMaxThreadCount(1);
     m_resumeTimer.setSingleShot(true);
+    // A coarse timer may fire up to 5% early; the wait is a full five seconds.
+    m_resumeTimer.setTimerType(Qt::PreciseTimer);
     m_resumeTimer.setInterval(kRetryDelayMilliseconds);
     connect(&m_resumeTimer, &QTimer::timeout, this, &DownloadLibraryModel::resumeDownloadQueue);
     m_view.actionText = QStringLiteral("Configuring Library Download...");
