@@ -122,6 +122,21 @@ double runPelicane(const LibraryTest::Identity &identity, const QString &folder)
     return failed ? -1 : clock.elapsed() / 1000.0;
 }
 
+// Peak resident memory of this process, in MiB (it runs the download).
+double peakResidentMiB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmHWM:")) {
+            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
+        }
+    }
+    return -1;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -188,6 +203,8 @@ int main(int argc, char *argv[])
                .arg(bestPeer, 0, 'f', 1)
                .arg(bestOurs, 0, 'f', 1)
                .arg(bestOurs / bestPeer, 0, 'f', 2)
+        << Qt::endl;
+    out << QStringLiteral("peak resident memory of the downloading process: %1 MiB").arg(peakResidentMiB(), 0, 'f', 1)
         << Qt::endl;
     return 0;
 }
