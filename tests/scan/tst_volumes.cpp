@@ -1,0 +1,227 @@
+#include "cd/plcvolumetype.h"
+#include "platform/discimages.h"
+#include "platform/volumes.h"
+#include "support/discimage.h"
+
+#include <QDir>
+#include <QSemaphore>
+#include <QTemporaryDir>
+#include <QTest>
+
+using Volumes::MountedVolume;
+
+class TestVolumes : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void cleanup() { DiscImages::clear(); }
+
+    void mountInfoIsParsedAndUnescaped()
+    {
+        const QByteArray text =
+            "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+            "40 22 0:35 / /proc rw,nosuid - proc proc rw\n"
+            "61 22 8:17 / /media/anna/My\\040Music rw,nosuid shared:7 master:2 - vfat /dev/sdb1 rw,uid=1000\n"
+            "bad line\n"
+            "62 22 11:0 / /mnt/cd ro - iso9660 /dev/sr0 ro\n";
+        const QList<MountedVolume> volumes = Volumes::parseMountInfo(text);
+        QCOMPARE(volumes.size(), 4);
+        QCOMPARE(volumes.at(0),
+                 (MountedVolume{QStringLiteral("/"), QStringLiteral("/dev/sda1"), QStringLiteral("ext4")}));
+        QCOMPARE(volumes.at(2), (MountedVolume{QStringLiteral("/media/anna/My Music"), QStringLiteral("/dev/sdb1"),
+                                               QStringLiteral("vfat")}));
+        QCOMPARE(volumes.at(3).mountPoint, QStringLiteral("/mnt/cd"));
+
+        // This process's own table has at least the root.
+        const QList<MountedVolume> mine = Volumes::mountedVolumes();
+        QVERIFY(std::any_of(mine.begin(), mine.end(), [](const MountedVolume &v) { return v.mountPoint == "/"; }));
+    }
+
+    void containingVolumeIsTheLongestMountPoint()
+    {
+        const QList<MountedVolume> volumes{
+            {QStringLiteral("/"), QStringLiteral("/dev/sda1"), QStringLiteral("ext4")},
+            {QStringLiteral("/media/x"), QStringLiteral("/dev/sdb1"), QStringLiteral("vfat")},
+            {QStringLiteral("/media/x"), QStringLiteral("/dev/sdc1"), QStringLiteral("vfat")},
+            {QStringLiteral("/media/x/inner"), QStringLiteral("/dev/sdd1"), QStringLiteral("vfat")}};
+        QCOMPARE(Volumes::volumeContainingPath(QStringLiteral("/media/x/a.mp3"), volumes)->source,
+                 QStringLiteral("/dev/sdc1")); // mounted over the first
+        QCOMPARE(Volumes::volumeContainingPath(QStringLiteral("/media/x/inner/../a.mp3"), volumes)->source,
+                 QStringLiteral("/dev/sdc1"));
+        QCOMPARE(Volumes::volumeContainingPath(QStringLiteral("/media/x/inner"), volumes)->source,
+                 QStringLiteral("/dev/sdd1"));
+        QCOMPARE(Volumes::volumeContainingPath(QStringLiteral("/media/xy/a.mp3"), volumes)->source,
+                 QStringLiteral("/dev/sda1"));
+        QVERIFY(!Volumes::volumeContainingPath(QStringLiteral("relative/a.mp3"), volumes));
+    }
+
+    void removableVolumesByPlainPrefix()
+    {
+        const QList<MountedVolume> volumes{
+            {QStringLiteral("/"), QStringLiteral("/dev/sda1"), QStringLiteral("ext4")},
+            {QStringLiteral("/mnt"), QStringLiteral("/dev/sde1"), QStringLiteral("ext4")},
+            {QStringLiteral("/media/Music"), QStringLiteral("/dev/sdb1"), QStringLiteral("vfat")},
+            {QStringLiteral("/run/media/anna/USB"), QStringLiteral("/dev/sdc1"), QStringLiteral("exfat")},
+            {QStringLiteral("/srv/media"), QStringLiteral("/dev/sdd1"), QStringLiteral("ext4")}};
+        QVERIFY(Volumes::isOnRemovableVolume(QStringLiteral("/media/Music/a.flac"), volumes));
+        // A text prefix, not a folder test: a sibling whose name starts alike counts.
+        QVERIFY(Volumes::isOnRemovableVolume(QStringLiteral("/media/Music2/a.flac"), volumes));
+        QVERIFY(Volumes::isOnRemovableVolume(QStringLiteral("/run/media/anna/USB/b.mp3"), volumes));
+        // "/mnt" itself is no removable mount point, nor "/" nor one elsewhere.
+        QVERIFY(!Volumes::isOnRemovableVolume(QStringLiteral("/mnt/data/a.mp3"), volumes));
+        QVERIFY(!Volumes::isOnRemovableVolume(QStringLiteral("/srv/media/a.mp3"), volumes));
+        QVERIFY(!Volumes::isOnRemovableVolume(QStringLiteral("/home/anna/a.mp3"), volumes));
+
+        QVERIFY(!PLCVolumeType::isExternalDrive(QUrl(QStringLiteral("https://example.com/media/a.mp3"))));
+        QVERIFY(!PLCVolumeType::isExternalDrive(QUrl::fromLocalFile(QDir::tempPath() + QStringLiteral("/a.mp3"))));
+    }
+
+    void drivesFromUdevProperties()
+    {
+        const QHash<QString, QString> audioCD{
+            {QStringLiteral("ID_CDROM"), QStringLiteral("1")},
+            {QStringLiteral("ID_CDROM_MEDIA"), QStringLiteral("1")},
+            {QStringLiteral("ID_CDROM_MEDIA_CD_R"), QStringLiteral("1")},
+            {QStringLiteral("ID_CDROM_MEDIA_TRACK_COUNT_AUDIO"), QStringLiteral("12")},
+            {QStringLiteral("ID_CDROM_MEDIA_TRACK_COUNT_DATA"), QStringLiteral("1")}};
+        const auto drive = Volumes::opticalDriveFromProperties(QStringLiteral("/dev/sr0"), audioCD);
+        QVERIFY(drive);
+        QCOMPARE(drive->mediaType(), QStringLiteral("CD-ROM"));
+        QCOMPARE(drive->audioTrackCount, 12);
+        QCOMPARE(drive->dataTrackCount, 1);
+        QVERIFY(drive->holdsAudioCD());
+
+        const auto dvd = Volumes::opticalDriveFromProperties(
+            QStringLiteral("/dev/sr1"), {{QStringLiteral("ID_CDROM"), QStringLiteral("1")},
+                                         {QStringLiteral("ID_CDROM_MEDIA"), QStringLiteral("1")},
+                                         {QStringLiteral("ID_CDROM_MEDIA_DVD"), QStringLiteral("1")},
+                                         {QStringLiteral("ID_CDROM_MEDIA_CD"), QStringLiteral("0")}});
+        QCOMPARE(dvd->mediaType(), QStringLiteral("DVD-ROM"));
+        QVERIFY(!dvd->holdsAudioCD());
+
+        // A drive that can play CDs but holds nothing, and a data CD.
+        const auto empty = Volumes::opticalDriveFromProperties(
+            QStringLiteral("/dev/sr2"),
+            {{QStringLiteral("ID_CDROM"), QStringLiteral("1")}, {QStringLiteral("ID_CDROM_CD"), QStringLiteral("1")}});
+        QVERIFY(empty->mediaType().isEmpty());
+        const auto data = Volumes::opticalDriveFromProperties(
+            QStringLiteral("/dev/sr3"), {{QStringLiteral("ID_CDROM"), QStringLiteral("1")},
+                                         {QStringLiteral("ID_CDROM_MEDIA"), QStringLiteral("1")},
+                                         {QStringLiteral("ID_CDROM_MEDIA_CD"), QStringLiteral("1")},
+                                         {QStringLiteral("ID_CDROM_MEDIA_TRACK_COUNT_DATA"), QStringLiteral("1")}});
+        QCOMPARE(data->mediaType(), QStringLiteral("CD-ROM"));
+        QVERIFY(!data->holdsAudioCD());
+
+        QVERIFY(!Volumes::opticalDriveFromProperties(QStringLiteral("/dev/sda"),
+                                                     {{QStringLiteral("ID_TYPE"), QStringLiteral("disk")}}));
+        // Whatever this machine has, listing its drives works.
+        QString message;
+        QVERIFY2(Volumes::opticalDrives(&message).has_value(), qPrintable(message));
+    }
+
+    void onlyDiscVolumesAreDisks()
+    {
+        QTemporaryDir dir;
+        const DiscImage image =
+            DiscImage::create(dir.path(), QStringLiteral("album"), DiscImage::audioOptions({300, 300}));
+        QVERIFY(image.isValid());
+
+        QVERIFY(PLCVolumeType::isDiskAtPath(image.cuePath()));
+        QCOMPARE(PLCVolumeType::BSDNameOfDiskAtURL(QUrl::fromLocalFile(image.cuePath())), image.cuePath());
+        QCOMPARE(PLCVolumeType::descriptionForDiskKey(PLCVolumeType::DiskDescriptionKey::MediaType,
+                                                      QUrl::fromLocalFile(image.cuePath())),
+                 QVariant(QStringLiteral("CD-ROM")));
+
+        // Not a file URL, a folder, a file in it, a character device, nothing at all.
+        QVERIFY(!PLCVolumeType::isDiskAtURL(QUrl(QStringLiteral("http://localhost/") + image.cuePath())));
+        QVERIFY(!PLCVolumeType::descriptionForDiskKey(PLCVolumeType::DiskDescriptionKey::MediaBSDName,
+                                                      QUrl(QStringLiteral("http://localhost/x")))
+                     .isValid());
+        QVERIFY(!PLCVolumeType::isDiskAtPath(dir.path()));
+        QVERIFY(!PLCVolumeType::isDiskAtPath(image.binPath()));
+        QVERIFY(!PLCVolumeType::isDiskAtPath(QStringLiteral("/dev/null")));
+        QVERIFY(!PLCVolumeType::isDiskAtPath(dir.filePath(QStringLiteral("missing.cue"))));
+
+        // An ordinary folder is on the volume mounted over it, and has no media type.
+        const QUrl folder = QUrl::fromLocalFile(dir.path());
+        const QString mountPoint =
+            PLCVolumeType::descriptionForDiskKey(PLCVolumeType::DiskDescriptionKey::VolumePath, folder).toString();
+        QVERIFY(!mountPoint.isEmpty());
+        QVERIFY(mountPoint == QLatin1String("/") || dir.path().startsWith(mountPoint + QLatin1Char('/')));
+        QVERIFY(!PLCVolumeType::descriptionForDiskKey(PLCVolumeType::DiskDescriptionKey::MediaType, folder).isValid());
+    }
+
+    void trackFilesInDiscOrder()
+    {
+        QTemporaryDir dir;
+        // Eleven audio tracks numbered from 2, then a data track.
+        DiscImage::Options options = DiscImage::audioOptions({100, 120, 140, 160, 180, 200, 220, 240, 260, 280, 300});
+        options.firstTrackNumber = 2;
+        DiscImage::Track data;
+        data.data = true;
+        data.sectors = 200;
+        options.tracks.append(data);
+        const DiscImage image = DiscImage::create(dir.path(), QStringLiteral("long"), options);
+        QVERIFY(image.isValid());
+
+        const auto tracks = PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(image.cuePath()));
+        QVERIFY(tracks);
+        QCOMPARE(tracks->size(), 11);
+        for (int i = 0; i < 11; ++i) {
+            const PLCVolumeType::TrackFile &track = tracks->at(i);
+            QCOMPARE(track.trackNumber, i + 2);
+            QCOMPARE(track.path, image.cuePath() + QStringLiteral("/%1 Audio Track.aiff").arg(i + 2));
+            QCOMPARE(track.size, qint64(image.trackSectors(i)) * 2352);
+        }
+        // "10" and "11" come after "9", never before "2".
+        QCOMPARE(tracks->at(8).path.section(QLatin1Char('/'), -1), QStringLiteral("10 Audio Track.aiff"));
+
+        const QString third = image.cuePath() + QStringLiteral("/3 Audio Track.aiff");
+        QCOMPARE(PLCVolumeType::trackFileAtPath(third), tracks->at(1));
+        QVERIFY(!PLCVolumeType::trackFileAtPath(image.cuePath() + QStringLiteral("/1 Audio Track.aiff")));
+        QVERIFY(!PLCVolumeType::trackFileAtPath(image.cuePath() + QStringLiteral("/13 Audio Track.aiff")));
+        QVERIFY(!PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(dir.path())));
+    }
+
+    void insertedImagesAreListedUntilEjected()
+    {
+        QTemporaryDir dir;
+        const DiscImage first = DiscImage::create(dir.path(), QStringLiteral("one"), DiscImage::audioOptions({100}));
+        const DiscImage second = DiscImage::create(dir.path(), QStringLiteral("two"), DiscImage::audioOptions({100}));
+        QVERIFY(DiscImages::insert(first.cuePath()));
+        QVERIFY(DiscImages::insert(second.cuePath()));
+
+        PLCVolumeType::DiscVolumeListing listing = PLCVolumeType::discVolumes();
+        QVERIFY(!listing.error);
+        // Drives (none here, or whatever this machine holds) come first.
+        QCOMPARE(listing.volumes.mid(listing.volumes.size() - 2), (QStringList{first.cuePath(), second.cuePath()}));
+
+        struct Report
+        {
+            QSemaphore done;
+            QString disk;
+            OptionalError error = Error::errorWithMessage(QStringLiteral("not called"));
+        } report;
+        const auto callback = [](const QString &disk, const OptionalError &error, void *context) {
+            auto *r = static_cast<Report *>(context);
+            r->disk = disk;
+            r->error = error;
+            r->done.release();
+        };
+        QVERIFY(PLCVolumeType::ejectDiskAtURL(QUrl::fromLocalFile(first.cuePath()), callback, &report));
+        QVERIFY(report.done.tryAcquire(1, 30000));
+        QCOMPARE(report.disk, first.cuePath());
+        QVERIFY(!report.error);
+        listing = PLCVolumeType::discVolumes();
+        QVERIFY(!listing.volumes.contains(first.cuePath()));
+        QVERIFY(listing.volumes.contains(second.cuePath()));
+
+        // No disc behind a folder: nothing starts and nothing reports.
+        QVERIFY(!PLCVolumeType::ejectDiskAtURL(QUrl::fromLocalFile(dir.path()), callback, &report));
+        QVERIFY(!report.done.tryAcquire(1, 100));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestVolumes)
+#include "tst_volumes.moc"
