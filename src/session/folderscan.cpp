@@ -266,3 +266,22 @@ bool FolderScan::walk(const QByteArray &folder, const FileSink &sink, const Canc
     }
     return true;
 }
+
+FolderScanRunner::FolderScanRunner()
+{
+    // A scan mostly waits for the disk; two at once (a drop while one runs)
+    // are allowed, more are queued.
+    m_pool.setMaxThreadCount(2);
+    m_pool.setExpiryTimeout(5000);
+}
+
+FolderScanRunner::~FolderScanRunner()
+{
+    m_stopping.store(true, std::memory_order_relaxed);
+    m_pool.waitForDone();
+}
+
+void FolderScanRunner::start(std::function<void()> task)
+{
+    m_pool.start(std::move(task));
+}

@@ -4,7 +4,9 @@
 #include <QSet>
 #include <QString>
 #include <QStringList>
+#include <QThreadPool>
 
+#include <atomic>
 #include <functional>
 #include <vector>
 
@@ -78,4 +80,25 @@ private:
 
     QSet<QString> m_formats;
     std::vector<QByteArray> m_asciiFormats; // lower case; few, so a list is fastest
+};
+
+// Runs scan tasks on worker threads of its own for an owner that may go
+// away first: its destructor tells the running tasks to stop (they ask
+// isStopping() between entries) and waits for them.
+class FolderScanRunner
+{
+public:
+    FolderScanRunner();
+    ~FolderScanRunner();
+    FolderScanRunner(const FolderScanRunner &) = delete;
+    FolderScanRunner &operator=(const FolderScanRunner &) = delete;
+
+    void start(std::function<void()> task);
+    bool isStopping() const { return m_stopping.load(std::memory_order_relaxed); }
+    // Waits until no task runs; for tests and shutdown.
+    bool waitForDone(int msecs = -1) { return m_pool.waitForDone(msecs); }
+
+private:
+    QThreadPool m_pool;
+    std::atomic<bool> m_stopping{false};
 };

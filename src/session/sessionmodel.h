@@ -1,6 +1,7 @@
 #pragma once
 
 #include "service/core/error.h"
+#include "session/folderscan.h"
 #include "session/orderedpathset.h"
 #include "session/sessionprompter.h"
 
@@ -95,6 +96,29 @@ public:
     void setFoundDisks(const QStringList &disks) { m_foundDisks = disks; }
     // Every second while the window is up, and on entering the Search page.
     void discoverAudioCDs();
+    // The path field was edited: its text becomes the one root.
+    void OnPathChanged(const QString &text);
+    // Folders chosen in the folder chooser become the roots; the last one is
+    // remembered for the next start.
+    void chooseSearchFolders(const QStringList &paths);
+    // Scans searchFolderPath, or starts the CD flow when its first path is a disc.
+    void OnSearchFolder();
+    // Scans paths in the background and adds what it finds to foundFiles.
+    void appendFilesAtPath(const QStringList &paths);
+    static bool fileIsAlias(const QString &path) { return FolderScan::fileIsAlias(path); }
+    // What files and folders dropped on the window do, by page.
+    void filesDropped(const QStringList &paths);
+    // List page state, announced by the signals below.
+    QString fileCountLabelText() const { return m_fileCountLabelText; }
+    bool isFileSearchInProgress() const { return m_fileSearchInProgress; }
+    bool isBeginUploadEnabled() const { return m_beginUploadEnabled; }
+    // Takes one file off the list (a click on its row).
+    void removeFoundFile(const QString &path);
+    // Lets tests wait for background scans.
+    FolderScanRunner &folderScanRunner() { return m_folderScanRunner; }
+
+    // --- CD flow (sessionmodel_cd.cpp) ---------------------------------------
+    void OnBeginUploadCD();
 
     // --- The seven file lists ------------------------------------------------
     OrderedPathSet &foundFiles() { return m_foundFiles; }
@@ -148,6 +172,16 @@ signals:
     void loggingInChanged(bool loggingIn);
     void searchFolderPathTextChanged(const QString &text);
     void foundDisksChanged(const QStringList &disks);
+    // Search page set up: the CD controls are hidden, the download button is
+    // "Start Download" and the drop handler is installed.
+    void searchContainerViewSetUp();
+    // List page set up: the thread-count field goes back to 3 and the table reloads.
+    void listContainerViewSetUp();
+    void fileCountLabelTextChanged(const QString &text);
+    void fileSearchInProgressChanged(bool inProgress);
+    void beginUploadEnabledChanged(bool enabled);
+    // A file left foundFiles at row (the row as it was before).
+    void foundFileRemoved(qsizetype row);
     // The run's lists changed; the window refreshes its counts and rows.
     void uploadStateChanged();
 
@@ -177,4 +211,17 @@ private:
     bool m_isUploading = false;
     QAtomicInt m_isFileSearchCanceled{0};
     bool m_isBeginningUpload = false;
+
+    // The scan (sessionmodel_scan.cpp).
+    void setFileCountLabelText(const QString &text);
+    void setFileSearchInProgress(bool inProgress);
+    void setBeginUploadEnabled(bool enabled);
+    void mergeFoundFiles(const QStringList &paths, quint64 epoch);
+    void finishFileSearch(quint64 epoch, qint64 errorCount);
+    QString m_fileCountLabelText;
+    bool m_fileSearchInProgress = false;
+    bool m_beginUploadEnabled = false;
+    quint64 m_scanEpoch = 0;
+    // Declared after the cancel flag it reads, so it stops its scans first.
+    FolderScanRunner m_folderScanRunner;
 };

@@ -1,17 +1,37 @@
-// Folder choice, scan and disc watch of the session.
-// First bodies: the folder scan work completes this file.
+// Folder choice, scan, file list and disc watch of the session.
 #include "session/sessionmodel.h"
 
 #include "app/logger.h"
+#include "cd/plcvolumetype.h"
+#include "platform/discimages.h"
+#include "platform/formatting.h"
 #include "platform/paths.h"
+#include "platform/settings.h"
+#include "service/lyraboxservice.h"
 
+#include <QElapsedTimer>
 #include <QFileInfo>
+#include <QMetaObject>
+#include <QMutexLocker>
+
+namespace {
+
+// Found files travel to the main thread in batches: often enough that a
+// cancelled scan leaves what it had found, seldom enough that the main
+// thread never spends long on one.
+constexpr qsizetype kBatchSize = 2000;
+constexpr qint64 kBatchIntervalMs = 100;
+
+} // namespace
 
 void SessionModel::setupSearchContainerView()
 {
-    // retryFiles stays: a new run tries those first.
-    m_foundFiles.clear();
-    m_readyFiles.clear();
+    {
+        // retryFiles stays: a new run tries those first.
+        QMutexLocker locker(&m_lock);
+        m_foundFiles.clear();
+        m_readyFiles.clear();
+    }
     m_uploadingFiles.clear();
     m_skippedFiles.clear();
     m_erroredFiles.clear();
@@ -20,18 +40,206 @@ void SessionModel::setupSearchContainerView()
         m_searchFolderPath.append(Paths::musicDirectory());
     }
     updateSearchFolderPath();
+    emit searchContainerViewSetUp();
     discoverAudioCDs();
 }
 
-void SessionModel::setupListContainerView() {}
+void SessionModel::setupListContainerView()
+{
+    const qsizetype count = m_foundFiles.size();
+    setFileCountLabelText(
+        QStringLiteral("%1 files were found. %2")
+            .arg(groupedNumber(count),
+                 count > 0 ? QStringLiteral("Click a filename to remove it from the list.") : QString()));
+    emit listContainerViewSetUp();
+}
+
+void SessionModel::OnPathChanged(const QString &text)
+{
+    m_searchFolderPath = QStringList{text};
+}
+
+void SessionModel::chooseSearchFolders(const QStringList &paths)
+{
+    if (paths.isEmpty()) {
+        return;
+    }
+    m_searchFolderPath = paths;
+    updateSearchFolderPath();
+    Settings::setValue(kSettingsLastFolderPath, paths.last());
+}
+
+void SessionModel::OnSearchFolder()
+{
+    Logger::log(QStringLiteral("Scanning directory: ") + formatPathList(m_searchFolderPath));
+    if (!m_searchFolderPath.isEmpty() && PLCVolumeType::isDiskAtPath(m_searchFolderPath.first())) {
+        // Choosing a disc image inserts it, as a disc put into a drive.
+        if (DiscImages::isDiscImageFile(m_searchFolderPath.first())) {
+            DiscImages::insert(m_searchFolderPath.first());
+            discoverAudioCDs();
+        }
+        OnBeginUploadCD();
+        return;
+    }
+    {
+        QMutexLocker locker(&m_lock);
+        m_foundFiles.clear();
+        m_readyFiles.clear();
+    }
+    setMainPageType(MainPageTypeList);
+    setFileSearchInProgress(true);
+    setFileCountLabelText(QStringLiteral("Searching for files..."));
+    setBeginUploadEnabled(false);
+    setIsFileSearchCanceled(false);
+    // Batches of a scan that was cancelled before this one must not land in
+    // this one's list.
+    ++m_scanEpoch;
+    appendFilesAtPath(m_searchFolderPath);
+}
+
+void SessionModel::appendFilesAtPath(const QStringList &paths)
+{
+    const QStringList formats = LyraboxService::sharedService().getSupportedFormatList();
+    const quint64 epoch = m_scanEpoch;
+    m_folderScanRunner.start([this, paths, formats, epoch] {
+        QStringList batch;
+        QElapsedTimer sinceHandOver;
+        sinceHandOver.start();
+        const auto handOver = [this, &batch, &sinceHandOver, epoch] {
+            if (!batch.isEmpty()) {
+                QMetaObject::invokeMethod(
+                    this, [this, found = std::move(batch), epoch] { mergeFoundFiles(found, epoch); },
+                    Qt::QueuedConnection);
+                batch = QStringList();
+            }
+            sinceHandOver.restart();
+        };
+        const FolderScan::Outcome outcome = FolderScan(formats).scan(
+            paths,
+            [&](const QString &path) {
+                batch.append(path);
+                if (batch.size() >= kBatchSize || sinceHandOver.elapsed() >= kBatchIntervalMs) {
+                    handOver();
+                }
+            },
+            [this] { return m_folderScanRunner.isStopping() || isFileSearchCanceled(); });
+        handOver();
+        if (!outcome.finished) {
+            return; // abandoned: no summary, no completion, no alert
+        }
+        QMetaObject::invokeMethod(
+            this, [this, epoch, errors = outcome.errorCount] { finishFileSearch(epoch, errors); },
+            Qt::QueuedConnection);
+    });
+}
+
+void SessionModel::mergeFoundFiles(const QStringList &paths, quint64 epoch)
+{
+    if (epoch != m_scanEpoch || isFileSearchCanceled()) {
+        return;
+    }
+    QMutexLocker locker(&m_lock);
+    m_foundFiles.append(paths);
+}
+
+void SessionModel::finishFileSearch(quint64 epoch, qint64 errorCount)
+{
+    if (epoch != m_scanEpoch || isFileSearchCanceled()) {
+        return;
+    }
+    Logger::log(
+        QStringLiteral("Scan complete. Found %1 files. %2 scan errors.").arg(m_foundFiles.size()).arg(errorCount));
+    setFileSearchInProgress(false);
+    setupListContainerView();
+    if (!m_foundFiles.isEmpty()) {
+        setBeginUploadEnabled(true);
+    }
+    if (errorCount >= 1) {
+        showAlert(QStringLiteral("Scan Errors"),
+                  QStringLiteral("%1 %2 occurred when searching. Some files may not appear in the search results.")
+                      .arg(errorCount)
+                      .arg(errorCount == 1 ? QStringLiteral("error") : QStringLiteral("errors")),
+                  QStringLiteral("OK"));
+    }
+}
+
+void SessionModel::filesDropped(const QStringList &paths)
+{
+    Logger::log(QStringLiteral("Dropped: ") + formatPathList(paths));
+    switch (m_mainPageType) {
+    case MainPageTypeList:
+        // Added behind the current list; the end of the scan updates the page.
+        appendFilesAtPath(paths);
+        return;
+    case MainPageTypeUpload:
+        if (showAlert(QStringLiteral("Upload Files"), QStringLiteral("This will abort the current upload, proceed?"),
+                      QStringLiteral("Upload"), QStringLiteral("Cancel")) != kAlertFirstButtonReturn) {
+            return;
+        }
+        if (m_isUploading) {
+            OnPauseUpload();
+        }
+        break;
+    default:
+        break;
+    }
+    m_searchFolderPath = paths;
+    OnSearchFolder();
+}
+
+void SessionModel::removeFoundFile(const QString &path)
+{
+    const qsizetype row = m_foundFiles.indexOf(path);
+    if (row < 0) {
+        return;
+    }
+    {
+        QMutexLocker locker(&m_lock);
+        m_foundFiles.removeAt(row);
+    }
+    // The count label keeps the scan's number until the page is set up again.
+    emit foundFileRemoved(row);
+}
+
+void SessionModel::setFileCountLabelText(const QString &text)
+{
+    m_fileCountLabelText = text;
+    emit fileCountLabelTextChanged(text);
+}
+
+void SessionModel::setFileSearchInProgress(bool inProgress)
+{
+    m_fileSearchInProgress = inProgress;
+    emit fileSearchInProgressChanged(inProgress);
+}
+
+void SessionModel::setBeginUploadEnabled(bool enabled)
+{
+    m_beginUploadEnabled = enabled;
+    emit beginUploadEnabledChanged(enabled);
+}
 
 void SessionModel::discoverAudioCDs()
 {
     if (m_mainPageType != MainPageTypeSearch) {
         return;
     }
-    // No volume source yet: no audio disc is ever listed.
-    const QStringList disks;
+    // Qt's timers keep firing under a modal alert; the watch waits for it to close.
+    if (hasVisibleAlert()) {
+        return;
+    }
+    const PLCVolumeType::DiscVolumeListing listing = PLCVolumeType::discVolumes();
+    if (listing.error) {
+        Logger::log(QStringLiteral("discoverAudioCDs: ") + listing.error->localizedDescription());
+        return;
+    }
+    QStringList disks;
+    for (const QString &volume : listing.volumes) {
+        if (PLCVolumeType::isDiskAtPath(volume)) {
+            disks.append(volume);
+        }
+    }
+    // Counts are compared, not the discs: a swap between two ticks goes unnoticed.
     if (disks.size() != m_foundDisks.size()) {
         Logger::log(QStringLiteral("discoverAudioCDs: %1 CDs found").arg(disks.size()));
         m_foundDisks = disks;
