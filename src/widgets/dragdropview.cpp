@@ -4,6 +4,8 @@
 #include <QDropEvent>
 #include <QMimeData>
 #include <QPainter>
+#include <QStyle>
+#include <QStyleOption>
 #include <QUrl>
 
 DragDropView::DragDropView(QWidget *parent) : QWidget(parent)
@@ -71,11 +73,14 @@ void DragDropView::dropEvent(QDropEvent *event)
 
 void DragDropView::paintEvent(QPaintEvent *)
 {
-    if (!m_isDragEntered) {
-        return;
-    }
     QPainter painter(this);
-    painter.fillRect(rect(), QColor(0, 0, 0, qRound(0.8 * 255)));
+    // Lets a style sheet give the area a border.
+    QStyleOption option;
+    option.initFrom(this);
+    style()->drawPrimitive(QStyle::PE_Widget, &option, &painter, this);
+    if (m_isDragEntered) {
+        painter.fillRect(rect(), QColor(0, 0, 0, qRound(0.8 * 255)));
+    }
 }
 
 void DragDropView::resizeEvent(QResizeEvent *event)

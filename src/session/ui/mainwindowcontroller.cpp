@@ -20,15 +20,54 @@ const QColor kMaskColor(0x99, 0x99, 0x99, 0x70);
 
 const QColor kLogLinkColor(60, 60, 60);
 
+// The window's dark look; alerts parented to the window take it too.
+void applyDarkAppearance(QWidget *window)
+{
+    QPalette palette = window->palette();
+    palette.setColor(QPalette::Window, QColor(0x26, 0x26, 0x26));
+    palette.setColor(QPalette::WindowText, QColor(0xe6, 0xe6, 0xe6));
+    palette.setColor(QPalette::Base, QColor(0x1b, 0x1b, 0x1b));
+    palette.setColor(QPalette::AlternateBase, QColor(0x2e, 0x2e, 0x2e));
+    palette.setColor(QPalette::Text, Qt::white);
+    palette.setColor(QPalette::PlaceholderText, QColor(0x8a, 0x8a, 0x8a));
+    palette.setColor(QPalette::Button, QColor(0x3a, 0x3a, 0x3a));
+    palette.setColor(QPalette::ButtonText, Qt::white);
+    palette.setColor(QPalette::Highlight, QColor(0x2f, 0x9b, 0xe0));
+    palette.setColor(QPalette::HighlightedText, Qt::white);
+    palette.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x80));
+    palette.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x80, 0x80));
+    palette.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x80));
+    window->setPalette(palette);
+    window->setStyleSheet(QStringLiteral(
+        "QLabel { color: #e6e6e6; }"
+        "QLineEdit { background: #1b1b1b; color: white; border: 1px solid #555555; border-radius: 4px;"
+        "  padding: 4px 6px; selection-background-color: #2f9be0; }"
+        "QLineEdit:focus { border-color: #2f9be0; }"
+        "QPushButton { background: #3a3a3a; color: white; border: 1px solid #5a5a5a; border-radius: 4px;"
+        "  padding: 5px 14px; }"
+        "QPushButton:hover { background: #474747; }"
+        "QPushButton:pressed { background: #2f2f2f; }"
+        "QPushButton:default { border-color: #2f9be0; }"
+        "QPushButton:disabled { color: #7a7a7a; border-color: #444444; }"
+        "QCheckBox::indicator { width: 13px; height: 13px; border: 1px solid #8a8a8a; border-radius: 3px;"
+        "  background: #1b1b1b; }"
+        "QCheckBox::indicator:checked { background: #2f9be0; border-color: #2f9be0; }"
+        "QTableView { background: #1b1b1b; color: white; border: 1px solid #444444; }"
+        "#logBarView { background-color: #d9d9d9; }"
+        "#logBarView QPushButton { background: transparent; border: none; color: rgb(60, 60, 60); padding: 2px; }"
+        "#logBarView QPushButton:hover { text-decoration: underline; }"));
+}
+
 void paintTitleWhite(QWidget *widget)
 {
     QPalette palette = widget->palette();
     for (QPalette::ColorGroup group : {QPalette::Active, QPalette::Inactive}) {
         palette.setColor(group, QPalette::WindowText, Qt::white);
         palette.setColor(group, QPalette::ButtonText, Qt::white);
-        palette.setColor(group, QPalette::Text, Qt::white);
     }
     widget->setPalette(palette);
+    // The window's style sheet draws the text, so it is told as well.
+    widget->setStyleSheet(QStringLiteral("color: white;"));
 }
 
 } // namespace
@@ -37,6 +76,7 @@ MainWindowController::MainWindowController(QWidget *parent)
     : QMainWindow(parent), m_ui(std::make_unique<Ui::MainWindowController>()), m_session(new SessionModel(this, this))
 {
     m_ui->setupUi(this);
+    applyDarkAppearance(this);
     m_ui->maskContainerView->raise();
     paintTitleWhite(m_ui->rememberMeCheckbox);
 
@@ -189,6 +229,8 @@ void MainWindowController::startWaitingAnimation(const QString &reason)
     m_ui->waitingReasonLabel->setText(reason);
     m_ui->progressIndicator->startAnimation();
     m_ui->maskContainerView->show();
+    // Cover the pages at once, not only when the layout next runs.
+    m_ui->maskContainerView->setGeometry(m_ui->pageStack->geometry());
     m_ui->maskContainerView->raise();
     // Keys typed meanwhile must not reach the page below either.
     m_ui->maskContainerView->setFocusPolicy(Qt::StrongFocus);
@@ -217,7 +259,6 @@ void MainWindowController::setupLogFileButtons()
     QPalette palette = m_ui->logFileButton->palette();
     palette.setColor(QPalette::ButtonText, kLogLinkColor);
     m_ui->logFileButton->setPalette(palette);
-    m_ui->logFileButton->setStyleSheet(QStringLiteral("color: rgb(60, 60, 60); border: none; text-align: left;"));
     m_ui->logFileButton->setCursor(Qt::PointingHandCursor);
 
     const qint64 size = Logger::logSize();
