@@ -4,8 +4,10 @@
 #include "session/folderscan.h"
 #include "session/orderedpathset.h"
 #include "session/sessionprompter.h"
+#include "session/uploadrunstate.h"
 
 #include <QObject>
+#include <QRect>
 #include <QRecursiveMutex>
 #include <QStringList>
 
@@ -154,6 +156,57 @@ public:
     // Starts the digest check of foundFiles once the session is verified.
     void startMd5CheckPhase();
 
+    // --- The run, its results and retries (sessionmodel_upload.cpp) ----------
+    static constexpr int kMaxSimultaneousUploads = 6;
+    // Failures in a row (codes of 1 and more) that stop a run.
+    static constexpr qint64 kSimultaneousErrorLimit = 50;
+    // Named at the end of the external-drive hint.
+    static const QString kSupportAddress;
+    // The List page's upload button, with the texts of its simultaneous-count,
+    // playlist and tag fields. A count that is not a number reads as 0.
+    void OnUploadFiles(const QString &threadCountText, const QString &playlistName, const QString &tagName);
+    void OnCancelUpload();
+    void OnStartOver();
+    // Checked means files the library already holds are skipped.
+    void OnReuploadChecked(bool checked);
+    void OnRetryErrors();
+    void beginUploading();
+    void md5CheckedWithProgress(double progress);
+    void uploadNextFile();
+    void updateUploadState();
+    void updateUploadListView();
+    void showUploadResult();
+    // The first row whose filePath is filePath, or null.
+    UploadListItem *uploadListViewForFilePath(const QString &filePath);
+    const QList<UploadListItem> &uploadListItemViews() const { return m_run.uploadListItemViews; }
+    const UploadListItem &md5CheckProgressView() const { return m_run.md5CheckProgressView; }
+    bool isMd5CheckProgressViewOnScreen() const { return m_run.md5CheckProgressViewOnScreen; }
+    // Where row index sits in an upload area of the given width, from its
+    // top; index -1 is the check row. Rows shift down one while it shows.
+    static QRect uploadListRowFrame(qsizetype index, bool checkRowOnScreen, int width);
+    OperationQueue &md5CheckOperationQueue() { return m_run.md5CheckOperationQueue; }
+    // The labels as last filled: the Upload page's two by updateUploadState(),
+    // the Result page's by setupResultContainerView().
+    QString uploadStateLabelText() const { return m_run.uploadStateText; }
+    QString uploadStateLabel2Text() const { return m_run.skippedStateText; }
+    bool isUploadStateLabel2Hidden() const { return m_run.skippedStateHidden; }
+    QString uploadButtonTitle() const
+    {
+        return m_isUploading ? QStringLiteral("Pause Upload") : QStringLiteral("Resume Upload");
+    }
+    QString discoveredLabelText() const { return m_run.discoveredText; }
+    QString uploadedLabelText() const { return m_run.uploadedText; }
+    QString skippedLabelText() const { return m_run.skippedText; }
+    QString errorsLabelText() const { return m_run.errorsText; }
+    bool isResultsRetryErrorsButtonVisible() const { return m_run.retryErrorsButtonVisible; }
+    qint64 foundFilesCountCache() const { return m_run.foundFilesCountCache; }
+    qint64 simultaneousErrors() const { return m_run.simultaneousErrors; }
+    // The CD artwork beside the rows; shown only during a CD run.
+    bool isAudioCDArtworkVisible() const { return m_run.audioCDArtworkVisible; }
+    void setAudioCDArtworkVisible(bool visible);
+    QHash<QString, PLCID3Tag> &audioCDID3Tags() { return m_run.audioCDID3Tags; }
+    static int leadingIntValue(const QString &text);
+
     // --- Service callbacks ---------------------------------------------------
     void lyraboxDidLogin(LyraboxService *service, const OptionalError &error);
     void lyraboxDidReceiveAuthorizationError(LyraboxService *service);
@@ -184,6 +237,16 @@ signals:
     void foundFileRemoved(qsizetype row);
     // The run's lists changed; the window refreshes its counts and rows.
     void uploadStateChanged();
+    // Rows came or went, or the check row was shown or hidden.
+    void uploadListViewChanged();
+    // Lay the rows out again (updateUploadListView).
+    void uploadListViewLayoutChanged();
+    // One row's progress or label changed.
+    void uploadListItemChanged(const QString &filePath);
+    void md5CheckProgressViewChanged();
+    void audioCDArtworkVisibleChanged(bool visible);
+    // The "Upload Ended" block was written (showUploadResult).
+    void uploadEnded();
 
 private:
     void setLoggingIn(bool loggingIn);
@@ -224,4 +287,11 @@ private:
     quint64 m_scanEpoch = 0;
     // Declared after the cancel flag it reads, so it stops its scans first.
     FolderScanRunner m_folderScanRunner;
+
+    // sessionmodel_upload.cpp
+    void setMd5CheckProgressViewOnScreen(bool onScreen);
+    void freshDigestTaken(const QString &path, quint64 ticket, const std::optional<QString> &md5);
+    void removeUploadListView(const QString &filePath);
+    void clearUploadListViews();
+    UploadRunState m_run;
 };

@@ -1,67 +1,585 @@
-// The upload run, its results and retries.
-// First bodies: the upload run work completes this file.
+// The upload run: its start, the digest check, the bound on simultaneous
+// uploads, pause, resume, cancel and start over; then each file's result,
+// retries, the failure prompts and the Result page.
 #include "session/sessionmodel.h"
+
+#include "app/logger.h"
+#include "cd/plcaudiocdprocessor.h"
+#include "cd/plcvolumetype.h"
+#include "fingerprint/filehash.h"
+#include "fingerprint/md5cache.h"
+#include "platform/formatting.h"
+#include "service/lyraboxservice.h"
+#include "session/md5checkoperation.h"
+
+#include <QFileInfo>
+#include <QPointer>
+#include <QTimer>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+
+namespace {
+
+QString lastPathComponent(const QString &path)
+{
+    return QFileInfo(path).fileName();
+}
+
+// The folder holding the path; for a CD track that is its disc volume.
+QString parentFolder(const QString &path)
+{
+    return QFileInfo(path).path();
+}
+
+LyraboxService *service()
+{
+    return &LyraboxService::sharedService();
+}
+
+const char *const kExternalDriveText =
+    "If you experience issues uploading and are using a NAS, USB or other external or network storage device. "
+    "Open System Preferences > Security & Privacy > Privacy > Full Disk Access, click the + button, then add "
+    "Pelicane app to the list. Contact us if you have any questions at ";
+
+} // namespace
+
+const QString SessionModel::kSupportAddress = QStringLiteral("support@lyrabox.com");
+
+UploadRunState::UploadRunState()
+{
+    md5CheckOperationQueue.setName(QStringLiteral("MD5 check"));
+    md5CheckOperationQueue.setMaxConcurrentOperationCount(1);
+    // Fresh digests just before sending: a couple at a time is all the disk
+    // gives anyway, and the scan keeps the global pool.
+    digestPool.setMaxThreadCount(2);
+    md5CheckProgressView.setupView();
+    md5CheckProgressView.setPath(QStringLiteral("Checking for previously uploaded files..."));
+    md5CheckProgressView.setUploadProgress(0, true);
+}
+
+UploadRunState::~UploadRunState()
+{
+    md5CheckOperationQueue.cancelAllOperations();
+}
+
+// --- Reading the user's numbers ------------------------------------------------
+
+int SessionModel::leadingIntValue(const QString &text)
+{
+    // Read as a number from the start of the text: blanks, a sign, digits.
+    // Whatever follows is ignored, and no digits at all read as 0.
+    qsizetype i = 0;
+    while (i < text.size() && text.at(i).isSpace()) {
+        ++i;
+    }
+    bool negative = false;
+    if (i < text.size() && (text.at(i) == QLatin1Char('+') || text.at(i) == QLatin1Char('-'))) {
+        negative = text.at(i) == QLatin1Char('-');
+        ++i;
+    }
+    qint64 value = 0;
+    for (; i < text.size() && text.at(i) >= QLatin1Char('0') && text.at(i) <= QLatin1Char('9'); ++i) {
+        value = std::min<qint64>(value * 10 + (text.at(i).unicode() - '0'), qint64(INT_MAX) + 1);
+    }
+    return int(std::clamp<qint64>(negative ? -value : value, INT_MIN, INT_MAX));
+}
+
+// --- Starting a run ----------------------------------------------------------------
+
+void SessionModel::OnUploadFiles(const QString &threadCountText, const QString &playlistName, const QString &tagName)
+{
+    const int count = leadingIntValue(threadCountText);
+    if (count < 1 || count > kMaxSimultaneousUploads) {
+        showAlert(QStringLiteral("Simultaneous upload count should be between 1 and %1.").arg(kMaxSimultaneousUploads),
+                  QString(), QStringLiteral("OK"));
+        return;
+    }
+    startWaitingAnimation(QStringLiteral("Preparing upload..."));
+    setAudioCDArtworkVisible(false);
+
+    LyraboxService *lyrabox = service();
+    lyrabox->setCreatePlaylistName(playlistName.isEmpty() ? QString() : playlistName);
+    lyrabox->setCreateTagName(tagName.isEmpty() ? QString() : tagName);
+
+    Logger::log(QStringLiteral("Starting Upload"));
+    Logger::log(QStringLiteral(" - Found Files: %1").arg(m_foundFiles.size()));
+    Logger::log(QStringLiteral(" - Skipped Files (0 expected): %1").arg(m_skippedFiles.size()));
+    Logger::log(QStringLiteral(" - Errored Files (0 expected): %1").arg(m_erroredFiles.size()));
+    Logger::log(QStringLiteral(" - Uploading Files (0 expected): %1").arg(m_uploadingFiles.size()));
+    Logger::log(QStringLiteral(" - Completed Files (0 expected): %1").arg(m_completedFiles.size()));
+    Logger::log(QStringLiteral(" - Retry Files (0 expected): %1").arg(m_retryFiles.size()));
+    Logger::log(QStringLiteral(" - Playlist Name: %1").arg(nullable(lyrabox->createPlaylistName())));
+    Logger::log(QStringLiteral(" - Tag Name: %1").arg(nullable(lyrabox->createTagName())));
+
+    m_run.foundFilesCountCache = m_foundFiles.size();
+    if (lyrabox->reuploadDuplicates()) {
+        // Nothing is skipped for being known, so there is nothing to check.
+        m_readyFiles.append(m_foundFiles.toList());
+        m_foundFiles.clear();
+    }
+    lyrabox->readMd5List();
+    lyrabox->setSimultaneousUploadCount(uint(count));
+}
 
 void SessionModel::setupUploadContainerView()
 {
+    updateUploadState();
+    m_run.uploadListItemViews.clear();
+    emit uploadListViewChanged();
     m_isUploading = true;
     emit uploadStateChanged();
+    beginUploading();
+}
+
+void SessionModel::beginUploading()
+{
+    startWaitingAnimation(QStringLiteral("Preparing upload..."));
+    service()->verifyLogin();
+}
+
+// --- The digest check --------------------------------------------------------------
+
+void SessionModel::startMd5CheckPhase()
+{
+    const QStringList snapshot = m_foundFiles.toList();
+    const QString firstRoot = m_searchFolderPath.isEmpty() ? QString() : m_searchFolderPath.first();
+
+    Md5CheckOperation::Handlers handlers;
+    handlers.audioCD = [this] {
+        while (!m_foundFiles.isEmpty()) {
+            m_readyFiles.append(m_foundFiles.takeFirst());
+        }
+        setMd5CheckProgressViewOnScreen(false);
+        md5CheckedWithProgress(1.0);
+    };
+    handlers.began = [this] {
+        setMd5CheckProgressViewOnScreen(true);
+        updateUploadListView();
+    };
+    handlers.checked = [this](const QString &path, bool known, qint64 done, qint64 total) {
+        // A file that left the found list meanwhile (the lists were emptied
+        // by a start over) is not brought back.
+        if (m_foundFiles.remove(path)) {
+            if (known) {
+                Logger::log(QStringLiteral("%1 - skipped").arg(lastPathComponent(path)));
+                m_skippedFiles.append(path);
+            } else {
+                m_readyFiles.append(path);
+            }
+        }
+        md5CheckedWithProgress(total == 0 ? 0.0 : double(done) / double(total));
+    };
+    handlers.ended = [this](double progress) {
+        setMd5CheckProgressViewOnScreen(false);
+        md5CheckedWithProgress(progress);
+    };
+
+    auto operation =
+        std::make_shared<Md5CheckOperation>(this, snapshot, service()->getMd5List(), firstRoot, std::move(handlers));
+    m_run.md5CheckOperationQueue.cancelAllOperations();
+    m_run.md5CheckOperationQueue.addOperation(operation);
+}
+
+void SessionModel::setMd5CheckProgressViewOnScreen(bool onScreen)
+{
+    if (m_run.md5CheckProgressViewOnScreen != onScreen) {
+        m_run.md5CheckProgressViewOnScreen = onScreen;
+        emit uploadListViewChanged();
+    }
+}
+
+void SessionModel::md5CheckedWithProgress(double progress)
+{
+    if (!m_isUploading) {
+        std::fprintf(stderr, "ignoring md5 check because canceled\n");
+        return;
+    }
+    while (!m_readyFiles.isEmpty() && m_uploadingFiles.size() < qsizetype(service()->simultaneousUploadCount())) {
+        uploadNextFile();
+    }
+    m_run.md5CheckProgressView.setUploadProgress(qint64(progress * 100.0), false);
+    emit md5CheckProgressViewChanged();
+    updateUploadState();
+    updateUploadListView();
+    if (m_foundFiles.isEmpty() && m_readyFiles.isEmpty() && m_uploadingFiles.isEmpty() &&
+        m_mainPageType != MainPageTypeResult) {
+        showUploadResult();
+    }
+}
+
+// --- Handing out files ---------------------------------------------------------------
+
+void SessionModel::uploadNextFile()
+{
+    const bool isRetry = !m_retryFiles.isEmpty();
+    QString path;
+    if (isRetry) {
+        path = m_retryFiles.first();
+    } else if (!m_readyFiles.isEmpty()) {
+        path = m_readyFiles.first();
+    }
+    if (path.isNull()) {
+        if (!m_foundFiles.isEmpty()) {
+            // The check is still feeding the lists.
+            return;
+        }
+        if (m_readyFiles.isEmpty() && m_uploadingFiles.isEmpty() && m_retryFiles.isEmpty()) {
+            // After the current event, so the finish that got here completes first.
+            QTimer::singleShot(0, this, &SessionModel::showUploadResult);
+        }
+        return;
+    }
+
+    const bool isAudioCD = PLCVolumeType::isDiskAtPath(parentFolder(path));
+    std::optional<PLCID3Tag> tag;
+    if (auto it = m_run.audioCDID3Tags.constFind(path); it != m_run.audioCDID3Tags.constEnd()) {
+        tag = *it;
+    }
+
+    if (isRetry) {
+        m_retryFiles.removeFirst();
+    } else {
+        m_readyFiles.takeFirst();
+    }
+    m_uploadingFiles.append(path);
+
+    UploadListItem row;
+    row.setupView();
+    row.setPath(path);
+    row.setFilePath(path);
+    row.setAudioCDTrackName(tag ? tag->title() : std::nullopt);
+    row.setUploadProgress(0, isAudioCD);
+    m_run.uploadListItemViews.append(row);
+    emit uploadListViewChanged();
+    updateUploadListView();
+
+    if (isAudioCD) {
+        // A track is ripped by its upload; there is no file to digest yet.
+        service()->uploadFile(path, tag, isRetry);
+        return;
+    }
+
+    // The file may have changed since the check: digest it once more just
+    // before it goes, on a worker. It stays in uploadingFiles meanwhile, so
+    // the bound holds while the digest is taken.
+    const quint64 ticket = m_run.nextDigestTicket++;
+    m_run.pendingDigests.insert(path, {ticket, isRetry});
+    QPointer<SessionModel> self(this);
+    m_run.digestPool.start([self, path, ticket] {
+        const std::optional<QString> md5 = FileHash::md5HashOfFileAtPath(path);
+        if (self) {
+            QMetaObject::invokeMethod(
+                self.data(),
+                [self, path, ticket, md5] {
+                    if (self) {
+                        self->freshDigestTaken(path, ticket, md5);
+                    }
+                },
+                Qt::QueuedConnection);
+        }
+    });
+}
+
+void SessionModel::freshDigestTaken(const QString &path, quint64 ticket, const std::optional<QString> &md5)
+{
+    const auto pending = m_run.pendingDigests.constFind(path);
+    if (pending == m_run.pendingDigests.constEnd() || pending->ticket != ticket) {
+        // Paused or stopped while the digest was taken.
+        return;
+    }
+    const bool isRetry = pending->isRetry;
+    m_run.pendingDigests.erase(pending);
+
+    if (md5) {
+        MD5Cache &cache = MD5Cache::sharedCache();
+        if (cache.get(path) != md5) {
+            cache.set(path, *md5);
+            cache.save();
+        }
+    }
+    LyraboxService *lyrabox = service();
+    if (!lyrabox->reuploadDuplicates() && md5 && lyrabox->getMd5List().contains(*md5)) {
+        // Known after all; its row stays on screen until the list is rebuilt.
+        m_uploadingFiles.removeOne(path);
+        m_skippedFiles.append(path);
+        updateUploadState();
+        updateUploadListView();
+        uploadNextFile();
+        return;
+    }
+    lyrabox->uploadFile(path, std::nullopt, isRetry);
+}
+
+// --- The Upload page -------------------------------------------------------------------
+
+void SessionModel::updateUploadState()
+{
+    const qint64 completed = m_completedFiles.size();
+    const qint64 remaining = m_foundFiles.size() + m_readyFiles.size() + m_uploadingFiles.size();
+    const qint64 total = remaining + completed;
+    // Single precision, cut toward zero: 29 of 100 shows as 28.
+    const int percent = total == 0 ? 0 : int(float(completed) / float(total) * 100.0f);
+    m_run.uploadStateText = QStringLiteral("Uploaded: %1 files, %2 remaining, %3% complete")
+                                .arg(groupedNumber(completed), groupedNumber(remaining))
+                                .arg(percent);
+    m_run.skippedStateText =
+        QStringLiteral("Skipped: %1 files (already uploaded).").arg(groupedNumber(m_skippedFiles.size()));
+    m_run.skippedStateHidden = m_skippedFiles.isEmpty();
+    emit uploadStateChanged();
+}
+
+void SessionModel::updateUploadListView()
+{
+    emit uploadListViewLayoutChanged();
+}
+
+QRect SessionModel::uploadListRowFrame(qsizetype index, bool checkRowOnScreen, int width)
+{
+    // Rows hang from the top edge; index -1 is the check row itself.
+    const qsizetype slot = index < 0 ? 0 : index + (checkRowOnScreen ? 1 : 0);
+    return QRect(0, int(slot * UploadListItem::kRowPitch + (UploadListItem::kRowPitch - UploadListItem::kRowHeight)),
+                 width, UploadListItem::kRowHeight);
+}
+
+UploadListItem *SessionModel::uploadListViewForFilePath(const QString &filePath)
+{
+    for (UploadListItem &row : m_run.uploadListItemViews) {
+        if (row.filePath() == filePath) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+void SessionModel::removeUploadListView(const QString &filePath)
+{
+    for (qsizetype i = 0; i < m_run.uploadListItemViews.size(); ++i) {
+        if (m_run.uploadListItemViews.at(i).filePath() == filePath) {
+            m_run.uploadListItemViews.removeAt(i);
+            emit uploadListViewChanged();
+            return;
+        }
+    }
+}
+
+void SessionModel::clearUploadListViews()
+{
+    m_run.uploadListItemViews.clear();
+    emit uploadListViewChanged();
+}
+
+void SessionModel::lyraboxDidUpdateUploadProgress(LyraboxService *, const QString &filePath, int progress)
+{
+    if (UploadListItem *row = uploadListViewForFilePath(filePath)) {
+        row->setUploadProgress(progress, false);
+        emit uploadListItemChanged(filePath);
+    }
+}
+
+void SessionModel::lyraboxDidUpdateRipProgress(LyraboxService *, const QString &filePath, int progress)
+{
+    if (UploadListItem *row = uploadListViewForFilePath(filePath)) {
+        row->setUploadProgress(progress, true);
+        emit uploadListItemChanged(filePath);
+    }
+}
+
+// --- Pause, resume, cancel, start over ------------------------------------------------
+
+void SessionModel::OnPauseUpload()
+{
+    clearUploadListViews();
+    if (m_isUploading) {
+        service()->stopUploads();
+        m_run.md5CheckOperationQueue.cancelAllOperations();
+        // The interrupted files lead the ready list again, in their order;
+        // interrupted retries become ordinary ready files.
+        while (!m_uploadingFiles.isEmpty()) {
+            m_readyFiles.prepend(m_uploadingFiles.takeLast());
+        }
+        m_run.pendingDigests.clear();
+        m_isUploading = false;
+        updateUploadState();
+    } else {
+        m_isUploading = true;
+        emit uploadStateChanged();
+        beginUploading();
+        updateUploadState();
+    }
+}
+
+void SessionModel::OnCancelUpload()
+{
+    if (m_isUploading) {
+        OnPauseUpload();
+    }
+    showUploadResult();
+}
+
+void SessionModel::OnStartOver()
+{
+    QString representative;
+    if (!m_completedFiles.isEmpty()) {
+        representative = m_completedFiles.first();
+    } else if (!m_readyFiles.isEmpty()) {
+        representative = m_readyFiles.first();
+    } else if (!m_erroredFiles.isEmpty()) {
+        representative = m_erroredFiles.first();
+    }
+    if (!representative.isNull() && PLCVolumeType::isDiskAtPath(parentFolder(representative))) {
+        if (const OptionalError error = PLCAudioCDProcessor::eject(parentFolder(representative))) {
+            std::fprintf(stderr, "eject error: %s\n", qPrintable(error->localizedDescription()));
+        }
+    }
+    // Uploads still in flight would otherwise finish into the lists of the
+    // next run and end it early; they stop here.
+    if (m_isUploading) {
+        OnPauseUpload();
+    }
+    m_foundDisks.clear();
+    emit foundDisksChanged(m_foundDisks);
+    setIsFileSearchCanceled(true);
+    setMainPageType(MainPageTypeSearch);
+    service()->reset();
+}
+
+void SessionModel::OnReuploadChecked(bool checked)
+{
+    // A checked box means known files are skipped.
+    service()->setReuploadDuplicates(!checked);
+}
+
+// --- Results --------------------------------------------------------------------------
+
+void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &filePath, const OptionalError &error)
+{
+    const bool wasUploading = m_uploadingFiles.removeOne(filePath);
+    if (!wasUploading) {
+        // The run was paused after this upload had ended; the pause put the
+        // file back in the ready list. A success is real, so it counts once
+        // and is not sent again; a failure leaves the file to be sent again.
+        if (!error) {
+            m_run.simultaneousErrors = 0;
+            m_readyFiles.remove(filePath);
+            m_retryFiles.removeAll(filePath);
+            m_completedFiles.append(filePath);
+        } else if (!error->isCancelled()) {
+            Logger::log(QStringLiteral("%1 - %2").arg(lastPathComponent(filePath), error->localizedDescription()));
+        }
+        updateUploadState();
+        updateUploadListView();
+        return;
+    }
+
+    if (error) {
+        Logger::log(QStringLiteral("%1 - %2").arg(lastPathComponent(filePath), error->localizedDescription()));
+        if (error->code() >= 1) {
+            m_erroredFiles.append(filePath);
+            ++m_run.simultaneousErrors;
+        }
+    } else {
+        m_run.simultaneousErrors = 0;
+        m_completedFiles.append(filePath);
+    }
+    removeUploadListView(filePath);
+
+    // Transport failures go again, before any ready file. A cancel goes
+    // nowhere: the pause that asked for it has put the file back already.
+    if (error && error->code() <= 0 && !error->isCancelled() && m_isUploading) {
+        m_retryFiles.append(filePath);
+    }
+
+    if (m_run.simultaneousErrors >= kSimultaneousErrorLimit) {
+        if (m_isUploading) {
+            OnPauseUpload();
+        }
+        if (!hasVisibleAlert()) {
+            // The text has said 10 since long before the limit became 50.
+            showAlert(QStringLiteral("Upload Error"),
+                      QStringLiteral("10 files failed to upload in a row. Please check your internet connection. "
+                                     "If the problem persists, contact support."),
+                      QStringLiteral("OK"));
+        }
+    }
+
+    if (error && error->code() == -1009) {
+        if (m_isUploading) {
+            OnPauseUpload();
+        }
+        if (!hasVisibleAlert()) {
+            showAlert(QStringLiteral("Upload Error"), QStringLiteral("The internet connection appears to be offline."),
+                      QStringLiteral("OK"));
+        }
+    } else if (error && !error->isCancelled() && m_run.audioCDArtworkVisible) {
+        const int answer =
+            showAlert(QStringLiteral("CD Rip Error"), error->localizedDescription(), QStringLiteral("Retry Track"),
+                      QStringLiteral("Skip Track"), QStringLiteral("Cancel Upload"));
+        if (answer == kAlertFirstButtonReturn) {
+            m_erroredFiles.removeAll(filePath);
+            m_retryFiles.removeAll(filePath);
+            m_readyFiles.prepend(filePath);
+            uploadNextFile();
+        } else if (answer == kAlertSecondButtonReturn) {
+            uploadNextFile();
+        } else if (answer == kAlertThirdButtonReturn) {
+            m_erroredFiles.clear();
+            stopWaitingAnimation();
+            setMainPageType(MainPageTypeResult);
+        }
+    } else if (m_isUploading) {
+        uploadNextFile();
+    }
+
+    updateUploadState();
+    updateUploadListView();
+}
+
+void SessionModel::lyraboxDidExperienceExternalDriveError(LyraboxService *)
+{
+    showAlert(QStringLiteral("External Drive Error"), QString::fromUtf8(kExternalDriveText) + kSupportAddress,
+              QStringLiteral("OK"));
+}
+
+void SessionModel::showUploadResult()
+{
+    setMainPageType(MainPageTypeResult);
+    Logger::log(QStringLiteral("Upload Ended"));
+    Logger::log(QStringLiteral(" - Found Files: %1").arg(m_foundFiles.size()));
+    Logger::log(QStringLiteral(" - Skipped Files: %1").arg(m_skippedFiles.size()));
+    Logger::log(QStringLiteral(" - Errored Files: %1").arg(m_erroredFiles.size()));
+    Logger::log(QStringLiteral(" - Uploading Files: %1").arg(m_uploadingFiles.size()));
+    Logger::log(QStringLiteral(" - Completed Files: %1").arg(m_completedFiles.size()));
+    Logger::log(QStringLiteral(" - Retry Files: %1").arg(m_retryFiles.size()));
+    emit uploadEnded();
 }
 
 void SessionModel::setupResultContainerView()
 {
+    m_run.discoveredText = QStringLiteral("Discovered: \t%1 files").arg(groupedNumber(m_run.foundFilesCountCache));
+    m_run.uploadedText = QStringLiteral("Uploaded: \t%1 files").arg(groupedNumber(m_completedFiles.size()));
+    m_run.skippedText =
+        QStringLiteral("Skipped: \t%1 files (already uploaded)").arg(groupedNumber(m_skippedFiles.size()));
+    m_run.errorsText = QStringLiteral("Errors: \t\t%1 files").arg(groupedNumber(m_erroredFiles.size()));
+    m_run.retryErrorsButtonVisible = !m_erroredFiles.isEmpty();
     emit uploadStateChanged();
 }
 
-void SessionModel::OnPauseUpload()
+void SessionModel::OnRetryErrors()
 {
-    if (m_isUploading) {
-        // Interrupted files lead the ready list again, in their order.
-        while (!m_uploadingFiles.isEmpty()) {
-            m_readyFiles.prepend(m_uploadingFiles.takeLast());
-        }
-        m_isUploading = false;
-    } else {
-        m_isUploading = true;
+    m_readyFiles.append(m_erroredFiles);
+    m_erroredFiles.clear();
+    m_run.simultaneousErrors = 0;
+    setMainPageType(MainPageTypeUpload);
+}
+
+// --- Other state ---------------------------------------------------------------------
+
+void SessionModel::setAudioCDArtworkVisible(bool visible)
+{
+    if (m_run.audioCDArtworkVisible != visible) {
+        m_run.audioCDArtworkVisible = visible;
+        emit audioCDArtworkVisibleChanged(visible);
     }
-    emit uploadStateChanged();
-}
-
-void SessionModel::startMd5CheckPhase()
-{
-    while (!m_foundFiles.isEmpty()) {
-        m_readyFiles.append(m_foundFiles.takeFirst());
-    }
-    emit uploadStateChanged();
-}
-
-void SessionModel::lyraboxDidFinishUpload(LyraboxService *service, const QString &filePath, const OptionalError &error)
-{
-    Q_UNUSED(service);
-    m_uploadingFiles.removeOne(filePath);
-    if (!error) {
-        m_completedFiles.append(filePath);
-    } else if (error->code() >= 1) {
-        m_erroredFiles.append(filePath);
-    }
-    emit uploadStateChanged();
-}
-
-void SessionModel::lyraboxDidUpdateUploadProgress(LyraboxService *service, const QString &filePath, int progress)
-{
-    Q_UNUSED(service);
-    Q_UNUSED(filePath);
-    Q_UNUSED(progress);
-}
-
-void SessionModel::lyraboxDidUpdateRipProgress(LyraboxService *service, const QString &filePath, int progress)
-{
-    Q_UNUSED(service);
-    Q_UNUSED(filePath);
-    Q_UNUSED(progress);
-}
-
-void SessionModel::lyraboxDidExperienceExternalDriveError(LyraboxService *service)
-{
-    Q_UNUSED(service);
 }

@@ -239,6 +239,8 @@ private slots:
         SessionModel model(&prompter);
         model.setMainPageType(MainPageTypeUpload);
         QVERIFY(model.isUploading());
+        // Entering the Upload page put up "Preparing upload..."; only what follows counts.
+        prompter.overlay.clear();
         model.readyFiles().append(QStringLiteral("/d"));
         model.uploadingFiles() << QStringLiteral("/a") << QStringLiteral("/b");
         QStringList pageWhenPaused;

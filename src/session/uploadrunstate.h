@@ -1,0 +1,56 @@
+#pragma once
+
+#include "cd/plcid3tag.h"
+#include "platform/operationqueue.h"
+#include "session/uploadlistitem.h"
+
+#include <QHash>
+#include <QList>
+#include <QString>
+#include <QThreadPool>
+
+#include <memory>
+
+// What an upload run keeps besides the seven file lists (see SessionModel).
+struct UploadRunState
+{
+    UploadRunState();
+    ~UploadRunState();
+
+    // The digest check: one operation at a time, the old one cancelled first.
+    OperationQueue md5CheckOperationQueue;
+    UploadListItem md5CheckProgressView;
+    bool md5CheckProgressViewOnScreen = false;
+
+    // The rows of files in flight, in the order they were started.
+    QList<UploadListItem> uploadListItemViews;
+
+    qint64 foundFilesCountCache = 0;
+    // Failures in a row with a code of 1 or more, across runs.
+    qint64 simultaneousErrors = 0;
+
+    // Shown during a CD run; its visibility is what marks one.
+    bool audioCDArtworkVisible = false;
+    QHash<QString, PLCID3Tag> audioCDID3Tags;
+
+    // Files in uploadingFiles whose fresh digest is being taken. A result
+    // whose ticket no longer matches (paused meanwhile) is dropped.
+    struct PendingDigest
+    {
+        quint64 ticket = 0;
+        bool isRetry = false;
+    };
+    QHash<QString, PendingDigest> pendingDigests;
+    quint64 nextDigestTicket = 1;
+    QThreadPool digestPool;
+
+    // The labels as last filled.
+    QString uploadStateText;
+    QString skippedStateText;
+    bool skippedStateHidden = true;
+    QString discoveredText;
+    QString uploadedText;
+    QString skippedText;
+    QString errorsText;
+    bool retryErrorsButtonVisible = false;
+};
