@@ -12,6 +12,7 @@
 
 class DownloadLibraryController;
 class QLineEdit;
+class UploadListPresenter;
 
 namespace Ui {
 class MainWindowController;
@@ -77,6 +78,15 @@ public:
     void OnDownloadLibrary();
     DownloadLibraryController *downloadLibraryWindow() const;
 
+    // --- Upload and Result pages (mainwindowcontroller_upload.cpp) ---------
+    void OnUploadFiles();
+    void OnPauseUpload();
+    void OnCancelUpload();
+    void OnStartOver();
+    void OnRetryErrors();
+    void OnReuploadChecked(bool checked);
+    UploadListPresenter *uploadListPresenter() const { return m_uploadListPresenter; }
+
 signals:
     void windowWillClose();
 
@@ -99,6 +109,7 @@ private:
     // put away when the window goes.
     void createUploadListState();
     void tearDownUploadListState();
+    void updateUploadPageLabels();
 
     std::unique_ptr<Ui::MainWindowController> m_ui;
     SessionModel *m_session = nullptr;
@@ -106,4 +117,5 @@ private:
     QPointer<DownloadLibraryController> m_downloadLibraryWindow;
     QTimer m_audioCDMonitorTimer;
     bool m_windowLoaded = false;
+    UploadListPresenter *m_uploadListPresenter = nullptr;
 };
