@@ -90,6 +90,7 @@ private:
     QNetworkReply *m_reply = nullptr;
     bool m_responseSeen = false;
     bool m_completionHandled = false;
+    bool m_cancelRequested = false;
     std::optional<qint64> m_estimatedBytes;
 
     std::unique_ptr<QFile> m_file;
@@ -132,6 +133,7 @@ void DownloadLibraryWorker::release()
 void DownloadLibraryWorker::cancel()
 {
     if (m_reply && !m_completionHandled) {
+        m_cancelRequested = true;
         m_reply->abort();
     }
 }
@@ -281,7 +283,11 @@ void DownloadLibraryWorker::taskCompleted()
     // a transport failure: Qt's codes below 200 are those of the connection,
     // the others stand for the HTTP status, which is judged below.
     OptionalError transportError;
-    if (m_reply->error() != QNetworkReply::NoError && m_reply->error() < QNetworkReply::ContentAccessDenied) {
+    if (m_reply->error() == QNetworkReply::OperationCanceledError && !m_cancelRequested) {
+        // Qt 6.4 ends a transfer time-out as a cancellation; only a cancel of
+        // ours may count as one, or the chunk would never be retried.
+        transportError = TransportError::errorForNetworkError(QNetworkReply::TimeoutError, QString());
+    } else if (m_reply->error() != QNetworkReply::NoError && m_reply->error() < QNetworkReply::ContentAccessDenied) {
         transportError = TransportError::errorForNetworkError(m_reply->error(), m_reply->errorString());
     } else if (bodyCutShort()) {
         // Qt 6.4 ends a reply whose connection closed before Content-Length
