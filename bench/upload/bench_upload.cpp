@@ -25,6 +25,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <sys/resource.h>
 #include <thread>
 
 namespace {
@@ -54,6 +55,17 @@ qint64 statusKiB(qint64 pid, const char *key)
     return -1;
 }
 
+double cpuSeconds(int who)
+{
+    rusage usage{};
+    getrusage(who, &usage);
+    return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec + (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// CPU time of the last measurement of each side.
+double g_oursCpu = 0;
+double g_curlCpu = 0;
+
 // Uploads the files with our operation, at most `parallel` at once; the
 // seconds taken, or -1 when any failed.
 double uploadOurs(const DevServerProcess &server, const Credentials &credentials, const QStringList &paths,
@@ -66,6 +78,7 @@ double uploadOurs(const DevServerProcess &server, const Credentials &credentials
     QEventLoop loop;
     QElapsedTimer timer;
     timer.start();
+    const double cpuBefore = cpuSeconds(RUSAGE_SELF);
     for (const QString &path : paths) {
         AsyncUploadRequestConfiguration config = uploadConfiguration(server.uploadUrl(), path, credentials);
         config.reuploadDuplicates = true;
@@ -87,6 +100,7 @@ double uploadOurs(const DevServerProcess &server, const Credentials &credentials
     }
     loop.exec();
     const double seconds = timer.nsecsElapsed() / 1e9;
+    g_oursCpu = cpuSeconds(RUSAGE_SELF) - cpuBefore;
     queue.waitUntilAllOperationsAreFinished();
     return failed ? -1 : seconds;
 }
@@ -152,6 +166,7 @@ CurlRun uploadCurl(const DevServerProcess &server, const Credentials &credential
     CurlRun run;
     QElapsedTimer timer;
     timer.start();
+    const double cpuBefore = cpuSeconds(RUSAGE_CHILDREN);
     curl.start(QStringLiteral("curl"), arguments);
     if (!curl.waitForStarted()) {
         return {};
@@ -161,6 +176,7 @@ CurlRun uploadCurl(const DevServerProcess &server, const Credentials &credential
         run.peakKiB = std::max(run.peakKiB, statusKiB(pid, "VmHWM"));
     }
     run.seconds = timer.nsecsElapsed() / 1e9;
+    g_curlCpu = cpuSeconds(RUSAGE_CHILDREN) - cpuBefore;
     const QList<QByteArray> codes = curl.readAllStandardOutput().trimmed().split('\n');
     if (curl.exitCode() != 0 || codes.size() != paths.size() || codes.count("200") != paths.size()) {
         std::fprintf(stderr, "curl failed: exit %d, %lld answers, %lld of them 200\n", curl.exitCode(),
@@ -170,18 +186,71 @@ CurlRun uploadCurl(const DevServerProcess &server, const Credentials &credential
     return run;
 }
 
-bool startServer(DevServerProcess &server, Credentials &credentials, const QString &dir)
+// Runs one measurement against a service of its own, in a fresh data folder,
+// so each side meets an empty library (the service rewrites its library file
+// on every upload, which grows with the library).
+template <class Measure>
+auto withFreshServer(const Options &options, Measure measure)
+    -> decltype(measure(std::declval<const DevServerProcess &>(), std::declval<const Credentials &>()))
 {
-    if (!server.start(dir + QStringLiteral("/server"))) {
+    static int serial = 0;
+    const QString dataDir = options.dir + QStringLiteral("/server-%1").arg(++serial);
+    QDir().mkpath(dataDir);
+    DevServerProcess server;
+    using Result = decltype(measure(server, Credentials()));
+    if (!server.start(dataDir)) {
         std::fprintf(stderr, "devserver: %s\n", qPrintable(server.errorString()));
-        return false;
+        return Result();
     }
-    credentials = signInDemo(server);
+    const Credentials credentials = signInDemo(server);
     if (credentials.token.isEmpty()) {
         std::fprintf(stderr, "sign-in failed\n");
-        return false;
+        return Result();
     }
-    return true;
+    Result result = measure(server, credentials);
+    server.stop();
+    QDir(dataDir).removeRecursively();
+    return result;
+}
+
+struct Best
+{
+    double ours = 1e300;
+    double curl = 1e300;
+    qint64 curlPeakKiB = -1;
+    bool failed = false;
+};
+
+// Alternating rounds (each side goes first in turn), best of each: the
+// machine is shared.
+Best bestOf(const Options &options, const QStringList &paths, int parallel)
+{
+    Best best;
+    for (int round = 0; round < options.rounds && !best.failed; ++round) {
+        auto ours = [&] {
+            const double seconds = withFreshServer(options, [&](const DevServerProcess &server, const Credentials &c) {
+                return uploadOurs(server, c, paths, parallel);
+            });
+            best.failed |= seconds <= 0;
+            best.ours = std::min(best.ours, seconds);
+        };
+        auto curl = [&] {
+            const CurlRun run = withFreshServer(options, [&](const DevServerProcess &server, const Credentials &c) {
+                return uploadCurl(server, c, paths, parallel, options.dir);
+            });
+            best.failed |= run.seconds <= 0;
+            best.curl = std::min(best.curl, run.seconds);
+            best.curlPeakKiB = std::max(best.curlPeakKiB, run.peakKiB);
+        };
+        if (round % 2 == 0) {
+            ours();
+            curl();
+        } else {
+            curl();
+            ours();
+        }
+    }
+    return best;
 }
 
 void printThroughput(const char *what, qint64 bytes, double ours, double curl)
@@ -189,47 +258,29 @@ void printThroughput(const char *what, qint64 bytes, double ours, double curl)
     const double mb = double(bytes) / (1024 * 1024);
     std::printf("%s: ours %.2f s (%.1f MB/s), curl %.2f s (%.1f MB/s), throughput ratio ours/curl %.2f\n", what, ours,
                 mb / ours, curl, mb / curl, curl / ours);
+    std::printf("  CPU time of the last run: ours %.2f s, curl %.2f s\n", g_oursCpu, g_curlCpu);
 }
 
 int runLarge(const Options &options)
 {
-    DevServerProcess server;
-    Credentials credentials;
-    if (!startServer(server, credentials, options.dir)) {
-        return 1;
-    }
     const qint64 bytes = options.megabytes * 1024 * 1024;
     const QString path = options.dir + QStringLiteral("/large.flac");
     if (!writePatternFile(path, bytes, 7)) {
         return 1;
     }
-    // Alternating rounds, best of each: the machine is shared.
-    double ours = 1e300;
-    double curl = 1e300;
-    for (int round = 0; round < options.rounds; ++round) {
-        const double oursRound = uploadOurs(server, credentials, {path}, 1);
-        const CurlRun curlRound = uploadCurl(server, credentials, {path}, 1, options.dir);
-        if (oursRound < 0 || curlRound.seconds < 0) {
-            QFile::remove(path);
-            return 1;
-        }
-        ours = std::min(ours, oursRound);
-        curl = std::min(curl, curlRound.seconds);
-    }
+    const Best best = bestOf(options, {path}, 1);
     QFile::remove(path);
+    if (best.failed) {
+        return 1;
+    }
     printThroughput(
         qPrintable(QStringLiteral("one file of %1 MB, best of %2").arg(options.megabytes).arg(options.rounds)), bytes,
-        ours, curl);
+        best.ours, best.curl);
     return 0;
 }
 
 int runMany(const Options &options)
 {
-    DevServerProcess server;
-    Credentials credentials;
-    if (!startServer(server, credentials, options.dir)) {
-        return 1;
-    }
     QStringList paths;
     const QString folder = options.dir + QStringLiteral("/many");
     QDir().mkpath(folder);
@@ -239,41 +290,30 @@ int runMany(const Options &options)
             return 1;
         }
     }
-    double ours = 1e300;
-    double curl = 1e300;
-    for (int round = 0; round < options.rounds; ++round) {
-        const double oursRound = uploadOurs(server, credentials, paths, options.parallel);
-        const CurlRun curlRound = uploadCurl(server, credentials, paths, options.parallel, options.dir);
-        if (oursRound < 0 || curlRound.seconds < 0) {
-            QDir(folder).removeRecursively();
-            return 1;
-        }
-        ours = std::min(ours, oursRound);
-        curl = std::min(curl, curlRound.seconds);
-    }
+    const Best best = bestOf(options, paths, options.parallel);
     QDir(folder).removeRecursively();
+    if (best.failed) {
+        return 1;
+    }
     printThroughput(qPrintable(QStringLiteral("%1 files of %2 KB, %3 at once, best of %4")
                                    .arg(options.files)
                                    .arg(options.kilobytes)
                                    .arg(options.parallel)
                                    .arg(options.rounds)),
-                    options.kilobytes * 1024 * options.files, ours, curl);
-    std::printf("  files per second: ours %.0f, curl %.0f\n", options.files / ours, options.files / curl);
+                    options.kilobytes * 1024 * options.files, best.ours, best.curl);
+    std::printf("  files per second: ours %.0f, curl %.0f\n", options.files / best.ours, options.files / best.curl);
     return 0;
 }
 
 int runMemory(const Options &options)
 {
-    DevServerProcess server;
-    Credentials credentials;
-    if (!startServer(server, credentials, options.dir)) {
-        return 1;
-    }
     const qint64 bytes = options.megabytes * 1024 * 1024;
     const QString path = options.dir + QStringLiteral("/memory.flac");
     if (!writePatternFile(path, bytes, 9)) {
         return 1;
     }
+    // Ours first, in this still fresh process: idle is what it holds before
+    // the upload.
     const qint64 idle = statusKiB(0, "VmRSS");
     std::atomic<bool> sampling{true};
     std::atomic<qint64> peak{idle};
@@ -283,12 +323,16 @@ int runMemory(const Options &options)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     });
-    const double ours = uploadOurs(server, credentials, {path}, 1);
+    const double ours = withFreshServer(options, [&](const DevServerProcess &server, const Credentials &c) {
+        return uploadOurs(server, c, {path}, 1);
+    });
     sampling = false;
     sampler.join();
-    const CurlRun curl = uploadCurl(server, credentials, {path}, 1, options.dir);
+    const CurlRun curl = withFreshServer(options, [&](const DevServerProcess &server, const Credentials &c) {
+        return uploadCurl(server, c, {path}, 1, options.dir);
+    });
     QFile::remove(path);
-    if (ours < 0 || curl.seconds < 0) {
+    if (ours <= 0 || curl.seconds <= 0) {
         return 1;
     }
     const double growthMiB = double(peak - idle) / 1024;
@@ -325,7 +369,7 @@ int main(int argc, char **argv)
     }
     Options options;
     options.dir = parser.value(dirOption);
-    QDir().mkpath(options.dir + QStringLiteral("/server"));
+    QDir().mkpath(options.dir);
     const QString mode = positional.first();
     options.megabytes = parser.isSet(mbOption) ? parser.value(mbOption).toLongLong() : (mode == "memory" ? 2048 : 1024);
     if (parser.isSet(filesOption)) {

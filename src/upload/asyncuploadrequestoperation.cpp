@@ -261,25 +261,21 @@ void AsyncUploadRequestOperation::transfer(QNetworkRequest &request, const QStri
     request.setAttribute(QNetworkRequest::DoNotBufferUploadDataAttribute, true);
     request.setAttribute(QNetworkRequest::EmitAllUploadProgressSignalsAttribute, true);
 
-    QTimer idle;
-    idle.setSingleShot(true);
-    idle.setInterval(m_timeouts.requestTimeoutMs);
-    connect(&idle, &QTimer::timeout, &context, [this] {
-        m_timedOut = true;
-        abortTransfer();
-    });
+    // Any byte moving either way counts as activity; the slices below look
+    // at it (a timer restarted per piece of body would cost more).
+    m_lastActivityMs = monotonicMs();
 
     std::unique_ptr<QNetworkReply> reply(manager.post(request, &body));
     m_uploadTask = reply.get();
-    connect(reply.get(), &QNetworkReply::uploadProgress, &context, [this, &idle](qint64 sent, qint64 total) {
-        idle.start();
+    connect(reply.get(), &QNetworkReply::uploadProgress, &context, [this](qint64 sent, qint64 total) {
+        m_lastActivityMs = monotonicMs();
         // Qt closes a reply with (0, 0), which counts no bytes.
         if (total > 0) {
             handleUploadProgress(sent);
         }
     });
-    connect(reply.get(), &QNetworkReply::readyRead, &context, [this, &idle] {
-        idle.start();
+    connect(reply.get(), &QNetworkReply::readyRead, &context, [this] {
+        m_lastActivityMs = monotonicMs();
         m_responseData += m_uploadTask->readAll();
     });
     connect(reply.get(), &QNetworkReply::finished, &context, [this, &loop] {
@@ -292,11 +288,15 @@ void AsyncUploadRequestOperation::transfer(QNetworkRequest &request, const QStri
     });
 
     // The event loop runs in one-second slices; between them the stuck guard
-    // looks at the clock.
+    // and the request time-out look at the clock.
     QTimer slice;
     slice.setInterval(1000);
     connect(&slice, &QTimer::timeout, &context, [this, &loop] {
         checkStuck();
+        if (!m_transferDone && monotonicMs() - m_lastActivityMs > m_timeouts.requestTimeoutMs) {
+            m_timedOut = true;
+            abortTransfer();
+        }
         if (m_transferDone || isFinished()) {
             loop.quit();
         } else if (m_abortAtMs >= 0 ? monotonicMs() >= m_abortAtMs : isCancelled()) {
@@ -308,7 +308,6 @@ void AsyncUploadRequestOperation::transfer(QNetworkRequest &request, const QStri
         QMutexLocker locker(&m_workerLock);
         m_workerContext = &context;
     }
-    idle.start();
     slice.start();
     if (isCancelled()) {
         abortTransfer();
@@ -323,7 +322,6 @@ void AsyncUploadRequestOperation::transfer(QNetworkRequest &request, const QStri
     // Whatever is still in flight goes with the session.
     abortTransfer();
     slice.stop();
-    idle.stop();
     reply->disconnect(&context);
     reply.reset();
     m_uploadTask = nullptr;

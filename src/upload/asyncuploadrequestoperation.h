@@ -115,6 +115,7 @@ private:
     QByteArray m_footerData;
     QByteArray m_responseData;
     qint64 m_didWriteFooterAtMs = 0; // monotonic clock
+    qint64 m_lastActivityMs = 0;     // monotonic clock
 
     // The transfer's objects, on the worker thread while start() runs.
     QEventLoop *m_loop = nullptr;

@@ -15,7 +15,7 @@ bool UploadBodyDevice::open(OpenMode mode)
     if (mode & WriteOnly) {
         return false;
     }
-    if (!m_file.open(QIODevice::ReadOnly)) {
+    if (!m_file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         setErrorString(m_file.errorString());
         return false;
     }
