@@ -12,6 +12,10 @@
 
 class DownloadLibraryController;
 class QLineEdit;
+class RemoveFilePromptController;
+class QModelIndex;
+class FileListItemDelegate;
+class FoundFilesTableModel;
 class UploadListPresenter;
 
 namespace Ui {
@@ -87,6 +91,17 @@ public:
     void OnReuploadChecked(bool checked);
     UploadListPresenter *uploadListPresenter() const { return m_uploadListPresenter; }
 
+    // --- Folder and list pages (mainwindowcontroller_search.cpp) ------------
+    // The folder chooser: folders only, several at once, new folders allowed.
+    void OnBrowseFolder();
+    void OnSearchFolder() { m_session->OnSearchFolder(); }
+    // A click on a row of the file list: asks, then takes the file off.
+    void tableViewItemClicked(const QModelIndex &index);
+    FoundFilesTableModel *filesTableModel() const { return m_filesTableModel; }
+    FileListItemDelegate *filesTableDelegate() const { return m_filesTableDelegate; }
+    // The remove prompt of the last click, while it is open.
+    RemoveFilePromptController *removeFilePrompt() const;
+
 signals:
     void windowWillClose();
 
@@ -117,5 +132,8 @@ private:
     QPointer<DownloadLibraryController> m_downloadLibraryWindow;
     QTimer m_audioCDMonitorTimer;
     bool m_windowLoaded = false;
+    FoundFilesTableModel *m_filesTableModel = nullptr;
+    FileListItemDelegate *m_filesTableDelegate = nullptr;
+    QPointer<RemoveFilePromptController> m_removeFilePrompt;
     UploadListPresenter *m_uploadListPresenter = nullptr;
 };

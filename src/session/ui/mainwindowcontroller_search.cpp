@@ -1,27 +1,189 @@
 // The folder and file-list pages of the main window.
-// First bodies: the folder scan work completes this file.
 #include "session/ui/mainwindowcontroller.h"
 
+#include "platform/paths.h"
+#include "platform/settings.h"
+#include "session/ui/filelistitemview.h"
+#include "session/ui/removefilepromptcontroller.h"
 #include "ui_MainWindowController.h"
+
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QFileDialog>
+#include <QHeaderView>
+#include <QListView>
+#include <QMimeData>
+#include <QTreeView>
+
+namespace {
+
+QStringList localPaths(const QMimeData *mime)
+{
+    QStringList paths;
+    if (mime && mime->hasUrls()) {
+        for (const QUrl &url : mime->urls()) {
+            if (url.isLocalFile()) {
+                paths << url.toLocalFile();
+            }
+        }
+    }
+    return paths;
+}
+
+// Files dropped anywhere on the list, upload or result page go to the drop
+// area's handler too, which decides by page what a drop means.
+class PageDropForwarder : public QObject
+{
+public:
+    PageDropForwarder(DragDropView *dropArea, QObject *parent) : QObject(parent), m_dropArea(dropArea) {}
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        switch (event->type()) {
+        case QEvent::DragEnter:
+        case QEvent::DragMove: {
+            auto *drag = static_cast<QDragMoveEvent *>(event);
+            if (!m_dropArea->folderDropped() || localPaths(drag->mimeData()).isEmpty()) {
+                drag->ignore();
+                return true;
+            }
+            drag->setDropAction(Qt::LinkAction);
+            drag->accept();
+            return true;
+        }
+        case QEvent::Drop: {
+            auto *drop = static_cast<QDropEvent *>(event);
+            const QStringList paths = localPaths(drop->mimeData());
+            if (paths.isEmpty() || !m_dropArea->folderDropped()) {
+                drop->ignore();
+                return true;
+            }
+            drop->setDropAction(Qt::LinkAction);
+            drop->accept();
+            m_dropArea->folderDropped()(paths);
+            return true;
+        }
+        default:
+            return QObject::eventFilter(watched, event);
+        }
+    }
+
+private:
+    DragDropView *m_dropArea;
+};
+
+} // namespace
 
 void MainWindowController::connectSearchPages()
 {
+    // Search page.
     connect(m_session, &SessionModel::searchFolderPathTextChanged, m_ui->searchFolderPathTextField,
             &QLineEdit::setText);
-    connect(m_ui->searchFolderPathTextField, &QLineEdit::textEdited, this,
-            [this](const QString &text) { m_session->setSearchFolderPath({text}); });
+    // Every edit by the user, not the text the session puts there.
+    connect(m_ui->searchFolderPathTextField, &QLineEdit::textEdited, m_session, &SessionModel::OnPathChanged);
+    connect(m_ui->browseButton, &QPushButton::clicked, this, &MainWindowController::OnBrowseFolder);
+    connect(m_ui->searchButton, &QPushButton::clicked, this, &MainWindowController::OnSearchFolder);
+    connect(m_session, &SessionModel::searchContainerViewSetUp, this, [this] {
+        m_ui->searchEjectCDButton->hide();
+        m_ui->searchUploadCDButton->hide();
+        m_ui->searchCDFoundTextField->hide();
+        m_ui->downloadLibraryButton->setText(QStringLiteral("Start Download"));
+        m_ui->dragDropView->setFolderDropped([this](const QStringList &paths) { m_session->filesDropped(paths); });
+    });
     connect(m_session, &SessionModel::foundDisksChanged, this, [this](const QStringList &disks) {
         const bool found = !disks.isEmpty();
         m_ui->searchEjectCDButton->setVisible(found);
         m_ui->searchUploadCDButton->setVisible(found);
         m_ui->searchCDFoundTextField->setVisible(found);
     });
-    connect(m_session, &SessionModel::mainPageTypeChanged, this, [this](quint32 type) {
-        if (type == MainPageTypeSearch) {
-            m_ui->downloadLibraryButton->setText(QStringLiteral("Start Download"));
-        }
-    });
     m_ui->searchEjectCDButton->hide();
     m_ui->searchUploadCDButton->hide();
     m_ui->searchCDFoundTextField->hide();
+
+    auto *forwarder = new PageDropForwarder(m_ui->dragDropView, this);
+    for (QWidget *page : {m_ui->filesContainerView, m_ui->uploadContainerView, m_ui->resultContainerView}) {
+        page->setAcceptDrops(true);
+        page->installEventFilter(forwarder);
+    }
+
+    // List page.
+    m_filesTableModel = new FoundFilesTableModel(m_session, this);
+    m_filesTableDelegate = new FileListItemDelegate(this);
+    QTableView *table = m_ui->filesTableView;
+    table->setModel(m_filesTableModel);
+    table->setItemDelegate(m_filesTableDelegate);
+    table->setMouseTracking(true);
+    table->horizontalHeader()->hide();
+    table->horizontalHeader()->setStretchLastSection(true);
+    table->verticalHeader()->hide();
+    table->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
+    table->verticalHeader()->setMinimumSectionSize(FoundFilesTableModel::kRowHeight);
+    table->verticalHeader()->setDefaultSectionSize(FoundFilesTableModel::kRowHeight);
+    connect(table, &QTableView::clicked, this, &MainWindowController::tableViewItemClicked);
+
+    connect(m_session, &SessionModel::fileCountLabelTextChanged, m_ui->fileCountLabel, &QLabel::setText);
+    connect(m_session, &SessionModel::fileSearchInProgressChanged, this, [this](bool inProgress) {
+        if (inProgress) {
+            m_ui->fileSearchProgressIndicator->startAnimation();
+        } else {
+            m_ui->fileSearchProgressIndicator->stopAnimation();
+        }
+    });
+    connect(m_session, &SessionModel::beginUploadEnabledChanged, m_ui->beginUploadButton, &QPushButton::setEnabled);
+    connect(m_session, &SessionModel::listContainerViewSetUp, this, [this] {
+        // Back to 3 every time the list is set up, whatever was typed before.
+        m_ui->uploadThreadCountField->setText(QStringLiteral("3"));
+        m_filesTableModel->reloadData();
+    });
+    connect(m_session, &SessionModel::foundFileRemoved, m_filesTableModel, &FoundFilesTableModel::removeRow);
+}
+
+void MainWindowController::OnBrowseFolder()
+{
+    const QStringList roots = m_session->searchFolderPath();
+    QFileDialog dialog(this);
+    // Qt's own dialog: the platform ones cannot choose several folders.
+    dialog.setOption(QFileDialog::DontUseNativeDialog);
+    dialog.setFileMode(QFileDialog::Directory);
+    dialog.setOption(QFileDialog::ShowDirsOnly);
+    dialog.setDirectory(roots.isEmpty() ? Paths::musicDirectory() : roots.last());
+    for (QAbstractItemView *view : dialog.findChildren<QListView *>(QStringLiteral("listView"))) {
+        view->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    }
+    for (QAbstractItemView *view : dialog.findChildren<QTreeView *>(QStringLiteral("treeView"))) {
+        view->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    }
+    if (dialog.exec() != QDialog::Accepted) {
+        return;
+    }
+    // The scan waits for Search.
+    m_session->chooseSearchFolders(dialog.selectedFiles());
+}
+
+void MainWindowController::tableViewItemClicked(const QModelIndex &index)
+{
+    auto *prompt = new RemoveFilePromptController(this);
+    const int row = index.isValid() ? index.row() : -1;
+    const OrderedPathSet &files = m_session->foundFiles();
+    const QString path = row >= 0 && row < files.size() ? files.at(row) : QString();
+    if (row >= 0 && Settings::boolean(DontAskToRemoveFilesKey)) {
+        delete prompt;
+        m_session->removeFoundFile(path);
+        return;
+    }
+    prompt->setAttribute(Qt::WA_DeleteOnClose);
+    prompt->setPath(path);
+    connect(prompt, &QDialog::finished, this, [this, path](int result) {
+        if (result == 1) {
+            m_session->removeFoundFile(path);
+        }
+    });
+    m_removeFilePrompt = prompt;
+    prompt->open();
+}
+
+RemoveFilePromptController *MainWindowController::removeFilePrompt() const
+{
+    return m_removeFilePrompt;
 }
