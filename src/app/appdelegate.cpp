@@ -5,6 +5,7 @@
 #include "platform/appinfo.h"
 #include "platform/crashreporter.h"
 #include "platform/dispatch.h"
+#include "service/lyraboxservice.h"
 #include "session/ui/mainwindowcontroller.h"
 
 #include <QApplication>
@@ -72,5 +73,5 @@ void AppDelegate::showMainWindow()
 
 void AppDelegate::applicationWillTerminate()
 {
-    // TEMPORARY: LyraboxService::sharedService().stopService() goes here once the service client is in the tree.
+    LyraboxService::sharedService().stopService();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "service/core/error.h"
+#include "service/lyraboxservicedelegate.h"
 #include "session/folderscan.h"
 #include "session/orderedpathset.h"
 #include "session/sessionprompter.h"
@@ -32,7 +33,7 @@ enum MainPageType : quint32 {
 // lists, prompts, service callbacks of the sign-in and run start),
 // sessionmodel_login.cpp (sign-in), sessionmodel_scan.cpp (folders, scan, disc
 // watch) and sessionmodel_upload.cpp (the run, results and retries).
-class SessionModel : public QObject
+class SessionModel : public QObject, public LyraboxServiceDelegate
 {
     Q_OBJECT
 
@@ -208,15 +209,16 @@ public:
     static int leadingIntValue(const QString &text);
 
     // --- Service callbacks ---------------------------------------------------
-    void lyraboxDidLogin(LyraboxService *service, const OptionalError &error);
-    void lyraboxDidReceiveAuthorizationError(LyraboxService *service);
-    void lyraboxDidVerifyLogin(LyraboxService *service, const OptionalError &error);
-    void lyraboxDidReadMd5List(LyraboxService *service, const OptionalError &error);
+    void lyraboxDidLogin(LyraboxService *service, const OptionalError &error) override;
+    void lyraboxDidReceiveAuthorizationError(LyraboxService *service) override;
+    void lyraboxDidVerifyLogin(LyraboxService *service, const OptionalError &error) override;
+    void lyraboxDidReadMd5List(LyraboxService *service, const OptionalError &error) override;
     // sessionmodel_upload.cpp
-    void lyraboxDidFinishUpload(LyraboxService *service, const QString &filePath, const OptionalError &error);
-    void lyraboxDidUpdateUploadProgress(LyraboxService *service, const QString &filePath, int progress);
-    void lyraboxDidUpdateRipProgress(LyraboxService *service, const QString &filePath, int progress);
-    void lyraboxDidExperienceExternalDriveError(LyraboxService *service);
+    void lyraboxDidFinishUpload(LyraboxService *service, const QString &filePath,
+                                const OptionalError &error) override;
+    void lyraboxDidUpdateUploadProgress(LyraboxService *service, const QString &filePath, int progress) override;
+    void lyraboxDidUpdateRipProgress(LyraboxService *service, const QString &filePath, int progress) override;
+    void lyraboxDidExperienceExternalDriveError(LyraboxService *service) override;
 
 signals:
     // A page was entered (after its set-up); the window shows its area.

@@ -1,13 +1,20 @@
 #include "session/sessionmodel.h"
 
 #include "platform/settings.h"
+#include "service/lyraboxservice.h"
 
 void SessionModel::attachToService()
 {
-    // Joined to LyraboxService::sharedService() once the service client is in the tree.
+    LyraboxService::sharedService().setDelegate(this);
 }
 
-void SessionModel::detachFromService() {}
+void SessionModel::detachFromService()
+{
+    LyraboxService &service = LyraboxService::sharedService();
+    if (service.delegate() == this) {
+        service.setDelegate(nullptr);
+    }
+}
 
 void SessionModel::loadCredentials()
 {
@@ -30,7 +37,8 @@ void SessionModel::OnLogin()
         return;
     }
     setLoggingIn(true);
-    // TEMPORARY: the request goes to LyraboxService::loginWithEmail() once the service client is in the tree.
+    // Sent exactly as typed: blanks are part of what the user chose.
+    LyraboxService::sharedService().loginWithEmail(m_email, m_password);
 }
 
 void SessionModel::OnRememberMeChecked(bool checked)

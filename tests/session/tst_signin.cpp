@@ -1,0 +1,203 @@
+#include "alertdriver.h"
+
+#include "app/logger.h"
+#include "platform/settings.h"
+#include "service/lyraboxservice.h"
+#include "session/ui/mainwindowcontroller.h"
+#include "support/devserverprocess.h"
+#include "ui_MainWindowController.h"
+
+#include <QFile>
+#include <QTest>
+
+namespace {
+
+constexpr int kAnswerTimeout = 30000;
+
+QString demoEmail()
+{
+    return QString::fromLatin1(DevServerProcess::kDemoEmail);
+}
+
+QString demoPassword()
+{
+    return QString::fromLatin1(DevServerProcess::kDemoPassword);
+}
+
+bool logHas(const QString &message)
+{
+    QFile file(Logger::logFileURL().toLocalFile());
+    return file.open(QIODevice::ReadOnly) && file.readAll().contains((": " + message + "\n").toUtf8());
+}
+
+} // namespace
+
+// The Login page against the local service.
+class TestSignIn : public QObject
+{
+    Q_OBJECT
+
+    DevServerProcess m_server;
+
+    void signIn(MainWindowController &window, const QString &email, const QString &password)
+    {
+        window.ui()->emailField->setText(email);
+        window.ui()->passwdField->setText(password);
+        window.ui()->loginButton->click();
+    }
+
+private slots:
+    void initTestCase() { QVERIFY2(m_server.start(), qPrintable(m_server.errorString())); }
+
+    void init()
+    {
+        QVERIFY(m_server.setMaintenance(false));
+        for (const char *key : {kSettingsEmail, kSettingsPassword, kSettingsRememberMe}) {
+            Settings::remove(key);
+        }
+    }
+
+    void refusedSignInKeepsPageAndSettings()
+    {
+        Settings::setValue(kSettingsEmail, QStringLiteral("stored@example.com"));
+        Settings::setValue(kSettingsPassword, QStringLiteral("stored"));
+        Settings::setValue(kSettingsRememberMe, true);
+        MainWindowController window;
+        window.showWindow();
+        Ui::MainWindowController *ui = window.ui();
+        QVERIFY(ui->rememberMeCheckbox->isChecked());
+
+        AlertDriver driver;
+        bool buttonBackFirst = false;
+        driver.answer(QStringLiteral("OK"), [&](QMessageBox *) {
+            buttonBackFirst = ui->loginButton->isEnabled() && !ui->loginProgressIndicator->isAnimating();
+        });
+        signIn(window, demoEmail(), QStringLiteral("wrong"));
+        // While the request is out the button rests and the indicator turns.
+        QVERIFY(!ui->loginButton->isEnabled());
+        QVERIFY(ui->loginProgressIndicator->isAnimating());
+        QTRY_COMPARE_WITH_TIMEOUT(driver.seen.size(), 1, kAnswerTimeout);
+
+        QCOMPARE(driver.seen[0].text, QStringLiteral("Login Error"));
+        QCOMPARE(driver.seen[0].informativeText, QStringLiteral("Invalid e-mail address or password."));
+        QCOMPARE(driver.seen[0].buttons, QStringList{QStringLiteral("OK")});
+        QVERIFY(buttonBackFirst);
+        QCOMPARE(window.mainPageType(), quint32(MainPageTypeLogin));
+        QVERIFY(ui->loginContainerView->isVisible());
+        QCOMPARE(Settings::string(kSettingsEmail), QStringLiteral("stored@example.com"));
+        QCOMPARE(Settings::string(kSettingsPassword), QStringLiteral("stored"));
+        QVERIFY(logHas(QStringLiteral("Login (%1)").arg(demoEmail())));
+    }
+
+    void blanksAreNotEmpty()
+    {
+        MainWindowController window;
+        window.showWindow();
+        AlertDriver driver;
+        driver.answer(QStringLiteral("OK"));
+        signIn(window, QStringLiteral("   "), QStringLiteral(" "));
+        // The request went out: the service, not the blank check, answers.
+        QTRY_COMPARE_WITH_TIMEOUT(driver.seen.size(), 1, kAnswerTimeout);
+        QCOMPARE(driver.seen[0].text, QStringLiteral("Login Error"));
+        QCOMPARE(driver.seen[0].informativeText, QStringLiteral("Invalid e-mail address or password."));
+        QVERIFY(logHas(QStringLiteral("Login (   )")));
+    }
+
+    void maintenanceHasItsOwnTitle()
+    {
+        QVERIFY(m_server.setMaintenance(true));
+        MainWindowController window;
+        window.showWindow();
+        AlertDriver driver;
+        driver.answer(QStringLiteral("OK"));
+        signIn(window, demoEmail(), demoPassword());
+        QTRY_COMPARE_WITH_TIMEOUT(driver.seen.size(), 1, kAnswerTimeout);
+        QCOMPARE(driver.seen[0].text, QStringLiteral("Maintenace"));
+        QVERIFY(!driver.seen[0].informativeText.isEmpty());
+        QCOMPARE(window.mainPageType(), quint32(MainPageTypeLogin));
+    }
+
+    void successWithRememberMeStoresAndOpensSearch()
+    {
+        MainWindowController window;
+        window.showWindow();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        Ui::MainWindowController *ui = window.ui();
+
+        // Checking the box stores only the box.
+        ui->rememberMeCheckbox->click();
+        QCOMPARE(Settings::value(kSettingsRememberMe).toBool(), true);
+        QVERIFY(!Settings::contains(kSettingsEmail));
+
+        ui->emailField->setText(demoEmail());
+        ui->passwdField->setText(demoPassword());
+        window.OnEnterPressed(ui->passwdField);
+        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), kAnswerTimeout);
+        QVERIFY(ui->searchContainerView->isVisible());
+        QVERIFY(ui->loginButton->isEnabled());
+        QVERIFY(!ui->loginProgressIndicator->isAnimating());
+        QCOMPARE(Settings::string(kSettingsEmail), demoEmail());
+        QCOMPARE(Settings::string(kSettingsPassword), demoPassword());
+        QVERIFY(!LyraboxService::sharedService().userToken().isEmpty());
+        QVERIFY(logHas(QStringLiteral("SetPage(Search)")));
+
+        // Unchecking forgets both at once; a restart shows empty fields.
+        window.setMainPageType(MainPageTypeLogin);
+        ui->rememberMeCheckbox->click();
+        QVERIFY(!Settings::contains(kSettingsEmail));
+        QVERIFY(!Settings::contains(kSettingsPassword));
+        QCOMPARE(Settings::value(kSettingsRememberMe).toBool(), false);
+        MainWindowController restarted;
+        restarted.loadWindow();
+        QCOMPARE(restarted.ui()->emailField->text(), QString());
+        QCOMPARE(restarted.ui()->passwdField->text(), QString());
+        QVERIFY(!restarted.ui()->rememberMeCheckbox->isChecked());
+    }
+
+    void expiredSessionPausesAndReturnsToLogin()
+    {
+        MainWindowController window;
+        window.showWindow();
+        Ui::MainWindowController *ui = window.ui();
+        signIn(window, demoEmail(), demoPassword());
+        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), kAnswerTimeout);
+
+        // A run is under way behind the overlay when the service refuses the session.
+        SessionModel *session = window.session();
+        session->setIsUploading(true);
+        session->uploadingFiles() << QStringLiteral("/music/a.mp3");
+        window.startWaitingAnimation(QStringLiteral("Preparing upload..."));
+        QVERIFY(m_server.revokeToken());
+
+        AlertDriver driver;
+        struct AtAlert
+        {
+            quint32 page = 99;
+            bool uploading = true;
+            bool overlay = true;
+            QStringList ready;
+        } atAlert;
+        driver.answer(QStringLiteral("OK"), [&](QMessageBox *) {
+            atAlert = {window.mainPageType(), session->isUploading(), ui->maskContainerView->isVisible(),
+                       session->readyFiles().toList()};
+        });
+        LyraboxService::sharedService().verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(driver.seen.size(), 1, kAnswerTimeout);
+
+        QCOMPARE(driver.seen[0].text, QStringLiteral("Login Error"));
+        QCOMPARE(driver.seen[0].informativeText, QStringLiteral("Your login session has expired. Please login again."));
+        QCOMPARE(driver.seen[0].buttons, QStringList{QStringLiteral("OK")});
+        // Paused first (the file went back to the ready list), overlay down, Login shown.
+        QCOMPARE(atAlert.page, quint32(MainPageTypeLogin));
+        QVERIFY(!atAlert.uploading);
+        QVERIFY(!atAlert.overlay);
+        QCOMPARE(atAlert.ready, QStringList{QStringLiteral("/music/a.mp3")});
+        QVERIFY(ui->loginContainerView->isVisible());
+        // Signing in again is one click away.
+        QCOMPARE(ui->emailField->text(), demoEmail());
+        QCOMPARE(ui->passwdField->text(), demoPassword());
+    }
+};
+
+QTEST_MAIN(TestSignIn)
+#include "tst_signin.moc"
