@@ -43,6 +43,8 @@ void SplashWindowController::startSplashTimer()
     // not hold the splash up.
     m_splashTimer = new QTimer(this);
     m_splashTimer->setSingleShot(true);
+    // A coarse timer may fire up to 5 % early; the splash stays its full 3 seconds.
+    m_splashTimer->setTimerType(Qt::PreciseTimer);
     m_splashTimer->setInterval(kSplashMilliseconds);
     connect(m_splashTimer, &QTimer::timeout, this, &SplashWindowController::onSplashTimeUp);
     m_splashTimer->start();
