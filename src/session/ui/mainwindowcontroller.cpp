@@ -20,10 +20,8 @@ const QColor kMaskColor(0x99, 0x99, 0x99, 0x70);
 
 const QColor kLogLinkColor(60, 60, 60);
 
-// The window's dark look; alerts parented to the window take it too.
-void applyDarkAppearance(QWidget *window)
+QPalette darkPalette(QPalette palette)
 {
-    QPalette palette = window->palette();
     palette.setColor(QPalette::Window, QColor(0x26, 0x26, 0x26));
     palette.setColor(QPalette::WindowText, QColor(0xe6, 0xe6, 0xe6));
     palette.setColor(QPalette::Base, QColor(0x1b, 0x1b, 0x1b));
@@ -37,7 +35,14 @@ void applyDarkAppearance(QWidget *window)
     palette.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x80));
     palette.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x80, 0x80));
     palette.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x80));
-    window->setPalette(palette);
+    return palette;
+}
+
+// The window's dark look. Alerts parented to the window take its style sheet
+// but not its palette (palettes stop at windows), so they are given it too.
+void applyDarkAppearance(QWidget *window)
+{
+    window->setPalette(darkPalette(window->palette()));
     window->setStyleSheet(QStringLiteral(
         "QLabel { color: #e6e6e6; }"
         "QLineEdit { background: #1b1b1b; color: white; border: 1px solid #555555; border-radius: 4px;"
@@ -177,8 +182,11 @@ int MainWindowController::showAlertWithMessageText(const QString &messageText, c
                                                    const QString &defaultButton, const QString &alternateButton,
                                                    const QString &otherButton)
 {
-    // Parented to the window, so it takes the window's dark look.
+    // Parented to the window, so it is centred on it and looks like it.
     QMessageBox alert(this);
+    alert.setPalette(darkPalette(alert.palette()));
+    alert.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_label { font-weight: bold; min-width: 300px; }"
+                                       "QLabel#qt_msgbox_informativelabel { min-width: 300px; }"));
     alert.setWindowModality(Qt::ApplicationModal);
     alert.setWindowTitle(windowTitle());
     alert.setIcon(QMessageBox::NoIcon);
