@@ -19,8 +19,7 @@ Logger &Logger::shared()
 
 QString Logger::timestamp()
 {
-    return QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")) +
-           QStringLiteral(" +0000");
+    return QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")) + QStringLiteral(" +0000");
 }
 
 void Logger::setAlertHandler(AlertHandler handler)
