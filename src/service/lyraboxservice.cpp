@@ -245,23 +245,29 @@ void LyraboxService::stopService()
     QMetaObject::invokeMethod(
         this,
         [self] {
-            if (!self)
-                return;
-            const QSet<QNetworkReply *> tasks = self->m_tasks;
-            for (QNetworkReply *reply : tasks) {
-                // An earlier abort may have finished (and removed) it meanwhile.
-                if (self && self->m_tasks.contains(reply))
-                    reply->abort();
-            }
+            if (self)
+                self->abortTasks();
         },
         Qt::QueuedConnection);
+}
+
+void LyraboxService::abortTasks()
+{
+    const QSet<QNetworkReply *> tasks = m_tasks;
+    for (QNetworkReply *reply : tasks) {
+        // An earlier abort may have finished (and removed) it meanwhile.
+        if (m_tasks.contains(reply))
+            reply->abort();
+    }
 }
 
 void LyraboxService::stopUploads()
 {
     runOnServiceThread([this] {
         m_fileLoadOperationQueue->cancelAllOperations();
-        stopService();
+        // At once, not queued once more: a request made right after the
+        // pause (the resume's verification) must not be caught by it.
+        abortTasks();
         m_uploadProgresses.clear();
     });
 }

@@ -129,6 +129,9 @@ public:
     static void forgetDelegate(LyraboxServiceDelegate *delegate);
 
 private:
+    // Aborts every request in flight; on the service thread.
+    void abortTasks();
+
     // What the classification of a response found.
     struct Response
     {

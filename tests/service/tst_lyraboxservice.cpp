@@ -477,6 +477,16 @@ private slots:
         QVERIFY(service.uploadProgresses().isEmpty());
         QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
         QCOMPARE(delegate.calls.first().error->code(), -999);
+
+        // A resume verifies the session right after the pause: the pause
+        // must not cancel that request too.
+        m_capture->setHold(false);
+        m_capture->respond(200, json({{"result", true}, {"authenticated", true}}));
+        service.stopUploads();
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QCOMPARE(delegate.calls.at(1).name, "verify");
+        QCOMPARE(delegate.calls.at(1).error.value_or(Error::errorWithMessage("none")).localizedDescription(), "none");
     }
 
     void againstTheLocalService()
