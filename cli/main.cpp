@@ -9,7 +9,7 @@ namespace {
 
 void printUsage(QTextStream &out)
 {
-    out << "Usage: pelicane-cli COMMAND [OPTIONS]\n"
+    out << "Usage: pelicane-cli [--verbose] COMMAND [OPTIONS]\n"
            "\n"
            "Commands:\n"
            "  upload [OPTIONS] FOLDER...       upload the music files under the folders\n"
@@ -20,6 +20,9 @@ void printUsage(QTextStream &out)
            "      --dry-run                     list what would be uploaded, upload nothing\n"
            "  download-library FOLDER          download the whole library into FOLDER\n"
            "  --version                        print the version\n"
+           "\n"
+           "The log is written to the log file of the desktop program; --verbose also\n"
+           "prints each of its lines on standard error.\n"
            "\n"
            "The account is read from PELICANE_EMAIL and PELICANE_PASSWORD, or asked for\n"
            "on the terminal (the password without echo). It is never an argument.\n";
@@ -34,6 +37,13 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationVersion(AppInfo::shortVersion());
 
     QStringList args = app.arguments().mid(1);
+    // The terminal shows progress and the summary; the log's own lines would
+    // bury them, so they go to the log file only unless asked for.
+    const bool verbose = !args.isEmpty() && args.first() == QLatin1String("--verbose");
+    if (verbose) {
+        args.removeFirst();
+    }
+    Logger::shared().setEchoToStandardError(verbose);
     QTextStream out(stdout);
     QTextStream err(stderr);
     if (args.isEmpty() || args.first() == QLatin1String("--help") || args.first() == QLatin1String("-h")) {

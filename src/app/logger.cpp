@@ -65,12 +65,19 @@ void Logger::setLogFileURL(const QUrl &url)
     m_logFileURL = url;
 }
 
+void Logger::setEchoToStandardError(bool echo)
+{
+    m_echo = echo;
+}
+
 void Logger::logMessage(const QString &message)
 {
     QMutexLocker locker(&m_lock);
-    const QByteArray echo = message.toUtf8() + '\n';
-    std::fwrite(echo.constData(), 1, size_t(echo.size()), stderr);
-    std::fflush(stderr);
+    if (m_echo) {
+        const QByteArray echo = message.toUtf8() + '\n';
+        std::fwrite(echo.constData(), 1, size_t(echo.size()), stderr);
+        std::fflush(stderr);
+    }
 
     if (m_writeHandle < 0) {
         const QUrl url = fileURL();

@@ -34,6 +34,9 @@ public:
     qint64 size() const;
 
     void setAlertHandler(AlertHandler handler);
+    // Every line is echoed to standard error unless turned off; a terminal
+    // front end that draws its own progress turns it off.
+    void setEchoToStandardError(bool echo);
 
     // The date prefix of every line, e.g. "2026-11-14 23:43:41 +0000".
     static QString timestamp();
@@ -50,4 +53,5 @@ private:
     int m_writeHandle = -1;
     std::atomic<qint64> m_position{0};
     AlertHandler m_alertHandler;
+    std::atomic<bool> m_echo{true};
 };
