@@ -214,8 +214,7 @@ public:
     void lyraboxDidVerifyLogin(LyraboxService *service, const OptionalError &error) override;
     void lyraboxDidReadMd5List(LyraboxService *service, const OptionalError &error) override;
     // sessionmodel_upload.cpp
-    void lyraboxDidFinishUpload(LyraboxService *service, const QString &filePath,
-                                const OptionalError &error) override;
+    void lyraboxDidFinishUpload(LyraboxService *service, const QString &filePath, const OptionalError &error) override;
     void lyraboxDidUpdateUploadProgress(LyraboxService *service, const QString &filePath, int progress) override;
     void lyraboxDidUpdateRipProgress(LyraboxService *service, const QString &filePath, int progress) override;
     void lyraboxDidExperienceExternalDriveError(LyraboxService *service) override;
@@ -249,6 +248,8 @@ signals:
     void audioCDArtworkVisibleChanged(bool visible);
     // The "Upload Ended" block was written (showUploadResult).
     void uploadEnded();
+    // The service reported the end of one file's upload, before it is filed.
+    void uploadFinished(const QString &filePath, const OptionalError &error);
 
 private:
     void setLoggingIn(bool loggingIn);

@@ -455,6 +455,7 @@ void SessionModel::OnReuploadChecked(bool checked)
 
 void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &filePath, const OptionalError &error)
 {
+    emit uploadFinished(filePath, error);
     const bool wasUploading = m_uploadingFiles.removeOne(filePath);
     if (!wasUploading) {
         // The run was paused after this upload had ended; the pause put the

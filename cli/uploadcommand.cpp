@@ -1,0 +1,487 @@
+// pelicane-cli upload: the desktop program's upload run without a window.
+//
+// Signs in, scans the folders and runs the same session model as the main
+// window, with the same lists and the same log. The session's prompts are
+// answered by fixed defaults, documented in the usage text below.
+#include "cli/commands.h"
+#include "cli/signin.h"
+#include "cli/uploadprogress.h"
+
+#include "cd/plcvolumetype.h"
+#include "platform/formatting.h"
+#include "service/lyraboxservice.h"
+#include "session/md5checkoperation.h"
+#include "session/sessionmodel.h"
+
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QFileInfo>
+#include <QSocketNotifier>
+#include <QTextStream>
+#include <QTimer>
+
+#include <csignal>
+#include <fcntl.h>
+#include <optional>
+#include <unistd.h>
+
+namespace {
+
+enum ExitStatus {
+    ExitSuccess = 0,     // every file uploaded or already in the library
+    ExitFilesFailed = 1, // some file failed, or the run stopped before the end
+    ExitUsage = 2,
+    ExitNotStarted = 3, // no sign-in, or the run could not start
+    ExitInterrupted = 130,
+};
+
+const char *const kUsage = "Usage: pelicane-cli upload [OPTIONS] FOLDER...\n"
+                           "\n"
+                           "Uploads the music files under the folders (or the files given) that the\n"
+                           "library does not hold yet, with the same checks and log as the desktop\n"
+                           "program.\n"
+                           "\n"
+                           "  --playlist NAME   file the uploads under a playlist\n"
+                           "  --tag NAME        tag the uploads\n"
+                           "  --reupload        upload files the library already holds\n"
+                           "  --threads N       simultaneous uploads, 1 to 6 (default 3)\n"
+                           "  --dry-run         list what would be uploaded; upload nothing\n"
+                           "\n"
+                           "The account is read from PELICANE_EMAIL and PELICANE_PASSWORD, or asked for\n"
+                           "on the terminal (the password without echo). It is never an argument.\n"
+                           "\n"
+                           "Questions the desktop program would ask are answered like this: after 50\n"
+                           "failed uploads in a row, or when the connection is offline, the run stops;\n"
+                           "a failed CD track is skipped; every other message is printed and the run\n"
+                           "goes on. Ctrl-C stops the run and prints what was done.\n"
+                           "\n"
+                           "Exit status: 0 when every file was uploaded or already there, 1 when a file\n"
+                           "failed or the run stopped early, 2 for wrong arguments, 3 when signing in or\n"
+                           "starting the run failed, 130 when interrupted.\n";
+
+struct UploadOptions
+{
+    QStringList folders;
+    QString playlist;
+    QString tag;
+    bool reupload = false;
+    int threads = 3;
+    bool dryRun = false;
+    bool help = false;
+};
+
+std::optional<UploadOptions> parseOptions(const QStringList &args, QString *error)
+{
+    UploadOptions options;
+    bool optionsEnded = false;
+    for (qsizetype i = 0; i < args.size(); ++i) {
+        QString arg = args.at(i);
+        if (optionsEnded || !arg.startsWith(QLatin1Char('-')) || arg == QLatin1String("-")) {
+            options.folders.append(arg);
+            continue;
+        }
+        if (arg == QLatin1String("--")) {
+            optionsEnded = true;
+            continue;
+        }
+        if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
+            options.help = true;
+            continue;
+        }
+        QString inlineValue;
+        bool hasInlineValue = false;
+        if (const qsizetype eq = arg.indexOf(QLatin1Char('=')); eq > 0) {
+            inlineValue = arg.mid(eq + 1);
+            arg.truncate(eq);
+            hasInlineValue = true;
+        }
+        auto takeValue = [&]() -> std::optional<QString> {
+            if (hasInlineValue) {
+                return inlineValue;
+            }
+            if (i + 1 >= args.size()) {
+                *error = QStringLiteral("%1 needs a value").arg(arg);
+                return std::nullopt;
+            }
+            return args.at(++i);
+        };
+        if (arg == QLatin1String("--playlist") || arg == QLatin1String("--tag")) {
+            const std::optional<QString> value = takeValue();
+            if (!value) {
+                return std::nullopt;
+            }
+            (arg == QLatin1String("--playlist") ? options.playlist : options.tag) = *value;
+        } else if (arg == QLatin1String("--threads")) {
+            const std::optional<QString> value = takeValue();
+            if (!value) {
+                return std::nullopt;
+            }
+            bool ok = false;
+            options.threads = value->toInt(&ok);
+            if (!ok || options.threads < 1 || options.threads > SessionModel::kMaxSimultaneousUploads) {
+                *error = QStringLiteral("--threads must be a number from 1 to %1")
+                             .arg(SessionModel::kMaxSimultaneousUploads);
+                return std::nullopt;
+            }
+        } else if (arg == QLatin1String("--reupload") && !hasInlineValue) {
+            options.reupload = true;
+        } else if (arg == QLatin1String("--dry-run") && !hasInlineValue) {
+            options.dryRun = true;
+        } else {
+            *error = QStringLiteral("unknown option %1").arg(args.at(i));
+            return std::nullopt;
+        }
+    }
+    if (options.help) {
+        return options;
+    }
+    if (options.folders.isEmpty()) {
+        *error = QStringLiteral("no folder given");
+        return std::nullopt;
+    }
+    for (QString &folder : options.folders) {
+        const QFileInfo info(folder);
+        if (!info.exists()) {
+            *error = QStringLiteral("no such file or folder: %1").arg(folder);
+            return std::nullopt;
+        }
+        folder = info.absoluteFilePath();
+        if (PLCVolumeType::isDiskAtPath(folder)) {
+            *error = QStringLiteral("%1 is an audio CD; use the desktop program to upload CDs").arg(folder);
+            return std::nullopt;
+        }
+    }
+    return options;
+}
+
+int g_signalPipe[2] = {-1, -1};
+
+void onSignal(int signal)
+{
+    const char byte = char(signal);
+    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[1], &byte, 1);
+}
+
+// One status line, redrawn in place on a terminal; on a pipe a line now and
+// then, so a log of the job stays short.
+class StatusLine
+{
+public:
+    StatusLine() : m_terminal(::isatty(STDERR_FILENO)) {}
+
+    bool isTerminal() const { return m_terminal; }
+
+    void show(const QString &text)
+    {
+        QTextStream err(stderr);
+        if (m_terminal) {
+            err << "\r\033[K" << text << Qt::flush;
+            m_open = true;
+        } else {
+            err << text << Qt::endl;
+        }
+    }
+
+    // Ends the line in place, so other output starts on a line of its own.
+    void endLine()
+    {
+        if (m_open) {
+            QTextStream err(stderr);
+            err << "\r\033[K" << Qt::flush;
+            m_open = false;
+        }
+    }
+
+private:
+    bool m_terminal;
+    bool m_open = false;
+};
+
+// Answers the session's prompts by the documented defaults.
+class TerminalPrompter : public SessionPrompter
+{
+public:
+    explicit TerminalPrompter(StatusLine &status) : m_status(status) {}
+
+    int showAlertWithMessageText(const QString &messageText, const QString &informativeText, const QString &,
+                                 const QString &, const QString &) override
+    {
+        m_visible = true;
+        m_status.endLine();
+        QTextStream err(stderr);
+        err << messageText;
+        if (!informativeText.isEmpty()) {
+            err << (messageText.isEmpty() ? "" : ": ") << informativeText;
+        }
+        err << Qt::endl;
+        if (onAlert) {
+            onAlert(messageText, informativeText);
+        }
+        m_visible = false;
+        return messageText == QLatin1String("CD Rip Error") ? kAlertSecondButtonReturn : kAlertFirstButtonReturn;
+    }
+
+    bool hasVisibleAlert() const override { return m_visible; }
+
+    void startWaitingAnimation(const QString &reason) override
+    {
+        if (reason != m_reason) {
+            m_status.endLine();
+            QTextStream(stderr) << reason << Qt::endl;
+            m_reason = reason;
+        }
+    }
+
+    void stopWaitingAnimation() override { m_reason.clear(); }
+
+    std::function<void(const QString &message, const QString &informative)> onAlert;
+
+private:
+    StatusLine &m_status;
+    bool m_visible = false;
+    QString m_reason;
+};
+
+// Reads the digest list for a dry run. The service reports the list only to
+// a delegate that takes the sign-in answer as well.
+class DigestListWaiter : public LyraboxServiceDelegate
+{
+public:
+    bool respondsToOperation(Operation operation) const override { return implements<DigestListWaiter>(operation); }
+    void lyraboxDidLogin(LyraboxService *, const OptionalError &) override {}
+    void lyraboxDidReadMd5List(LyraboxService *, const OptionalError &error) override
+    {
+        m_error = error;
+        m_loop.quit();
+    }
+
+    OptionalError read()
+    {
+        LyraboxService &service = LyraboxService::sharedService();
+        LyraboxServiceDelegate *previous = service.delegate();
+        service.setDelegate(this);
+        service.readMd5List();
+        m_loop.exec();
+        service.setDelegate(previous);
+        return m_error;
+    }
+
+private:
+    QEventLoop m_loop;
+    OptionalError m_error;
+};
+
+// The found files that the library does not hold, by the same check as a
+// run, on a worker; none when the digest list cannot be read.
+std::optional<QPair<QStringList, QStringList>> checkAgainstLibrary(const QStringList &files, const QString &firstRoot,
+                                                                   QString *error)
+{
+    DigestListWaiter waiter;
+    if (const OptionalError readError = waiter.read()) {
+        *error = readError->localizedDescription();
+        return std::nullopt;
+    }
+    QStringList toUpload;
+    QStringList known;
+    QEventLoop loop;
+    QObject context;
+    Md5CheckOperation::Handlers handlers;
+    handlers.audioCD = [&] { loop.quit(); };
+    handlers.checked = [&](const QString &path, bool isKnown, qint64, qint64) {
+        (isKnown ? known : toUpload).append(path);
+    };
+    handlers.ended = [&](double) { loop.quit(); };
+    OperationQueue queue;
+    queue.addOperation(std::make_shared<Md5CheckOperation>(
+        &context, files, LyraboxService::sharedService().getMd5List(), firstRoot, std::move(handlers)));
+    loop.exec();
+    queue.waitUntilAllOperationsAreFinished();
+    return qMakePair(toUpload, known);
+}
+
+int runDryRun(const UploadOptions &options, SessionModel &session)
+{
+    QTextStream out(stdout);
+    QTextStream err(stderr);
+    const QStringList files = session.foundFiles().toList();
+    QStringList toUpload = files;
+    QStringList known;
+    if (!options.reupload) {
+        err << "Checking for previously uploaded files..." << Qt::endl;
+        QString error;
+        const auto checked = checkAgainstLibrary(files, options.folders.first(), &error);
+        if (!checked) {
+            err << "pelicane-cli: the list of uploaded files could not be read: " << error << Qt::endl;
+            return ExitNotStarted;
+        }
+        toUpload = checked->first;
+        known = checked->second;
+    }
+    out << "Would upload " << groupedNumber(toUpload.size()) << " of " << groupedNumber(files.size())
+        << " files:" << Qt::endl;
+    for (const QString &path : std::as_const(toUpload)) {
+        out << "  " << path << Qt::endl;
+    }
+    out << "Already in the library: " << groupedNumber(known.size()) << " files" << Qt::endl;
+    return ExitSuccess;
+}
+
+} // namespace
+
+int runUploadCommand(const QStringList &args)
+{
+    QTextStream out(stdout);
+    QTextStream err(stderr);
+    QString parseError;
+    const std::optional<UploadOptions> parsed = parseOptions(args, &parseError);
+    if (!parsed) {
+        err << "pelicane-cli upload: " << parseError << "\n\n" << kUsage << Qt::flush;
+        return ExitUsage;
+    }
+    const UploadOptions &options = *parsed;
+    if (options.help) {
+        out << kUsage << Qt::flush;
+        return ExitSuccess;
+    }
+
+    if (!CliSignIn::signInInteractively()) {
+        return ExitNotStarted;
+    }
+
+    StatusLine status;
+    TerminalPrompter prompter(status);
+    SessionModel session(&prompter);
+    session.attachToService();
+    UploadProgressMeter meter(&session);
+    QEventLoop loop;
+    int exitStatus = ExitSuccess;
+    QString stopReason;
+    bool running = false;
+    bool ended = false;
+
+    auto finish = [&](int code) {
+        exitStatus = code;
+        loop.exit(code);
+    };
+
+    prompter.onAlert = [&](const QString &message, const QString &informative) {
+        if (message == QLatin1String("Error starting upload") || message == QLatin1String("Error Starting Upload")) {
+            QTimer::singleShot(0, &loop, [&] { finish(ExitNotStarted); });
+        } else if (message == QLatin1String("Login Error")) {
+            stopReason = QStringLiteral("the session expired");
+            QTimer::singleShot(0, &loop, [&] { finish(running ? ExitFilesFailed : ExitNotStarted); });
+        } else if (message == QLatin1String("Upload Error") && running) {
+            // The session has paused the run; it ends here with what is done.
+            stopReason = informative;
+            QTimer::singleShot(0, &loop, [&] { session.OnCancelUpload(); });
+        }
+    };
+
+    // --- Scan -------------------------------------------------------------------
+    session.setMainPageType(MainPageTypeSearch);
+    session.setSearchFolderPath(options.folders);
+    QObject::connect(&session, &SessionModel::fileSearchInProgressChanged, &loop, [&](bool inProgress) {
+        if (!inProgress && !running) {
+            loop.quit();
+        }
+    });
+    session.OnSearchFolder();
+    if (session.isFileSearchInProgress()) {
+        loop.exec();
+    }
+    err << session.fileCountLabelText().section(QLatin1Char('.'), 0, 0) << "." << Qt::endl;
+
+    if (options.dryRun) {
+        const int code = runDryRun(options, session);
+        session.detachFromService();
+        return code;
+    }
+
+    // --- Run ----------------------------------------------------------------------
+    QTimer ticker;
+    ticker.setInterval(status.isTerminal() ? 1000 : 10000);
+    QObject::connect(&ticker, &QTimer::timeout, &loop, [&] {
+        meter.sample();
+        if (session.mainPageType() == MainPageTypeUpload && session.isUploading()) {
+            status.show(meter.line());
+        }
+    });
+    QTimer sampler;
+    sampler.setInterval(1000);
+    QObject::connect(&sampler, &QTimer::timeout, &loop, [&] { meter.sample(); });
+    QObject::connect(&session, &SessionModel::uploadFinished, &loop,
+                     [&](const QString &path, const OptionalError &error) {
+                         if (!error) {
+                             meter.fileCompleted(path);
+                         } else if (error->code() >= 1) {
+                             status.endLine();
+                             err << "Failed: " << path << ": " << error->localizedDescription() << Qt::endl;
+                         }
+                     });
+    QObject::connect(&session, &SessionModel::uploadEnded, &loop, [&] {
+        ended = true;
+        finish(exitStatus);
+    });
+
+    if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) == 0) {
+        auto *notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, &loop);
+        QObject::connect(notifier, &QSocketNotifier::activated, &loop, [&] {
+            char byte = 0;
+            while (::read(g_signalPipe[0], &byte, 1) > 0) {
+            }
+            stopReason = QStringLiteral("interrupted");
+            exitStatus = ExitInterrupted;
+            if (session.mainPageType() == MainPageTypeUpload) {
+                session.OnCancelUpload();
+            } else {
+                finish(ExitInterrupted);
+            }
+        });
+        std::signal(SIGINT, onSignal);
+        std::signal(SIGTERM, onSignal);
+    }
+
+    session.OnReuploadChecked(!options.reupload);
+    meter.begin();
+    running = true;
+    session.OnUploadFiles(QString::number(options.threads), options.playlist, options.tag);
+    ticker.start();
+    sampler.start();
+    loop.exec();
+    running = false;
+    ticker.stop();
+    sampler.stop();
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    status.endLine();
+    session.detachFromService();
+
+    if (!ended) {
+        if (!stopReason.isEmpty()) {
+            err << "pelicane-cli: stopped: " << stopReason << Qt::endl;
+        }
+        return exitStatus;
+    }
+
+    // --- Summary ------------------------------------------------------------------
+    out << session.discoveredLabelText() << "\n"
+        << session.uploadedLabelText() << "\n"
+        << session.skippedLabelText() << "\n"
+        << session.errorsLabelText() << Qt::endl;
+    for (const QString &path : session.erroredFiles()) {
+        out << "  failed: " << path << "\n";
+    }
+    const qint64 leftOver = session.foundFiles().size() + session.readyFiles().size() +
+                            session.uploadingFiles().size() + session.retryFiles().size();
+    if (leftOver > 0) {
+        out << "Not uploaded: \t" << groupedNumber(leftOver) << " files" << Qt::endl;
+    }
+    out << Qt::flush;
+    if (!stopReason.isEmpty()) {
+        err << "pelicane-cli: the run stopped: " << stopReason << Qt::endl;
+    }
+    if (exitStatus == ExitInterrupted) {
+        return ExitInterrupted;
+    }
+    return !session.erroredFiles().isEmpty() || leftOver > 0 || !stopReason.isEmpty() ? ExitFilesFailed : ExitSuccess;
+}
