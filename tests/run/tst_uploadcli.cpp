@@ -1,0 +1,199 @@
+// pelicane-cli upload against the local service: arguments and exit
+// status, a dry run that uploads nothing, a run with playlist and tag, a
+// second run that skips everything, re-uploads, and a run stopped by 50
+// failures in a row.
+#include "musicfolder.h"
+#include "runsupport.h"
+
+#include "support/devserverprocess.h"
+
+#include <QJsonArray>
+#include <QProcess>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+struct CliResult
+{
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+} // namespace
+
+class TestUploadCli : public QObject
+{
+    Q_OBJECT
+
+    DevServerProcess m_server;
+    QTemporaryDir m_files;
+
+    CliResult run(const QStringList &args, const QString &email = QString::fromLatin1(DevServerProcess::kDemoEmail),
+                  const QString &password = QString::fromLatin1(DevServerProcess::kDemoPassword))
+    {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PELICANE_EMAIL"), email);
+        environment.insert(QStringLiteral("PELICANE_PASSWORD"), password);
+        process.setProcessEnvironment(environment);
+        process.setStandardInputFile(QProcess::nullDevice());
+        process.start(QStringLiteral(PELICANE_CLI_PATH), QStringList{QStringLiteral("upload")} + args);
+        CliResult result;
+        if (!process.waitForFinished(240000)) {
+            process.kill();
+            process.waitForFinished();
+            return result;
+        }
+        result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        result.out = QString::fromUtf8(process.readAllStandardOutput());
+        result.err = QString::fromUtf8(process.readAllStandardError());
+        return result;
+    }
+
+    qint64 uploadRequests() const { return m_server.requestCounts().value(QStringLiteral("upload")).toInteger(); }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+        QVERIFY(m_files.isValid());
+    }
+
+    void wrongArgumentsAreRefused()
+    {
+        const QString folder = m_files.filePath(QStringLiteral("empty"));
+        QVERIFY(QDir().mkpath(folder));
+        const struct
+        {
+            QStringList args;
+            QString message;
+        } cases[] = {
+            {{}, QStringLiteral("no folder given")},
+            {{QStringLiteral("--threads"), QStringLiteral("9"), folder},
+             QStringLiteral("--threads must be a number from 1 to 6")},
+            {{QStringLiteral("--threads=two"), folder}, QStringLiteral("--threads must be a number from 1 to 6")},
+            {{QStringLiteral("--fast"), folder}, QStringLiteral("unknown option --fast")},
+            {{QStringLiteral("--playlist")}, QStringLiteral("--playlist needs a value")},
+            {{m_files.filePath(QStringLiteral("missing"))}, QStringLiteral("no such file or folder")},
+        };
+        const qint64 requests = m_server.requestCounts().value(QStringLiteral("json")).toInteger();
+        for (const auto &c : cases) {
+            const CliResult result = run(c.args);
+            QCOMPARE(result.exitCode, 2);
+            QVERIFY2(result.err.contains(c.message), qPrintable(result.err));
+            QVERIFY(result.err.contains(QStringLiteral("Usage: pelicane-cli upload")));
+        }
+        // None of them signed in.
+        QCOMPARE(m_server.requestCounts().value(QStringLiteral("json")).toInteger(), requests);
+
+        const CliResult help = run({QStringLiteral("--help")});
+        QCOMPARE(help.exitCode, 0);
+        QVERIFY(help.out.contains(QStringLiteral("--dry-run")));
+        QVERIFY(help.out.contains(QStringLiteral("Exit status")));
+    }
+
+    void aWrongPasswordStartsNothing()
+    {
+        const QString folder = m_files.filePath(QStringLiteral("empty"));
+        QVERIFY(QDir().mkpath(folder));
+        const CliResult result =
+            run({folder}, QString::fromLatin1(DevServerProcess::kDemoEmail), QStringLiteral("not the password"));
+        QCOMPARE(result.exitCode, 3);
+        QVERIFY2(result.err.contains(QStringLiteral("Invalid e-mail address or password.")), qPrintable(result.err));
+    }
+
+    void dryRunThenUploadThenSkip()
+    {
+        const QString email = QStringLiteral("cli@lyrabox.test");
+        QVERIFY(m_server.createAccount(email, QStringLiteral("pw")));
+        MusicFolder music = MusicFolder::make(m_files.filePath(QStringLiteral("cli")), 8, 2000, 90000, 21);
+        // Three of them are in the library already.
+        QJsonArray seeded;
+        for (int i = 0; i < 3; ++i) {
+            seeded.append(QJsonObject{{"name", QFileInfo(music.paths[i]).fileName()}, {"path", music.paths[i]}});
+        }
+        QCOMPARE(m_server.seed(seeded, email).size(), 3);
+        const qint64 requests = uploadRequests();
+
+        const CliResult dry = run({QStringLiteral("--dry-run"), music.root}, email, QStringLiteral("pw"));
+        QCOMPARE(dry.exitCode, 0);
+        QVERIFY2(dry.out.contains(QStringLiteral("Would upload 5 of 8 files:")), qPrintable(dry.out));
+        for (int i = 0; i < 8; ++i) {
+            QCOMPARE(dry.out.contains(QStringLiteral("  ") + music.paths[i] + QLatin1Char('\n')), i >= 3);
+        }
+        QVERIFY(dry.out.contains(QStringLiteral("Already in the library: 3 files")));
+        QCOMPARE(uploadRequests(), requests);
+        QCOMPARE(m_server.library(email).value(QStringLiteral("files")).toArray().size(), 3);
+
+        const CliResult upload =
+            run({QStringLiteral("--playlist"), QStringLiteral("Road Trip"), QStringLiteral("--tag=cli"),
+                 QStringLiteral("--threads"), QStringLiteral("2"), music.root},
+                email, QStringLiteral("pw"));
+        QCOMPARE(upload.exitCode, 0);
+        QVERIFY2(upload.out.contains(QStringLiteral("Discovered: \t8 files\nUploaded: \t5 files\n"
+                                                    "Skipped: \t3 files (already uploaded)\nErrors: \t\t0 files\n")),
+                 qPrintable(upload.out));
+        const QJsonArray files = m_server.library(email).value(QStringLiteral("files")).toArray();
+        QCOMPARE(files.size(), 8);
+        QSet<QString> uploadedPaths;
+        for (const QJsonValue &value : files) {
+            const QJsonObject file = value.toObject();
+            if (file.value(QStringLiteral("playlist_name")).toString() == QLatin1String("Road Trip")) {
+                QCOMPARE(file.value(QStringLiteral("tag_name")).toString(), QStringLiteral("cli"));
+                uploadedPaths.insert(file.value(QStringLiteral("file_path")).toString());
+            }
+        }
+        QCOMPARE(uploadedPaths, QSet<QString>(music.paths.begin() + 3, music.paths.end()));
+        QCOMPARE(lastLogBlock(QStringLiteral("Starting Upload"), 9).mid(7),
+                 (QStringList{QStringLiteral(" - Playlist Name: Road Trip"), QStringLiteral(" - Tag Name: cli")}));
+
+        const CliResult again = run({music.root}, email, QStringLiteral("pw"));
+        QCOMPARE(again.exitCode, 0);
+        QVERIFY2(again.out.contains(QStringLiteral("Uploaded: \t0 files\nSkipped: \t8 files (already uploaded)\n")),
+                 qPrintable(again.out));
+
+        // --reupload sends them all once more.
+        const CliResult reupload = run({QStringLiteral("--reupload"), music.root}, email, QStringLiteral("pw"));
+        QCOMPARE(reupload.exitCode, 0);
+        QVERIFY2(reupload.out.contains(QStringLiteral("Uploaded: \t8 files\nSkipped: \t0 files")),
+                 qPrintable(reupload.out));
+        QCOMPARE(m_server.library(email).value(QStringLiteral("files")).toArray().size(), 16);
+    }
+
+    void failuresEndTheRunWithAnError()
+    {
+        const QString email = QStringLiteral("failing@lyrabox.test");
+        QVERIFY(m_server.createAccount(email, QStringLiteral("pw")));
+        const MusicFolder music = MusicFolder::make(m_files.filePath(QStringLiteral("failing")), 55, 100, 400, 33);
+
+        // A few failures: the run goes on to the end and reports them.
+        QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"count", 2}, {"status", 500}, {"message", "Disk full"}}));
+        const CliResult some =
+            run({QStringLiteral("--threads"), QStringLiteral("1"), music.root}, email, QStringLiteral("pw"));
+        QCOMPARE(some.exitCode, 1);
+        QVERIFY2(some.out.contains(QStringLiteral("Uploaded: \t53 files\n")), qPrintable(some.out));
+        QVERIFY(some.out.contains(QStringLiteral("Errors: \t\t2 files\n")));
+        QCOMPARE(some.out.count(QStringLiteral("  failed: ")), 2);
+        QCOMPARE(some.err.count(QStringLiteral(": Disk full")), 2);
+        QCOMPARE(m_server.library(email).value(QStringLiteral("files")).toArray().size(), 53);
+
+        // Every upload failing: 50 in a row stop the run with the message.
+        const QString other = QStringLiteral("failing2@lyrabox.test");
+        QVERIFY(m_server.createAccount(other, QStringLiteral("pw")));
+        QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"count", 0}, {"status", 500}}));
+        const CliResult all = run({music.root}, other, QStringLiteral("pw"));
+        QVERIFY(m_server.clearFaults());
+        QCOMPARE(all.exitCode, 1);
+        QVERIFY2(all.err.contains(QStringLiteral("10 files failed to upload in a row.")), qPrintable(all.err));
+        QVERIFY(all.err.contains(QStringLiteral("pelicane-cli: the run stopped: ")));
+        QVERIFY2(all.out.contains(QStringLiteral("Errors: \t\t50 files\n")), qPrintable(all.out));
+        QVERIFY(all.out.contains(QStringLiteral("Not uploaded: \t5 files")));
+        QCOMPARE(m_server.library(other).value(QStringLiteral("files")).toArray().size(), 0);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestUploadCli)
+#include "tst_uploadcli.moc"
