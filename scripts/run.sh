@@ -32,8 +32,8 @@ if [[ -x "$top/scripts/make-samples.sh" ]]; then
 fi
 
 if [[ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]]; then
-  echo "Sign in with the demo account, then choose $samples (or any folder) and upload."
-  "$build/src/app/pelicane" "$@"
+  echo "Sign in with the demo account; the folder page offers $samples: Search, then Upload."
+  "$build/src/app/pelicane" "$samples" "$@"
 else
   echo "No display: uploading $samples with pelicane-cli."
   PELICANE_EMAIL=demo@lyrabox.test PELICANE_PASSWORD=demo \

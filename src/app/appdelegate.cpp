@@ -69,6 +69,10 @@ void AppDelegate::showMainWindow()
     connect(m_mainWindowController, &MainWindowController::windowWillClose, qApp, &QCoreApplication::quit,
             Qt::QueuedConnection);
     m_mainWindowController->showWindow();
+    if (!m_startFolders.isEmpty()) {
+        m_mainWindowController->session()->setSearchFolderPath(m_startFolders);
+        m_mainWindowController->session()->updateSearchFolderPath();
+    }
 }
 
 void AppDelegate::applicationWillTerminate()

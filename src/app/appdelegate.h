@@ -24,6 +24,9 @@ public:
 
     // Creates and shows the main window; only the first call does anything.
     void showMainWindow();
+    // Folders named on the command line, offered on the folder page in place
+    // of the last one chosen.
+    void setStartFolders(const QStringList &folders) { m_startFolders = folders; }
 
     SplashWindowController *splashWindowController() const { return m_splashWindowController; }
     MainWindowController *mainWindowController() const { return m_mainWindowController; }
@@ -33,4 +36,5 @@ private:
 
     QPointer<SplashWindowController> m_splashWindowController;
     QPointer<MainWindowController> m_mainWindowController;
+    QStringList m_startFolders;
 };

@@ -1,6 +1,8 @@
 #include "app/appdelegate.h"
 #include "app/reportexceptionapplication.h"
 
+#include <QFileInfo>
+
 int main(int argc, char *argv[])
 {
     ReportExceptionApplication application(argc, argv);
@@ -12,6 +14,13 @@ int main(int argc, char *argv[])
 
     AppDelegate::installLogAlertHandler();
     AppDelegate delegate;
+    QStringList folders;
+    for (const QString &argument : application.arguments().mid(1)) {
+        if (QFileInfo::exists(argument)) {
+            folders.append(QFileInfo(argument).absoluteFilePath());
+        }
+    }
+    delegate.setStartFolders(folders);
     QObject::connect(&application, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
     delegate.applicationDidFinishLaunching();
     return application.exec();

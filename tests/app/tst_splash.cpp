@@ -3,6 +3,7 @@
 #include "app/splashwindowcontroller.h"
 #include "platform/appinfo.h"
 #include "platform/crashreporter.h"
+#include "session/sessionmodel.h"
 #include "session/ui/mainwindowcontroller.h"
 
 #include <QApplication>
@@ -10,6 +11,7 @@
 #include <QFile>
 #include <QMessageBox>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 
@@ -138,6 +140,23 @@ private slots:
         QVERIFY2(shownAt >= 3000, qPrintable(QString::number(shownAt)));
         QVERIFY(delegate.mainWindowController()->isVisible());
         QVERIFY(!delegate.splashWindowController()->isVisible());
+    }
+
+    void foldersFromTheCommandLineAreOffered()
+    {
+        QTemporaryDir first;
+        QTemporaryDir second;
+        AppDelegate delegate;
+        delegate.setStartFolders({first.path()});
+        delegate.showMainWindow();
+        SessionModel *session = delegate.mainWindowController()->session();
+        QCOMPARE(session->searchFolderPath(), QStringList{first.path()});
+        QCOMPARE(session->searchFolderPathText(), first.path());
+
+        AppDelegate two;
+        two.setStartFolders({first.path(), second.path()});
+        two.showMainWindow();
+        QCOMPARE(two.mainWindowController()->session()->searchFolderPathText(), QStringLiteral("Multiple Folders"));
     }
 };
 
