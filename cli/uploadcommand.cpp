@@ -7,6 +7,7 @@
 #include "cli/signin.h"
 #include "cli/uploadprogress.h"
 
+#include "app/logger.h"
 #include "cd/plcvolumetype.h"
 #include "platform/formatting.h"
 #include "service/lyraboxservice.h"
@@ -232,7 +233,9 @@ public:
         }
     }
 
-    void stopWaitingAnimation() override { m_reason.clear(); }
+    // The reason stays, so that the same step announced twice in a row (the
+    // list read, then the session check) shows once.
+    void stopWaitingAnimation() override {}
 
     std::function<void(const QString &message, const QString &informative)> onAlert;
 
@@ -480,6 +483,7 @@ int runUploadCommand(const QStringList &args)
     if (!stopReason.isEmpty()) {
         err << "pelicane-cli: the run stopped: " << stopReason << Qt::endl;
     }
+    err << "Log file: " << Logger::logFileURL().toLocalFile() << Qt::endl;
     if (exitStatus == ExitInterrupted) {
         return ExitInterrupted;
     }
