@@ -1,5 +1,6 @@
 #include "widgets/dragdropview.h"
 #include "widgets/progressindicator.h"
+#include "widgets/tabcolumnlabel.h"
 #include "widgets/viewex.h"
 
 #include <QApplication>
@@ -139,6 +140,31 @@ private slots:
         QApplication::sendEvent(&view, &refused);
         QVERIFY(!refused.isAccepted());
         QCOMPARE(dropped.size(), 1);
+    }
+
+    void tabColumnLabelsLineUpTheirValues()
+    {
+        // One tab after a long name, two after a short one: the value starts
+        // at the same column either way, and the text stays as set.
+        TabColumnLabel longName;
+        TabColumnLabel shortName;
+        longName.setText(QStringLiteral("Discovered: \t12 files"));
+        shortName.setText(QStringLiteral("Errors: \t\t12 files"));
+        for (TabColumnLabel *label : {&longName, &shortName}) {
+            label->fitColumnTo({QStringLiteral("Discovered:"), QStringLiteral("Errors:")});
+        }
+        QCOMPARE(shortName.text(), QStringLiteral("Errors: \t\t12 files"));
+        QCOMPARE(longName.column(), shortName.column());
+        QVERIFY(longName.column() > longName.fontMetrics().horizontalAdvance(QStringLiteral("Discovered:")));
+        QCOMPARE(longName.sizeHint().width(), shortName.sizeHint().width());
+
+        // A name wider than the column pushes its own value right, never
+        // drawing over it.
+        TabColumnLabel wide;
+        wide.setText(QStringLiteral("A much longer name than the others:\t1"));
+        wide.setColumn(10);
+        QVERIFY(wide.sizeHint().width() >
+                wide.fontMetrics().horizontalAdvance(QStringLiteral("A much longer name than the others:")));
     }
 };
 

@@ -4,12 +4,20 @@
 
 #include "session/ui/uploadlistpresenter.h"
 #include "ui_MainWindowController.h"
+#include "widgets/tabcolumnlabel.h"
 
 void MainWindowController::connectUploadPages()
 {
     m_ui->audioCDArtworkImageView->hide();
     m_ui->resultsRetryErrorsButton->hide();
     m_ui->uploadStateLabel2->hide();
+    // The result texts separate name and count by tabs; the counts line up
+    // in one column.
+    const QStringList names{QStringLiteral("Discovered:"), QStringLiteral("Uploaded:"), QStringLiteral("Skipped:"),
+                            QStringLiteral("Errors:")};
+    for (TabColumnLabel *label : {m_ui->discoveredLabel, m_ui->uploadedLabel, m_ui->skippedLabel, m_ui->errorsLabel}) {
+        label->fitColumnTo(names);
+    }
 
     connect(m_ui->beginUploadButton, &QPushButton::clicked, this, &MainWindowController::OnUploadFiles);
     connect(m_ui->uploadButton, &QPushButton::clicked, this, &MainWindowController::OnPauseUpload);
