@@ -108,7 +108,10 @@ qint64 UploadProgressMeter::secondsLeft() const
     if (bytesPerSecond <= 0) {
         return -1;
     }
-    return qint64(std::ceil(double(bytesRemaining()) / bytesPerSecond));
+    const qint64 seconds = qint64(std::ceil(double(bytesRemaining()) / bytesPerSecond));
+    // Files whose bytes are all sent still wait for their answers.
+    const bool filesLeft = !m_session->uploadingFiles().isEmpty() || !m_session->readyFiles().isEmpty();
+    return filesLeft ? std::max<qint64>(seconds, 1) : seconds;
 }
 
 QString UploadProgressMeter::formatBytes(double bytes)
