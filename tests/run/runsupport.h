@@ -1,108 +1,100 @@
 #pragma once
 
-#include "app/logger.h"
-#include "session/sessionprompter.h"
+#include "fingerprint/filehash.h"
+#include "support/sessiontesting.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QHash>
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QList>
-#include <QString>
-#include <QStringList>
+#include <QRandomGenerator>
+#include <QSet>
 
-#include <functional>
-
-// Answers the session's alerts from a script and records what was asked.
-class RunPrompter : public SessionPrompter
+// A folder of music files made for a test: every file's bytes are its own
+// (a header naming the file, then seeded noise), so every digest differs.
+struct MusicFolder
 {
-public:
-    struct Alert
-    {
-        QString message, informative;
-        QStringList buttons;
-    };
-    QList<Alert> alerts;
-    QList<int> answers;  // taken from the front; 1000 when empty
-    QStringList overlay; // "start:<reason>" / "stop"
-    bool alertVisible = false;
-    // Runs while an alert is "up", so tests can deliver callbacks meanwhile.
-    std::function<void()> whileAlertShows;
+    QString root;
+    QStringList paths;           // in the order they were made
+    QHash<QString, QString> md5; // path -> digest
+    qint64 totalBytes = 0;
 
-    int showAlertWithMessageText(const QString &messageText, const QString &informativeText,
-                                 const QString &defaultButton, const QString &alternateButton,
-                                 const QString &otherButton) override
+    // `count` files of sizes from minBytes to maxBytes in a few sub-folders,
+    // with the service's extensions in turn.
+    static MusicFolder make(const QString &root, int count, qint64 minBytes, qint64 maxBytes, quint32 seed)
     {
-        QStringList buttons;
-        for (const QString &b : {defaultButton, alternateButton, otherButton}) {
-            if (!b.isEmpty()) {
-                buttons << b;
+        static const QStringList extensions{"mp3", "flac", "m4a", "ogg", "wav", "MP3"};
+        MusicFolder folder;
+        folder.root = root;
+        QRandomGenerator random(seed);
+        for (int i = 0; i < count; ++i) {
+            const QString path = QStringLiteral("%1/Artist %2/Album %3/%4 Track %5.%6")
+                                     .arg(root)
+                                     .arg(i % 7)
+                                     .arg(i % 3)
+                                     .arg(i, 3, 10, QLatin1Char('0'))
+                                     .arg(seed)
+                                     .arg(extensions.at(i % extensions.size()));
+            QByteArray bytes = "test music " + path.toUtf8() + '\n';
+            const qint64 size = minBytes + qint64(random.bounded(quint64(maxBytes - minBytes + 1)));
+            const qsizetype header = bytes.size();
+            bytes.append(QByteArray(std::max<qint64>(size - header, 0), '\0'));
+            random.fillRange(reinterpret_cast<quint32 *>(bytes.data() + header), (bytes.size() - header) / 4);
+            folder.write(path, bytes.left(size), size);
+        }
+        return folder;
+    }
+
+    // A large file written sparse (header, hole, tail): quick to make, with a
+    // digest of its own.
+    void addSparse(const QString &path, qint64 size)
+    {
+        const QByteArray header = "sparse test file " + path.toUtf8();
+        write(path, header, size, header);
+    }
+
+    void write(const QString &path, const QByteArray &bytes, qint64 size, const QByteArray &tail = {})
+    {
+        QDir().mkpath(QFileInfo(path).path());
+        QFile file(path);
+        if (file.open(QIODevice::WriteOnly)) {
+            file.write(bytes);
+            file.resize(size);
+            if (!tail.isEmpty() && file.seek(size - tail.size())) {
+                file.write(tail);
             }
         }
-        alerts.append({messageText, informativeText, buttons});
-        if (whileAlertShows) {
-            alertVisible = true;
-            auto during = std::exchange(whileAlertShows, {});
-            during();
-            alertVisible = false;
-        }
-        return answers.isEmpty() ? kAlertFirstButtonReturn : answers.takeFirst();
+        file.close();
+        paths.append(path);
+        md5.insert(path, FileHash::md5HashOfFileAtPath(path).value_or(QString()));
+        totalBytes += size;
     }
-    bool hasVisibleAlert() const override { return alertVisible; }
-    void startWaitingAnimation(const QString &reason) override { overlay << QStringLiteral("start:") + reason; }
-    void stopWaitingAnimation() override { overlay << QStringLiteral("stop"); }
 
-    QStringList alertTitles() const
+    QStringList digests(const QStringList &of) const
     {
-        QStringList titles;
-        for (const Alert &alert : alerts) {
-            titles << alert.message;
+        QStringList result;
+        for (const QString &path : of) {
+            result << md5.value(path);
         }
-        return titles;
+        result.sort();
+        return result;
     }
 };
 
-// The log's lines without their date prefix ("yyyy-MM-dd HH:mm:ss +0000: ").
-inline QStringList logLines()
+// One field of every stored file of a library answer (DevServerProcess::library()), sorted.
+inline QStringList libraryField(const QJsonObject &library, const QString &field = QStringLiteral("md5"))
 {
-    QFile file(Logger::logFileURL().toLocalFile());
-    if (!file.open(QIODevice::ReadOnly)) {
-        return {};
-    }
-    QStringList lines;
-    for (const QByteArray &line : file.readAll().split('\n')) {
-        if (line.size() > 27) {
-            lines << QString::fromUtf8(line.mid(27));
-        }
-    }
-    return lines;
-}
-
-// The lines of the last block that starts with `first` and has `count` lines.
-inline QStringList lastLogBlock(const QString &first, int count)
-{
-    const QStringList lines = logLines();
-    const qsizetype start = lines.lastIndexOf(first);
-    if (start < 0) {
-        return {};
-    }
-    return lines.mid(start, count);
-}
-
-// The stored files of a library answer (DevServerProcess::library()) by digest.
-inline QStringList libraryDigests(const QJsonObject &library)
-{
-    QStringList digests;
+    QStringList values;
     for (const QJsonValue &file : library.value(QStringLiteral("files")).toArray()) {
-        digests << file.toObject().value(QStringLiteral("md5")).toString();
+        values << file.toObject().value(field).toString();
     }
-    return digests;
+    values.sort();
+    return values;
 }
 
-inline QStringList libraryFilePaths(const QJsonObject &library)
+inline QSet<QString> toSet(const QStringList &list)
 {
-    QStringList paths;
-    for (const QJsonValue &file : library.value(QStringLiteral("files")).toArray()) {
-        paths << file.toObject().value(QStringLiteral("file_path")).toString();
-    }
-    return paths;
+    return QSet<QString>(list.begin(), list.end());
 }
