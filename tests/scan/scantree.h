@@ -1,13 +1,14 @@
 #pragma once
 
-// Helpers of the scan tests: building real folder trees, including folders
-// that the walk cannot read even when the tests run as root.
+// Real folder trees for the scan tests, including folders the walk cannot
+// read even when the tests run as root.
 
-#include <QByteArray>
+#include "support/sessiontesting.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QString>
+#include <QProcess>
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -30,10 +31,8 @@ inline bool makeLink(const QString &target, const QString &link)
 }
 
 // A chain of folders below parent whose full path grows past PATH_MAX, so
-// opening the deepest ones fails with "File name too long" for every user,
-// root included. The walk hits exactly one error in it: at the first folder
-// too long to open, whose contents it then cannot see. Returns that folder's
-// path (longer than any path the system accepts).
+// the walk fails to open exactly one of them ("File name too long", root
+// included). Returns that folder's path.
 inline QString makeTooDeepFolder(const QString &parent, const QString &name)
 {
     const QByteArray component(200, 'd');
@@ -62,30 +61,30 @@ inline QString makeTooDeepFolder(const QString &parent, const QString &name)
     return QFile::decodeName(firstTooLong);
 }
 
+// Removes a tree, however deep (rm works below PATH_MAX with relative opens).
+inline void removeTree(const QString &path)
+{
+    QProcess::execute(QStringLiteral("rm"), {QStringLiteral("-rf"), path});
+}
+
 // While alive, the calling thread obeys file permissions even as root (it
-// gives up the capabilities that override them), so a folder with mode 000
-// cannot be read. Other threads keep theirs.
+// gives up the capabilities that override them). Other threads keep theirs.
 class ObeyFilePermissions
 {
 public:
     ObeyFilePermissions()
     {
-        if (::geteuid() != 0) {
-            return;
-        }
-        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-        if (::syscall(SYS_capget, &header, m_saved) != 0) {
+        if (::geteuid() != 0 || ::syscall(SYS_capget, &m_header, m_saved) != 0) {
             return;
         }
         __user_cap_data_struct lowered[2] = {m_saved[0], m_saved[1]};
         lowered[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
-        m_lowered = ::syscall(SYS_capset, &header, lowered) == 0;
+        m_lowered = ::syscall(SYS_capset, &m_header, lowered) == 0;
     }
     ~ObeyFilePermissions()
     {
         if (m_lowered) {
-            __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-            ::syscall(SYS_capset, &header, m_saved);
+            ::syscall(SYS_capset, &m_header, m_saved);
         }
     }
     ObeyFilePermissions(const ObeyFilePermissions &) = delete;
@@ -95,22 +94,9 @@ public:
     bool isEffective() const { return ::geteuid() != 0 || m_lowered; }
 
 private:
+    __user_cap_header_struct m_header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct m_saved[2] = {};
     bool m_lowered = false;
 };
-
-} // namespace ScanTree
-
-#include <QProcess>
-
-namespace ScanTree {
-
-// Removes a tree, however deep (rm works below PATH_MAX with relative opens).
-inline void removeTree(const QString &path)
-{
-    if (!path.isEmpty()) {
-        QProcess::execute(QStringLiteral("rm"), {QStringLiteral("-rf"), path});
-    }
-}
 
 } // namespace ScanTree

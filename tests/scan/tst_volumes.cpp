@@ -38,83 +38,63 @@ private slots:
         QVERIFY(std::any_of(mine.begin(), mine.end(), [](const MountedVolume &v) { return v.mountPoint == "/"; }));
     }
 
-    void containingVolumeIsTheLongestMountPoint()
+    void containingAndRemovableVolumes()
     {
-        const QList<MountedVolume> volumes{
-            {QStringLiteral("/"), QStringLiteral("/dev/sda1"), QStringLiteral("ext4")},
-            {QStringLiteral("/media/x"), QStringLiteral("/dev/sdb1"), QStringLiteral("vfat")},
-            {QStringLiteral("/media/x"), QStringLiteral("/dev/sdc1"), QStringLiteral("vfat")},
-            {QStringLiteral("/media/x/inner"), QStringLiteral("/dev/sdd1"), QStringLiteral("vfat")}};
-        QCOMPARE(Volumes::volumeContainingPath(QStringLiteral("/media/x/a.mp3"), volumes)->source,
-                 QStringLiteral("/dev/sdc1")); // mounted over the first
-        QCOMPARE(Volumes::volumeContainingPath(QStringLiteral("/media/x/inner/../a.mp3"), volumes)->source,
-                 QStringLiteral("/dev/sdc1"));
-        QCOMPARE(Volumes::volumeContainingPath(QStringLiteral("/media/x/inner"), volumes)->source,
-                 QStringLiteral("/dev/sdd1"));
-        QCOMPARE(Volumes::volumeContainingPath(QStringLiteral("/media/xy/a.mp3"), volumes)->source,
-                 QStringLiteral("/dev/sda1"));
-        QVERIFY(!Volumes::volumeContainingPath(QStringLiteral("relative/a.mp3"), volumes));
-    }
+        const auto volume = [](const char *mountPoint, const char *source) {
+            return MountedVolume{QString::fromUtf8(mountPoint), QString::fromUtf8(source), QStringLiteral("ext4")};
+        };
+        const QList<MountedVolume> volumes{volume("/", "/dev/sda1"),         volume("/media/x", "/dev/sdb1"),
+                                           volume("/media/x", "/dev/sdc1"),  volume("/media/x/inner", "/dev/sdd1"),
+                                           volume("/mnt", "/dev/sde1"),      volume("/run/media/anna/USB", "/dev/sdf1"),
+                                           volume("/srv/media", "/dev/sdg1")};
+        // The longest mount point wins; of two on one point, the later (mounted over the first).
+        const auto source = [&](const char *path) {
+            const auto found = Volumes::volumeContainingPath(QString::fromUtf8(path), volumes);
+            return found ? found->source : QString();
+        };
+        QCOMPARE(source("/media/x/a.mp3"), QStringLiteral("/dev/sdc1"));
+        QCOMPARE(source("/media/x/inner/../a.mp3"), QStringLiteral("/dev/sdc1"));
+        QCOMPARE(source("/media/x/inner"), QStringLiteral("/dev/sdd1"));
+        QCOMPARE(source("/media/xy/a.mp3"), QStringLiteral("/dev/sda1"));
+        QCOMPARE(source("relative/a.mp3"), QString());
 
-    void removableVolumesByPlainPrefix()
-    {
-        const QList<MountedVolume> volumes{
-            {QStringLiteral("/"), QStringLiteral("/dev/sda1"), QStringLiteral("ext4")},
-            {QStringLiteral("/mnt"), QStringLiteral("/dev/sde1"), QStringLiteral("ext4")},
-            {QStringLiteral("/media/Music"), QStringLiteral("/dev/sdb1"), QStringLiteral("vfat")},
-            {QStringLiteral("/run/media/anna/USB"), QStringLiteral("/dev/sdc1"), QStringLiteral("exfat")},
-            {QStringLiteral("/srv/media"), QStringLiteral("/dev/sdd1"), QStringLiteral("ext4")}};
-        QVERIFY(Volumes::isOnRemovableVolume(QStringLiteral("/media/Music/a.flac"), volumes));
-        // A text prefix, not a folder test: a sibling whose name starts alike counts.
-        QVERIFY(Volumes::isOnRemovableVolume(QStringLiteral("/media/Music2/a.flac"), volumes));
+        // Removable by a plain text prefix, not a folder test: a sibling whose name starts alike counts.
+        QVERIFY(Volumes::isOnRemovableVolume(QStringLiteral("/media/x2/a.flac"), volumes));
         QVERIFY(Volumes::isOnRemovableVolume(QStringLiteral("/run/media/anna/USB/b.mp3"), volumes));
         // "/mnt" itself is no removable mount point, nor "/" nor one elsewhere.
         QVERIFY(!Volumes::isOnRemovableVolume(QStringLiteral("/mnt/data/a.mp3"), volumes));
         QVERIFY(!Volumes::isOnRemovableVolume(QStringLiteral("/srv/media/a.mp3"), volumes));
         QVERIFY(!Volumes::isOnRemovableVolume(QStringLiteral("/home/anna/a.mp3"), volumes));
-
         QVERIFY(!PLCVolumeType::isExternalDrive(QUrl(QStringLiteral("https://example.com/media/a.mp3"))));
         QVERIFY(!PLCVolumeType::isExternalDrive(QUrl::fromLocalFile(QDir::tempPath() + QStringLiteral("/a.mp3"))));
     }
 
     void drivesFromUdevProperties()
     {
-        const QHash<QString, QString> audioCD{
-            {QStringLiteral("ID_CDROM"), QStringLiteral("1")},
-            {QStringLiteral("ID_CDROM_MEDIA"), QStringLiteral("1")},
-            {QStringLiteral("ID_CDROM_MEDIA_CD_R"), QStringLiteral("1")},
-            {QStringLiteral("ID_CDROM_MEDIA_TRACK_COUNT_AUDIO"), QStringLiteral("12")},
-            {QStringLiteral("ID_CDROM_MEDIA_TRACK_COUNT_DATA"), QStringLiteral("1")}};
-        const auto drive = Volumes::opticalDriveFromProperties(QStringLiteral("/dev/sr0"), audioCD);
-        QVERIFY(drive);
-        QCOMPARE(drive->mediaType(), QStringLiteral("CD-ROM"));
-        QCOMPARE(drive->audioTrackCount, 12);
-        QCOMPARE(drive->dataTrackCount, 1);
-        QVERIFY(drive->holdsAudioCD());
-
-        const auto dvd = Volumes::opticalDriveFromProperties(
-            QStringLiteral("/dev/sr1"), {{QStringLiteral("ID_CDROM"), QStringLiteral("1")},
-                                         {QStringLiteral("ID_CDROM_MEDIA"), QStringLiteral("1")},
-                                         {QStringLiteral("ID_CDROM_MEDIA_DVD"), QStringLiteral("1")},
-                                         {QStringLiteral("ID_CDROM_MEDIA_CD"), QStringLiteral("0")}});
+        // "KEY=value KEY=value ..." as udev lists a device's properties.
+        const auto drive = [](const char *properties) {
+            QHash<QString, QString> hash;
+            for (const QString &pair : QString::fromLatin1(properties).split(QLatin1Char(' '))) {
+                hash.insert(pair.section(QLatin1Char('='), 0, 0), pair.section(QLatin1Char('='), 1));
+            }
+            return Volumes::opticalDriveFromProperties(QStringLiteral("/dev/sr0"), hash);
+        };
+        const auto audioCD = drive("ID_CDROM=1 ID_CDROM_MEDIA=1 ID_CDROM_MEDIA_CD_R=1 "
+                                   "ID_CDROM_MEDIA_TRACK_COUNT_AUDIO=12 ID_CDROM_MEDIA_TRACK_COUNT_DATA=1");
+        QVERIFY(audioCD);
+        QCOMPARE(audioCD->mediaType(), QStringLiteral("CD-ROM"));
+        QCOMPARE(audioCD->audioTrackCount, 12);
+        QCOMPARE(audioCD->dataTrackCount, 1);
+        QVERIFY(audioCD->holdsAudioCD());
+        const auto dvd = drive("ID_CDROM=1 ID_CDROM_MEDIA=1 ID_CDROM_MEDIA_DVD=1 ID_CDROM_MEDIA_CD=0");
         QCOMPARE(dvd->mediaType(), QStringLiteral("DVD-ROM"));
         QVERIFY(!dvd->holdsAudioCD());
-
         // A drive that can play CDs but holds nothing, and a data CD.
-        const auto empty = Volumes::opticalDriveFromProperties(
-            QStringLiteral("/dev/sr2"),
-            {{QStringLiteral("ID_CDROM"), QStringLiteral("1")}, {QStringLiteral("ID_CDROM_CD"), QStringLiteral("1")}});
-        QVERIFY(empty->mediaType().isEmpty());
-        const auto data = Volumes::opticalDriveFromProperties(
-            QStringLiteral("/dev/sr3"), {{QStringLiteral("ID_CDROM"), QStringLiteral("1")},
-                                         {QStringLiteral("ID_CDROM_MEDIA"), QStringLiteral("1")},
-                                         {QStringLiteral("ID_CDROM_MEDIA_CD"), QStringLiteral("1")},
-                                         {QStringLiteral("ID_CDROM_MEDIA_TRACK_COUNT_DATA"), QStringLiteral("1")}});
+        QVERIFY(drive("ID_CDROM=1 ID_CDROM_CD=1")->mediaType().isEmpty());
+        const auto data = drive("ID_CDROM=1 ID_CDROM_MEDIA=1 ID_CDROM_MEDIA_CD=1 ID_CDROM_MEDIA_TRACK_COUNT_DATA=1");
         QCOMPARE(data->mediaType(), QStringLiteral("CD-ROM"));
         QVERIFY(!data->holdsAudioCD());
-
-        QVERIFY(!Volumes::opticalDriveFromProperties(QStringLiteral("/dev/sda"),
-                                                     {{QStringLiteral("ID_TYPE"), QStringLiteral("disk")}}));
+        QVERIFY(!drive("ID_TYPE=disk"));
         // Whatever this machine has, listing its drives works.
         QString message;
         QVERIFY2(Volumes::opticalDrives(&message).has_value(), qPrintable(message));
