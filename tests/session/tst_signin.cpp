@@ -1,13 +1,12 @@
 #include "alertdriver.h"
 
-#include "app/logger.h"
 #include "platform/settings.h"
 #include "service/lyraboxservice.h"
 #include "session/ui/mainwindowcontroller.h"
 #include "support/devserverprocess.h"
+#include "support/sessiontesting.h"
 #include "ui_MainWindowController.h"
 
-#include <QFile>
 #include <QTest>
 
 namespace {
@@ -26,8 +25,7 @@ QString demoPassword()
 
 bool logHas(const QString &message)
 {
-    QFile file(Logger::logFileURL().toLocalFile());
-    return file.open(QIODevice::ReadOnly) && file.readAll().contains((": " + message + "\n").toUtf8());
+    return logLines().contains(message);
 }
 
 } // namespace
