@@ -33,265 +33,221 @@ class TestPLCAudioCDProcessor : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void discImageRegistry();
-    void opensAnInsertedImage();
-    void openingFailures();
-    void reopeningReplacesTheHandle();
-    void audioCheckAcceptsEveryCDMode();
-    void nonCDModeIsRefusedAndKeepsTheHandle();
-    void ejectingImages();
-    void ejectCodes_data();
-    void ejectCodes();
-
 private:
     QTemporaryDir m_dir;
     DiscImage m_audio;
     DiscImage m_fromTwo;
     DiscImage m_dataOnly;
     DiscImage m_mixed;
-};
 
-void TestPLCAudioCDProcessor::initTestCase()
-{
-    QVERIFY(m_dir.isValid());
-    m_audio = DiscImage::create(m_dir.path(), QStringLiteral("audio"), DiscImage::standardOptions());
-    DiscImage::Options fromTwo = DiscImage::audioOptions({100, 100});
-    fromTwo.firstTrackNumber = 2;
-    m_fromTwo = DiscImage::create(m_dir.path(), QStringLiteral("fromtwo"), fromTwo);
-    DiscImage::Options dataOnly = DiscImage::audioOptions({300});
-    dataOnly.tracks[0].data = true;
-    m_dataOnly = DiscImage::create(m_dir.path(), QStringLiteral("dataonly"), dataOnly);
-    DiscImage::Options mixed = DiscImage::audioOptions({300, 200});
-    mixed.tracks[0].data = true;
-    m_mixed = DiscImage::create(m_dir.path(), QStringLiteral("mixed"), mixed);
-    QVERIFY(m_audio.isValid() && m_fromTwo.isValid() && m_dataOnly.isValid() && m_mixed.isValid());
-}
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        m_audio = DiscImage::create(m_dir.path(), QStringLiteral("audio"), DiscImage::standardOptions());
+        DiscImage::Options fromTwo = DiscImage::audioOptions({100, 100});
+        fromTwo.firstTrackNumber = 2;
+        m_fromTwo = DiscImage::create(m_dir.path(), QStringLiteral("fromtwo"), fromTwo);
+        DiscImage::Options dataOnly = DiscImage::audioOptions({300});
+        dataOnly.tracks[0].data = true;
+        m_dataOnly = DiscImage::create(m_dir.path(), QStringLiteral("dataonly"), dataOnly);
+        DiscImage::Options mixed = DiscImage::audioOptions({300, 200});
+        mixed.tracks[0].data = true;
+        m_mixed = DiscImage::create(m_dir.path(), QStringLiteral("mixed"), mixed);
+        QVERIFY(m_audio.isValid() && m_fromTwo.isValid() && m_dataOnly.isValid() && m_mixed.isValid());
+    }
 
-void TestPLCAudioCDProcessor::init()
-{
-    DiscImages::clear();
-    PLCAudioCDProcessor::closeDevice();
-    PLCAudioCDProcessor::setDiscModeReader(nullptr);
-}
+    void init()
+    {
+        DiscImages::clear();
+        PLCAudioCDProcessor::closeDevice();
+        PLCAudioCDProcessor::setDiscModeReader(nullptr);
+    }
 
-void TestPLCAudioCDProcessor::cleanup()
-{
-    init();
-}
+    void cleanup() { init(); }
 
-void TestPLCAudioCDProcessor::discImageRegistry()
-{
-    const QString cue = m_audio.cuePath();
-    QVERIFY(!DiscImages::insert(m_audio.binPath()));
-    QVERIFY(!DiscImages::insert(m_dir.filePath(QStringLiteral("missing.cue"))));
-    QVERIFY(!DiscImages::insert(QString()));
-    QVERIFY(DiscImages::insert(cue));
-    QVERIFY(DiscImages::insert(cue));
-    // Stored absolute and clean, so another spelling is the same image.
-    const QString relative = QDir::current().relativeFilePath(cue);
-    QVERIFY(DiscImages::insert(relative));
-    QVERIFY(DiscImages::insert(m_dir.path() + QStringLiteral("/./") + QFileInfo(m_mixed.cuePath()).fileName()));
-    QCOMPARE(DiscImages::list(), (QStringList{cue, m_mixed.cuePath()}));
-    QVERIFY(DiscImages::contains(relative));
-    QVERIFY(DiscImages::eject(relative));
-    QVERIFY(!DiscImages::eject(cue));
-    QCOMPARE(DiscImages::list(), QStringList{m_mixed.cuePath()});
+    void discImageRegistry()
+    {
+        const QString cue = m_audio.cuePath();
+        QVERIFY(!DiscImages::insert(m_audio.binPath()));
+        QVERIFY(!DiscImages::insert(m_dir.filePath(QStringLiteral("missing.cue"))));
+        QVERIFY(DiscImages::insert(cue));
+        // Stored absolute and clean, so another spelling is the same image.
+        const QString relative = QDir::current().relativeFilePath(cue);
+        QVERIFY(DiscImages::insert(relative));
+        QVERIFY(DiscImages::insert(m_dir.path() + QStringLiteral("/./") + QFileInfo(m_mixed.cuePath()).fileName()));
+        QCOMPARE(DiscImages::list(), (QStringList{cue, m_mixed.cuePath()}));
+        QVERIFY(DiscImages::contains(relative));
+        QVERIFY(DiscImages::eject(relative));
+        QVERIFY(!DiscImages::eject(cue));
+        QCOMPARE(DiscImages::list(), QStringList{m_mixed.cuePath()});
 
-    // Threads inserting and ejecting at once leave a consistent list.
-    const QStringList images{m_audio.cuePath(), m_fromTwo.cuePath(), m_dataOnly.cuePath()};
-    QList<QThread *> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.append(QThread::create([images, t] {
-            for (int i = 0; i < 500; ++i) {
-                const QString &image = images.at((i + t) % images.size());
-                DiscImages::insert(image);
-                DiscImages::contains(image);
-                DiscImages::list();
-                if (i % 3 == 0) {
-                    DiscImages::eject(image);
+        // Threads inserting and ejecting at once leave a consistent list.
+        const QStringList images{m_audio.cuePath(), m_fromTwo.cuePath(), m_dataOnly.cuePath()};
+        QList<QThread *> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.append(QThread::create([images, t] {
+                for (int i = 0; i < 500; ++i) {
+                    const QString &image = images.at((i + t) % images.size());
+                    DiscImages::insert(image);
+                    DiscImages::contains(image);
+                    DiscImages::list();
+                    if (i % 3 == 0) {
+                        DiscImages::eject(image);
+                    }
                 }
-            }
-            DiscImages::insert(images.at(t % images.size()));
-        }));
-        threads.last()->start();
+                DiscImages::insert(images.at(t % images.size()));
+            }));
+            threads.last()->start();
+        }
+        for (QThread *thread : threads) {
+            QVERIFY(thread->wait(60000));
+            delete thread;
+        }
+        const QStringList list = DiscImages::list();
+        QCOMPARE(QSet<QString>(list.begin(), list.end()).size(), list.size());
+        for (const QString &image : images) {
+            QVERIFY(list.contains(image));
+        }
     }
-    for (QThread *thread : threads) {
-        QVERIFY(thread->wait(60000));
-        delete thread;
+
+    void opensAnInsertedImage()
+    {
+        QVERIFY(DiscImages::insert(m_audio.cuePath()));
+        QVERIFY(DiscImages::insert(m_fromTwo.cuePath()));
+        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
+        CdIo_t *handle = PLCAudioCDProcessor::cdio();
+        QVERIFY(handle);
+        QCOMPARE(PLCAudioCDProcessor::deviceName(), m_audio.cuePath());
+        QVERIFY(PLCAudioCDProcessor::isDiscImageOpen());
+        QCOMPARE(int(cdio_get_num_tracks(handle)), 3);
+        QCOMPARE(cdio_get_discmode(handle), CDIO_DISC_MODE_CD_DA);
+        QCOMPARE(cdio_get_track_lsn(handle, CDIO_CDROM_LEADOUT_TRACK), lsn_t(m_audio.totalSectors()));
+
+        // The chosen image is opened, not merely the first in the list.
+        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_fromTwo.cuePath()));
+        QCOMPARE(PLCAudioCDProcessor::deviceName(), m_fromTwo.cuePath());
+        QCOMPARE(int(cdio_get_first_track_num(PLCAudioCDProcessor::cdio())), 2);
+        QCOMPARE(int(cdio_get_num_tracks(PLCAudioCDProcessor::cdio())), 2);
+
+        // A failed opening still releases the old handle first.
+        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_dir.path()), QStringLiteral("Path is not a CD"));
+        QVERIFY(!PLCAudioCDProcessor::cdio());
+        QVERIFY(!PLCAudioCDProcessor::isDiscImageOpen());
     }
-    const QStringList list = DiscImages::list();
-    QCOMPARE(QSet<QString>(list.begin(), list.end()).size(), list.size());
-    for (const QString &image : images) {
-        QVERIFY(list.contains(image));
+
+    void openingFailures()
+    {
+        // Not a disc at all.
+        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.binPath()),
+                           QStringLiteral("Path is not a CD"));
+        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(QString()), QStringLiteral("Path is not a CD"));
+        QVERIFY(!PLCAudioCDProcessor::cdio());
+
+        // A disc image that was never inserted is not among the candidates.
+        const QString missing =
+            machineHasDrives() ? QStringLiteral("No CD found") : QStringLiteral("No attached devices found");
+        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()), missing);
+        QVERIFY(DiscImages::insert(m_mixed.cuePath()));
+        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()), QStringLiteral("No CD found"));
+        QVERIFY(!PLCAudioCDProcessor::cdio());
+
+        // Inserted, but libcdio cannot open it: its .bin is gone.
+        QTemporaryDir broken;
+        const DiscImage image =
+            DiscImage::create(broken.path(), QStringLiteral("broken"), DiscImage::audioOptions({75}));
+        QVERIFY(QFile::remove(image.binPath()));
+        QVERIFY(DiscImages::insert(image.cuePath()));
+        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(image.cuePath()),
+                           QStringLiteral("No macOS driver found."));
+        QVERIFY(!PLCAudioCDProcessor::cdio());
+        QVERIFY(PLCAudioCDProcessor::deviceName().isEmpty());
     }
-}
 
-void TestPLCAudioCDProcessor::opensAnInsertedImage()
-{
-    QVERIFY(DiscImages::insert(m_audio.cuePath()));
-    QVERIFY(DiscImages::insert(m_fromTwo.cuePath()));
-    QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
-    CdIo_t *handle = PLCAudioCDProcessor::cdio();
-    QVERIFY(handle);
-    QCOMPARE(PLCAudioCDProcessor::deviceName(), m_audio.cuePath());
-    QVERIFY(PLCAudioCDProcessor::isDiscImageOpen());
-    QCOMPARE(int(cdio_get_num_tracks(handle)), 3);
-    QCOMPARE(cdio_get_discmode(handle), CDIO_DISC_MODE_CD_DA);
-    QCOMPARE(cdio_get_track_lsn(handle, CDIO_CDROM_LEADOUT_TRACK), lsn_t(m_audio.totalSectors()));
+    void audioCheckAcceptsEveryCDMode()
+    {
+        // A data-only CD and a mixed CD pass the lenient check.
+        QVERIFY(DiscImages::insert(m_dataOnly.cuePath()));
+        QVERIFY(DiscImages::insert(m_mixed.cuePath()));
+        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_dataOnly.cuePath()));
+        QCOMPARE(cdio_get_discmode(PLCAudioCDProcessor::cdio()), CDIO_DISC_MODE_CD_DATA);
+        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_mixed.cuePath()));
+        QCOMPARE(cdio_get_discmode(PLCAudioCDProcessor::cdio()), CDIO_DISC_MODE_CD_MIXED);
 
-    // The chosen image is opened, not merely the first in the list.
-    QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_fromTwo.cuePath()));
-    QCOMPARE(PLCAudioCDProcessor::deviceName(), m_fromTwo.cuePath());
-    QCOMPARE(int(cdio_get_first_track_num(PLCAudioCDProcessor::cdio())), 2);
-    QCOMPARE(int(cdio_get_num_tracks(PLCAudioCDProcessor::cdio())), 2);
-}
-
-void TestPLCAudioCDProcessor::openingFailures()
-{
-    // Not a disc at all.
-    verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_dir.path()), QStringLiteral("Path is not a CD"));
-    verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.binPath()), QStringLiteral("Path is not a CD"));
-    verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(QString()), QStringLiteral("Path is not a CD"));
-    QVERIFY(!PLCAudioCDProcessor::cdio());
-
-    // A disc image that was never inserted is not among the candidates.
-    const QString missing =
-        machineHasDrives() ? QStringLiteral("No CD found") : QStringLiteral("No attached devices found");
-    verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()), missing);
-    QVERIFY(DiscImages::insert(m_mixed.cuePath()));
-    verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()), QStringLiteral("No CD found"));
-    QVERIFY(!PLCAudioCDProcessor::cdio());
-
-    // Inserted, but libcdio cannot open it: its .bin is gone.
-    QTemporaryDir broken;
-    const DiscImage image = DiscImage::create(broken.path(), QStringLiteral("broken"), DiscImage::audioOptions({75}));
-    QVERIFY(QFile::remove(image.binPath()));
-    QVERIFY(DiscImages::insert(image.cuePath()));
-    verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(image.cuePath()),
-                       QStringLiteral("No macOS driver found."));
-    QVERIFY(!PLCAudioCDProcessor::cdio());
-    QVERIFY(PLCAudioCDProcessor::deviceName().isEmpty());
-}
-
-void TestPLCAudioCDProcessor::reopeningReplacesTheHandle()
-{
-    QVERIFY(DiscImages::insert(m_audio.cuePath()));
-    QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
-    QVERIFY(PLCAudioCDProcessor::cdio());
-    // A failed opening still releases the old handle first.
-    verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_dir.path()), QStringLiteral("Path is not a CD"));
-    QVERIFY(!PLCAudioCDProcessor::cdio());
-    QVERIFY(!PLCAudioCDProcessor::isDiscImageOpen());
-    QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
-    QCOMPARE(int(cdio_get_num_tracks(PLCAudioCDProcessor::cdio())), 3);
-}
-
-void TestPLCAudioCDProcessor::audioCheckAcceptsEveryCDMode()
-{
-    // A data-only CD and a mixed CD pass the lenient check.
-    QVERIFY(DiscImages::insert(m_dataOnly.cuePath()));
-    QVERIFY(DiscImages::insert(m_mixed.cuePath()));
-    QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_dataOnly.cuePath()));
-    QCOMPARE(cdio_get_discmode(PLCAudioCDProcessor::cdio()), CDIO_DISC_MODE_CD_DATA);
-    QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_mixed.cuePath()));
-    QCOMPARE(cdio_get_discmode(PLCAudioCDProcessor::cdio()), CDIO_DISC_MODE_CD_MIXED);
-
-    for (discmode_t mode : {CDIO_DISC_MODE_CD_DA, CDIO_DISC_MODE_CD_DATA, CDIO_DISC_MODE_CD_XA, CDIO_DISC_MODE_CD_MIXED,
-                            CDIO_DISC_MODE_NO_INFO}) {
-        QVERIFY2(!PLCAudioCDProcessor::checkAudioDisc(mode, 3), qPrintable(QString::number(mode)));
+        for (discmode_t mode : {CDIO_DISC_MODE_CD_DA, CDIO_DISC_MODE_CD_DATA, CDIO_DISC_MODE_CD_XA,
+                                CDIO_DISC_MODE_CD_MIXED, CDIO_DISC_MODE_NO_INFO}) {
+            QVERIFY2(!PLCAudioCDProcessor::checkAudioDisc(mode, 3), qPrintable(QString::number(mode)));
+        }
+        // A disc whose table of contents cannot be read passes whatever its mode.
+        QVERIFY(!PLCAudioCDProcessor::checkAudioDisc(CDIO_DISC_MODE_DVD_ROM, CDIO_INVALID_TRACK));
+        for (discmode_t mode : {CDIO_DISC_MODE_DVD_ROM, CDIO_DISC_MODE_DVD_R, CDIO_DISC_MODE_ERROR}) {
+            verifyOpeningError(PLCAudioCDProcessor::checkAudioDisc(mode, 1), QStringLiteral("CD is not an Audio CD"));
+        }
     }
-    // A disc whose table of contents cannot be read passes whatever its mode.
-    QVERIFY(!PLCAudioCDProcessor::checkAudioDisc(CDIO_DISC_MODE_DVD_ROM, CDIO_INVALID_TRACK));
-    for (discmode_t mode : {CDIO_DISC_MODE_DVD_ROM, CDIO_DISC_MODE_DVD_R, CDIO_DISC_MODE_ERROR}) {
-        verifyOpeningError(PLCAudioCDProcessor::checkAudioDisc(mode, 1), QStringLiteral("CD is not an Audio CD"));
+
+    void nonCDModeIsRefusedAndKeepsTheHandle()
+    {
+        QVERIFY(DiscImages::insert(m_audio.cuePath()));
+        CdIo_t *seen = nullptr;
+        PLCAudioCDProcessor::setDiscModeReader([&seen](CdIo_t *handle) {
+            seen = handle;
+            return CDIO_DISC_MODE_DVD_ROM;
+        });
+        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()),
+                           QStringLiteral("CD is not an Audio CD"));
+        // The refused disc's handle stays open for the next opening or eject.
+        QVERIFY(PLCAudioCDProcessor::cdio());
+        QCOMPARE(seen, PLCAudioCDProcessor::cdio());
+
+        PLCAudioCDProcessor::setDiscModeReader(nullptr);
+        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
     }
-}
 
-void TestPLCAudioCDProcessor::nonCDModeIsRefusedAndKeepsTheHandle()
-{
-    QVERIFY(DiscImages::insert(m_audio.cuePath()));
-    CdIo_t *seen = nullptr;
-    PLCAudioCDProcessor::setDiscModeReader([&seen](CdIo_t *handle) {
-        seen = handle;
-        return CDIO_DISC_MODE_DVD_ROM;
-    });
-    verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()),
-                       QStringLiteral("CD is not an Audio CD"));
-    // The refused disc's handle stays open for the next opening or eject.
-    QVERIFY(PLCAudioCDProcessor::cdio());
-    QCOMPARE(seen, PLCAudioCDProcessor::cdio());
+    void ejectingImages()
+    {
+        QVERIFY(DiscImages::insert(m_audio.cuePath()));
+        QVERIFY(DiscImages::insert(m_mixed.cuePath()));
+        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
 
-    PLCAudioCDProcessor::setDiscModeReader(nullptr);
-    QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
-}
+        // Ejecting another inserted image only takes that one out.
+        QVERIFY(!PLCAudioCDProcessor::eject(m_mixed.cuePath()));
+        QCOMPARE(DiscImages::list(), QStringList{m_audio.cuePath()});
+        QVERIFY(PLCAudioCDProcessor::cdio());
 
-void TestPLCAudioCDProcessor::ejectingImages()
-{
-    QVERIFY(DiscImages::insert(m_audio.cuePath()));
-    QVERIFY(DiscImages::insert(m_mixed.cuePath()));
-    QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
+        // Ejecting the open image destroys its handle, drops it from the volumes
+        // and is no error, although libcdio cannot eject an image.
+        QVERIFY(!PLCAudioCDProcessor::eject());
+        QVERIFY(!PLCAudioCDProcessor::cdio());
+        QVERIFY(PLCAudioCDProcessor::deviceName().isEmpty());
+        QVERIFY(DiscImages::list().isEmpty());
 
-    // Ejecting another inserted image only takes that one out.
-    QVERIFY(!PLCAudioCDProcessor::eject(m_mixed.cuePath()));
-    QCOMPARE(DiscImages::list(), QStringList{m_audio.cuePath()});
-    QVERIFY(PLCAudioCDProcessor::cdio());
-
-    // Ejecting the open image destroys its handle, drops it from the volumes
-    // and is no error, although libcdio cannot eject an image.
-    QVERIFY(!PLCAudioCDProcessor::eject());
-    QVERIFY(!PLCAudioCDProcessor::cdio());
-    QVERIFY(PLCAudioCDProcessor::deviceName().isEmpty());
-    QVERIFY(DiscImages::list().isEmpty());
-
-    // The same by its path.
-    QVERIFY(DiscImages::insert(m_mixed.cuePath()));
-    QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_mixed.cuePath()));
-    QVERIFY(!PLCAudioCDProcessor::eject(m_mixed.cuePath()));
-    QVERIFY(!PLCAudioCDProcessor::cdio());
-    QVERIFY(!DiscImages::contains(m_mixed.cuePath()));
-    // Once out, it cannot be opened again until inserted anew.
-    QVERIFY(PLCAudioCDProcessor::openDeviceForVolume(m_mixed.cuePath()).has_value());
-}
-
-void TestPLCAudioCDProcessor::ejectCodes_data()
-{
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QString>("message"); // null: no error
-    QTest::newRow("success") << 0 << QString();
-    QTest::newRow("positive") << 3 << QString();
-    QTest::newRow("-1") << -1 << QStringLiteral("Error");
-    QTest::newRow("-2") << -2 << QStringLiteral("Unsupported");
-    QTest::newRow("-3") << -3 << QStringLiteral("Uninit");
-    QTest::newRow("-4") << -4 << QStringLiteral("Not permitted");
-    QTest::newRow("-5") << -5 << QStringLiteral("Bad parameter");
-    QTest::newRow("-6") << -6 << QStringLiteral("Bad pointer");
-    QTest::newRow("-7") << -7 << QStringLiteral("No Driver");
-    QTest::newRow("-8") << -8 << QStringLiteral("MMC sense data");
-    QTest::newRow("-9") << -9 << QString();
-    QTest::newRow("far below") << -1000 << QString();
-}
-
-void TestPLCAudioCDProcessor::ejectCodes()
-{
-    QFETCH(int, code);
-    QFETCH(QString, message);
-    const OptionalError error = PLCAudioCDProcessor::errorForEjectCode(code);
-    if (message.isNull()) {
-        QVERIFY(!error);
-        return;
+        // The same by its path.
+        QVERIFY(DiscImages::insert(m_mixed.cuePath()));
+        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_mixed.cuePath()));
+        QVERIFY(!PLCAudioCDProcessor::eject(m_mixed.cuePath()));
+        QVERIFY(!PLCAudioCDProcessor::cdio());
+        QVERIFY(!DiscImages::contains(m_mixed.cuePath()));
+        // Once out, it cannot be opened again until inserted anew.
+        QVERIFY(PLCAudioCDProcessor::openDeviceForVolume(m_mixed.cuePath()).has_value());
     }
-    QVERIFY(error.has_value());
-    QCOMPARE(error->localizedDescription(), message);
-    // Made without a code, unlike the opening errors.
-    QCOMPARE(error->code(), 0);
-    // libcdio's own codes agree with the table.
-    QCOMPARE(int(DRIVER_OP_UNSUPPORTED), -2);
-    QCOMPARE(int(DRIVER_OP_MMC_SENSE_DATA), -8);
-}
+
+    void ejectCodes()
+    {
+        // libcdio's driver_return_code_t values; success and unknown codes are no error.
+        const QStringList messages{"Error",         "Unsupported", "Uninit",    "Not permitted",
+                                   "Bad parameter", "Bad pointer", "No Driver", "MMC sense data"};
+        QCOMPARE(int(DRIVER_OP_MMC_SENSE_DATA), -8);
+        for (int code : {0, 3, -9, -1000}) {
+            QVERIFY2(!PLCAudioCDProcessor::errorForEjectCode(code), qPrintable(QString::number(code)));
+        }
+        for (int i = 0; i < messages.size(); ++i) {
+            const OptionalError error = PLCAudioCDProcessor::errorForEjectCode(-1 - i);
+            QVERIFY(error.has_value());
+            QCOMPARE(error->localizedDescription(), messages[i]);
+            QCOMPARE(error->code(), 0); // made without a code, unlike the opening errors
+        }
+    }
+};
 
 QTEST_GUILESS_MAIN(TestPLCAudioCDProcessor)
 #include "tst_plcaudiocdprocessor.moc"
