@@ -73,62 +73,58 @@ class TestCrashReporter : public QObject
     }
 
 private slots:
-    void fatalSignal()
+    void crashesLeaveOneReport_data()
     {
+        QTest::addColumn<QString>("mode");
+        QTest::addColumn<int>("signal");
+        QTest::addColumn<QString>("reason"); // as the report and the log line name it
+        QTest::newRow("fatal signal") << QStringLiteral("segv") << int(SIGSEGV) << QStringLiteral("signal 11, SIGSEGV");
+        QTest::newRow("exception from an event handler")
+            << QStringLiteral("exception") << int(SIGABRT)
+            << QStringLiteral("uncaught exception: std::runtime_error: boom from an event handler");
+        QTest::newRow("exception nobody catches")
+            << QStringLiteral("terminate") << int(SIGABRT)
+            << QStringLiteral("uncaught exception: std::logic_error: nobody catches this");
+    }
+    void crashesLeaveOneReport()
+    {
+        QFETCH(QString, mode);
+        QFETCH(int, signal);
+        QFETCH(QString, reason);
         QTemporaryDir home;
         QVERIFY(home.isValid());
-        const Outcome outcome = crash(QStringLiteral("segv"), home);
+        const Outcome outcome = crash(mode, home);
 
         // The process died of the signal itself, not of an exit call.
         QCOMPARE(outcome.status, QProcess::CrashExit);
-        QCOMPARE(outcome.exitCode, SIGSEGV);
-        QVERIFY(outcome.report.startsWith(home.path() + QStringLiteral("/com.lyrabox.pelicane/Crashes/")));
-        QCOMPARE(QDir(home.path() + QStringLiteral("/com.lyrabox.pelicane/Crashes")).entryList(QDir::Files).size(), 1);
+        QCOMPARE(outcome.exitCode, signal);
+        const QString crashes = home.path() + QStringLiteral("/com.lyrabox.pelicane/Crashes");
+        QVERIFY(outcome.report.startsWith(crashes + QLatin1Char('/')));
+        QCOMPARE(QDir(crashes).entryList(QDir::Files).size(), 1);
         QVERIFY2(outcome.contents.startsWith(QStringLiteral("Pelicane for Mac v")), qPrintable(outcome.contents));
-        QVERIFY(outcome.contents.contains(QStringLiteral("Reason: signal 11, SIGSEGV\n")));
+        if (signal == SIGSEGV) {
+            QVERIFY(outcome.contents.contains(QStringLiteral("Reason: signal 11, SIGSEGV\n")));
+            // The helper's own frame is in the trace.
+            QVERIFY2(outcome.contents.contains(QStringLiteral("crashhelper")), qPrintable(outcome.contents));
+        } else {
+            QVERIFY(outcome.contents.contains(QStringLiteral("Reason: uncaught exception\n")));
+            QVERIFY2(outcome.contents.contains(QStringLiteral("Description: ") +
+                                               reason.mid(QStringLiteral("uncaught exception: ").size()) +
+                                               QLatin1Char('\n')),
+                     qPrintable(outcome.contents));
+        }
         checkBacktrace(outcome.contents);
-        // The helper's own frame is in the trace.
-        QVERIFY2(outcome.contents.contains(QStringLiteral("crashhelper")), qPrintable(outcome.contents));
-        QVERIFY(outcome.log.contains(QStringLiteral(": crash helper: segv\n")));
-        checkLogNames(outcome, QStringLiteral("signal 11, SIGSEGV)"));
-    }
-
-    void exceptionFromAnEventHandler()
-    {
-        QTemporaryDir home;
-        QVERIFY(home.isValid());
-        const Outcome outcome = crash(QStringLiteral("exception"), home);
-
-        QCOMPARE(outcome.status, QProcess::CrashExit);
-        QCOMPARE(outcome.exitCode, SIGABRT);
-        QCOMPARE(QDir(home.path() + QStringLiteral("/com.lyrabox.pelicane/Crashes")).entryList(QDir::Files).size(), 1);
-        QVERIFY(outcome.contents.contains(QStringLiteral("Reason: uncaught exception\n")));
-        QVERIFY2(
-            outcome.contents.contains(QStringLiteral("Description: std::runtime_error: boom from an event handler\n")),
-            qPrintable(outcome.contents));
-        checkBacktrace(outcome.contents);
-        // First the application's own line, then the reporter's line naming the report.
-        const qsizetype logged = outcome.log.indexOf(
-            QStringLiteral(": Uncaught exception: std::runtime_error: boom from an event handler\n"));
-        const qsizetype named = outcome.log.indexOf(QStringLiteral("Crash report written: ") + outcome.report);
-        QVERIFY2(logged > 0 && named > logged, qPrintable(outcome.log));
-        checkLogNames(outcome, QStringLiteral("uncaught exception: std::runtime_error: boom from an event handler)"));
-    }
-
-    void exceptionNobodyCatches()
-    {
-        QTemporaryDir home;
-        QVERIFY(home.isValid());
-        const Outcome outcome = crash(QStringLiteral("terminate"), home);
-
-        QCOMPARE(outcome.status, QProcess::CrashExit);
-        QCOMPARE(outcome.exitCode, SIGABRT);
-        QVERIFY2(outcome.contents.contains(QStringLiteral("Description: std::logic_error: nobody catches this\n")),
-                 qPrintable(outcome.contents));
-        checkBacktrace(outcome.contents);
+        QVERIFY(outcome.log.contains(QStringLiteral(": crash helper: %1\n").arg(mode)));
         // One report, not a second one from the abort that ends the process.
         QCOMPARE(outcome.log.count(QStringLiteral("Crash report written: ")), 1);
-        checkLogNames(outcome, QStringLiteral("uncaught exception: std::logic_error: nobody catches this)"));
+        checkLogNames(outcome, reason + QLatin1Char(')'));
+        if (mode == QLatin1String("exception")) {
+            // First the application's own line, then the reporter's line naming the report.
+            const qsizetype logged = outcome.log.indexOf(
+                QStringLiteral(": Uncaught exception: std::runtime_error: boom from an event handler\n"));
+            QVERIFY2(logged > 0 && outcome.log.indexOf(QStringLiteral("Crash report written: ")) > logged,
+                     qPrintable(outcome.log));
+        }
     }
 };
 
