@@ -40,11 +40,9 @@ private slots:
 
         const QImage stopped = back.grab().toImage();
         QVERIFY(!indicator.isAnimating());
-        for (int y = 0; y < stopped.height(); y += 4) {
-            for (int x = 0; x < stopped.width(); x += 4) {
-                QCOMPARE(stopped.pixelColor(x, y), QColor(Qt::black));
-            }
-        }
+        QImage black(stopped.size(), stopped.format());
+        black.fill(Qt::black);
+        QCOMPARE(stopped, black);
         indicator.startAnimation();
         QVERIFY(indicator.isAnimating());
         const QImage spinning = back.grab().toImage();
@@ -90,8 +88,6 @@ private slots:
         QVERIFY(QTest::qWaitForWindowExposed(&view));
         QVERIFY(view.acceptDrops());
         QVERIFY(view.label()->isHidden());
-        QCOMPARE(view.label()->text(), QStringLiteral("Drop Files Here"));
-        QCOMPARE(view.label()->font().pointSize(), 40);
 
         QMimeData files;
         files.setUrls({QUrl::fromLocalFile(QStringLiteral("/music/a b")), QUrl::fromLocalFile(QStringLiteral("/x.mp3")),
