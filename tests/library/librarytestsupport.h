@@ -2,7 +2,6 @@
 
 #include "support/devserverprocess.h"
 
-#include <QHash>
 #include <QString>
 #include <QStringList>
 
@@ -15,31 +14,22 @@ struct Identity
     QString token;
 };
 
-// Signs the demo account in through the JSON API, as the program does, and
-// returns its user id and token (empty on failure).
-Identity signIn(const DevServerProcess &server,
-                const QString &email = QString::fromLatin1(DevServerProcess::kDemoEmail),
-                const QString &password = QString::fromLatin1(DevServerProcess::kDemoPassword));
+// Signs the demo account in through the JSON API, as the program does (empty on failure).
+Identity signIn(const DevServerProcess &server);
 
-// Seeds `count` tracks named "Track 001.mp3"... of varied sizes around
-// `averageSize` bytes; returns the server's records.
+// "Track 001.mp3"...: the names seedTracks gives.
+QString trackName(int number);
+
+// Seeds `count` tracks of sizes around `averageSize` bytes; returns the server's records.
 QJsonArray seedTracks(const DevServerProcess &server, int count, qint64 averageSize);
 
-// The names the library holds mapped to the paths of their stored bytes.
-QHash<QString, QString> storedTracks(const DevServerProcess &server);
-
-// Compares every file of the library with the files under `folder` (ignoring
-// "download.json"). Returns the differences, empty when the folder holds
-// exactly the library, byte for byte.
+// The differences between the library and the files under `folder` ("download.json" aside):
+// empty when the folder holds exactly the library, byte for byte.
 QStringList compareWithLibrary(const DevServerProcess &server, const QString &folder);
-
-// Whether two files hold the same bytes.
-bool sameContents(const QString &a, const QString &b);
 
 // The files under a folder, relative, sorted; hidden files included.
 QStringList filesUnder(const QString &folder);
 
-// The log written so far.
 QString logText();
 
 } // namespace LibraryTest

@@ -1,5 +1,5 @@
-// The library download window over the local service: what it shows, its
-// title bar, and the Cancel / Open Folder and error-details buttons.
+// The library download window over the local service: its title bar, the abort question,
+// the error line and its details, and Open Folder.
 #include "librarytestsupport.h"
 
 #include "library/ui/downloadlibrarycontroller.h"
@@ -18,15 +18,8 @@ namespace {
 
 constexpr int kTimeout = 120000;
 
-struct SeenAlert
-{
-    QString text;
-    QString informativeText;
-    QStringList buttons;
-};
-
-// Presses `button` on the next modal alert and records it.
-void answerNextAlert(const QString &button, QList<SeenAlert> *seen)
+// Presses `button` on the next modal alert and records its texts and buttons.
+void answerNextAlert(const QString &button, QList<QStringList> *seen)
 {
     QTimer::singleShot(50, [button, seen] {
         auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
@@ -34,13 +27,11 @@ void answerNextAlert(const QString &button, QList<SeenAlert> *seen)
             answerNextAlert(button, seen);
             return;
         }
-        SeenAlert alert{box->text(), box->informativeText(), {}};
+        QStringList alert{box->text(), box->informativeText()};
         QAbstractButton *target = nullptr;
         for (QAbstractButton *b : box->buttons()) {
-            alert.buttons.append(b->text());
-            if (b->text() == button) {
-                target = b;
-            }
+            alert.append(b->text());
+            target = b->text() == button ? b : target;
         }
         seen->append(alert);
         if (target) {
@@ -58,9 +49,8 @@ class TestLibraryWindow : public QObject
 private slots:
     void initTestCase();
     void cleanup() { QVERIFY(m_server.clearFaults()); }
-    void downloadsAndOpensTheFolder();
     void abortIsConfirmed();
-    void errorLineAndDetails();
+    void errorLineDetailsAndOpenFolder();
 
 private:
     std::unique_ptr<DownloadLibraryController> makeWindow(const QString &folder);
@@ -91,65 +81,40 @@ std::unique_ptr<DownloadLibraryController> TestLibraryWindow::makeWindow(const Q
     return window;
 }
 
-void TestLibraryWindow::downloadsAndOpensTheFolder()
-{
-    QTemporaryDir folder;
-    auto window = makeWindow(folder.path());
-    Ui::DownloadLibraryController *ui = window->ui();
-
-    const Qt::WindowFlags flags = window->windowFlags();
-    QVERIFY(flags & Qt::CustomizeWindowHint);
-    QVERIFY(!(flags & Qt::WindowCloseButtonHint));
-    QVERIFY(!(flags & Qt::WindowMinimizeButtonHint));
-    QVERIFY(!(flags & Qt::WindowMaximizeButtonHint));
-    QVERIFY(!window->isModal());
-    QVERIFY(ui->errorInfoTextField->isHidden());
-    QVERIFY(ui->errorInfoButton->isHidden());
-
-    QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Done!"), kTimeout);
-    QCOMPARE(ui->cancelButton->text(), QStringLiteral("Open Folder"));
-    QVERIFY(ui->cancelButton->isEnabled());
-    QVERIFY(ui->cancelButton->isDefault());
-    QCOMPARE(LibraryTest::compareWithLibrary(m_server, QDir(folder.path()).filePath("My Lyrabox Library")),
-             QStringList());
-
-    // Return presses the default button.
-    QTest::keyClick(window.get(), Qt::Key_Return);
-    QCOMPARE(m_opened, QList<QUrl>{QUrl::fromLocalFile(folder.path())});
-    QCOMPARE(m_willClose, 1);
-    QVERIFY(!window->isVisible());
-}
-
 void TestLibraryWindow::abortIsConfirmed()
 {
     QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"latency_ms", 3000}, {"count", 0}}));
     QTemporaryDir folder;
     auto window = makeWindow(folder.path());
     Ui::DownloadLibraryController *ui = window->ui();
+    // No close, minimize or maximize buttons; not modal.
+    const Qt::WindowFlags flags = window->windowFlags();
+    QVERIFY(flags & Qt::CustomizeWindowHint);
+    QVERIFY(!(flags & (Qt::WindowCloseButtonHint | Qt::WindowMinimizeButtonHint | Qt::WindowMaximizeButtonHint)));
+    QVERIFY(!window->isModal());
+    QVERIFY(ui->errorInfoTextField->isHidden() && ui->errorInfoButton->isHidden());
     QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Downloading Library..."), kTimeout);
     QCOMPARE(ui->cancelButton->text(), QStringLiteral("Cancel"));
 
-    QList<SeenAlert> seen;
+    QList<QStringList> seen;
     answerNextAlert(QStringLiteral("No"), &seen);
     ui->cancelButton->click();
-    QCOMPARE(seen.size(), 1);
-    QCOMPARE(seen.first().text, QStringLiteral("Abort Download"));
-    QCOMPARE(seen.first().informativeText, QStringLiteral("Are you sure you want to abort the download?"));
-    QCOMPARE(seen.first().buttons, (QStringList{QStringLiteral("Yes"), QStringLiteral("No")}));
+    const QStringList question{"Abort Download", "Are you sure you want to abort the download?", "Yes", "No"};
+    QCOMPARE(seen, QList<QStringList>{question});
     QVERIFY(window->isVisible());
     QCOMPARE(m_willClose, 0);
 
     // The window manager's close asks the same question.
     answerNextAlert(QStringLiteral("Yes"), &seen);
     window->close();
-    QCOMPARE(seen.size(), 2);
+    QCOMPARE(seen, (QList<QStringList>{question, question}));
     QVERIFY(!window->isVisible());
     QCOMPARE(m_willClose, 1);
     QVERIFY(m_opened.isEmpty());
     QVERIFY(!window->model()->isComplete());
 }
 
-void TestLibraryWindow::errorLineAndDetails()
+void TestLibraryWindow::errorLineDetailsAndOpenFolder()
 {
     QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"status", 503}}));
     QTemporaryDir folder;
@@ -160,18 +125,26 @@ void TestLibraryWindow::errorLineAndDetails()
              QStringLiteral("An error occurred while downloading. Retrying library segment 1, attempt 1"));
     QVERIFY(ui->errorInfoButton->isVisible());
 
-    QList<SeenAlert> seen;
+    QList<QStringList> seen;
     answerNextAlert(QStringLiteral("OK"), &seen);
     ui->errorInfoButton->click();
     QCOMPARE(seen.size(), 1);
-    QCOMPARE(seen.first().text, QStringLiteral("Download Error"));
-    QVERIFY(seen.first().informativeText.contains(QStringLiteral("\n\nService Unavailable (503)\n\n")));
-    QCOMPARE(seen.first().buttons, QStringList{QStringLiteral("OK")});
+    QCOMPARE(seen.first().at(0), QStringLiteral("Download Error"));
+    QVERIFY(seen.first().at(1).contains(QStringLiteral("\n\nService Unavailable (503)\n\n")));
+    QCOMPARE(seen.first().mid(2), QStringList{QStringLiteral("OK")});
 
     // The retry five seconds later brings everything in.
     QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Done!"), kTimeout);
+    QCOMPARE(ui->cancelButton->text(), QStringLiteral("Open Folder"));
+    QVERIFY(ui->cancelButton->isEnabled() && ui->cancelButton->isDefault());
     QCOMPARE(LibraryTest::compareWithLibrary(m_server, QDir(folder.path()).filePath("My Lyrabox Library")),
              QStringList());
+    // Return presses the default button, which opens the folder unasked.
+    QTest::keyClick(window.get(), Qt::Key_Return);
+    QCOMPARE(m_opened, QList<QUrl>{QUrl::fromLocalFile(folder.path())});
+    QCOMPARE(m_willClose, 1);
+    QVERIFY(!window->isVisible());
+    QCOMPARE(seen.size(), 1);
 }
 
 QTEST_MAIN(TestLibraryWindow)
