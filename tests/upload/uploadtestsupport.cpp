@@ -12,27 +12,22 @@
 
 Credentials signInDemo(const DevServerProcess &server)
 {
-    const QString client = ClientFields::client();
-    const QString deviceName = ClientFields::deviceName();
-    const QString userAgent = ClientFields::userAgent();
-    const QString version = ClientFields::version();
-    const QByteArray authToken =
-        QCryptographicHash::hash((deviceName + ':' + version + ':' + client + ':' + userAgent).toUtf8(),
-                                 QCryptographicHash::Sha256)
-            .toHex();
+    const QString agent = ClientFields::userAgent();
+    const QStringList fields{ClientFields::deviceName(), ClientFields::version(), ClientFields::client(), agent};
     const QJsonObject request{
         {"mode", "status"},
         {"email_address", DevServerProcess::kDemoEmail},
         {"password", DevServerProcess::kDemoPassword},
-        {"client", client},
-        {"device_name", deviceName},
-        {"user_agent", userAgent},
-        {"version", version},
+        {"device_name", fields[0]},
+        {"version", fields[1]},
+        {"client", fields[2]},
+        {"user_agent", agent},
         {"supported_types", true},
-        {"auth_token", QString::fromLatin1(authToken)},
+        {"auth_token",
+         QString::fromLatin1(QCryptographicHash::hash(fields.join(':').toUtf8(), QCryptographicHash::Sha256).toHex())},
     };
     const LoopbackHttpResult result = loopbackHttp(
-        server.port(), "POST", "/s/JSON/", {{"Content-Type", "application/json"}, {"User-Agent", userAgent.toUtf8()}},
+        server.port(), "POST", "/s/JSON/", {{"Content-Type", "application/json"}, {"User-Agent", agent.toUtf8()}},
         QJsonDocument(request).toJson(QJsonDocument::Compact));
     const QJsonObject user = result.json().value("user").toObject();
     return {user.value("id").toVariant().toString(), user.value("token").toString()};
@@ -134,8 +129,6 @@ qint64 residentKiB()
     return -1;
 }
 
-// ---------------------------------------------------------------------------
-
 ScriptedHttpServer::ScriptedHttpServer(QObject *parent) : QObject(parent)
 {
     connect(&m_server, &QTcpServer::newConnection, this, &ScriptedHttpServer::accept);
@@ -154,7 +147,6 @@ QString ScriptedHttpServer::url() const
 void ScriptedHttpServer::accept()
 {
     while (QTcpSocket *socket = m_server.nextPendingConnection()) {
-        ++m_connections;
         if (m_socket) {
             // One exchange per test: a second connection is a resend.
             m_socket->disconnect(this);

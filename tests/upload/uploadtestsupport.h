@@ -46,9 +46,8 @@ private:
 // Resident memory of this process in KiB, now and at its peak.
 qint64 residentKiB();
 
-// A bare HTTP server for the cases the real service cannot stage: it reads a
-// request's headers and body and then answers, stays silent, or stops reading
-// part-way through the body until resumed. One request per connection.
+// A bare HTTP server for what the real service cannot stage: after a request's body it
+// answers or stays silent, or it stops reading part-way until resumed.
 class ScriptedHttpServer : public QObject
 {
     Q_OBJECT
@@ -72,10 +71,8 @@ public:
     // Reads again after a stall (and answers as Answer would).
     void resume();
 
-    int connectionCount() const { return m_connections; }
     qint64 bodyBytesReceived() const { return m_bodyReceived; }
     qint64 contentLength() const { return m_contentLength; }
-    QByteArray requestHeaders() const { return m_headers; }
     bool bodyComplete() const { return m_contentLength >= 0 && m_bodyReceived >= m_contentLength; }
 
 private:
@@ -89,7 +86,6 @@ private:
     bool m_headersDone = false;
     bool m_paused = false;
     bool m_answered = false;
-    int m_connections = 0;
     qint64 m_bodyReceived = 0;
     qint64 m_contentLength = -1;
 };
