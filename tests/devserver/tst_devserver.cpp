@@ -12,8 +12,6 @@
 
 #include <zip.h>
 
-#include <thread>
-
 namespace {
 
 const QByteArray kClient = "pelicane mac";
@@ -84,28 +82,6 @@ LoopbackHeaders uploadHeaders()
 {
     return {{"Content-Type", "multipart/form-data; boundary=" + kBoundary}, {"User-Agent", kAgent}};
 }
-
-// Deterministic bytes, fast enough to stream gigabytes.
-class NoiseSource
-{
-public:
-    qint64 fill(char *out, qint64 n)
-    {
-        for (qint64 i = 0; i < n; ++i) {
-            if ((m_count++ & 7) == 0) {
-                m_state ^= m_state << 13;
-                m_state ^= m_state >> 7;
-                m_state ^= m_state << 17;
-            }
-            out[i] = char(m_state >> ((m_count & 7) * 8));
-        }
-        return n;
-    }
-
-private:
-    quint64 m_state = 0x9E3779B97F4A7C15ULL;
-    quint64 m_count = 0;
-};
 
 QList<QPair<QString, QByteArray>> zipEntries(const QByteArray &archive, QString *error)
 {
@@ -233,26 +209,13 @@ private slots:
 
     void cleanup() { m_server.stop(); }
 
-    void startsAndPointsTheProgramAtItself()
-    {
-        QVERIFY(m_server.port() > 0);
-        QCOMPARE(qEnvironmentVariable("PELICANE_API_URL"), m_server.baseUrl() + "/s/JSON/");
-        QCOMPARE(qEnvironmentVariable("PELICANE_UPLOAD_URL"), m_server.baseUrl() + "/upload/");
-        QCOMPARE(qEnvironmentVariable("PELICANE_DOWNLOAD_URL"), m_server.baseUrl() + "/download/");
-        QVERIFY(m_server.control("GET", "health").value("result").toBool());
-    }
-
     void signInAnswersTheEnvelope()
     {
         const QJsonObject answer = signIn("DEMO@lyrabox.test", "demo");
-        QCOMPARE(answer.value("result").toBool(), true);
         QCOMPARE(answer.value("authenticated").toBool(), true);
-        QCOMPARE(answer.value("maintenance").toBool(), false);
         const QJsonObject user = answer.value("user").toObject();
         QVERIFY(user.value("id").isDouble());
-        QCOMPARE(QString::number(user.value("id").toInteger()), m_userId);
         QCOMPARE(user.value("token").toString(), m_token); // a token lasts across sign-ins
-        QVERIFY(QRegularExpression("^[0-9a-f]{32}$").match(m_token).hasMatch());
 
         QStringList extensions;
         for (const QJsonValue &v : answer.value("supported").toArray())
@@ -263,15 +226,11 @@ private slots:
         QVERIFY(!signIn(DevServerProcess::kDemoEmail, "demo", false).contains("supported"));
 
         const QJsonObject wrong = signIn(DevServerProcess::kDemoEmail, "nope");
-        QCOMPARE(wrong.value("result").toBool(), false);
         QCOMPARE(wrong.value("message").toString(), "Invalid e-mail address or password.");
         QVERIFY(!wrong.contains("user"));
-
-        QVERIFY(!signIn("nobody@lyrabox.test", "demo").value("result").toBool());
         QVERIFY(m_server.createAccount("new@lyrabox.test", "pw"));
-        const QJsonObject created = signIn("new@lyrabox.test", "pw");
-        QVERIFY(created.value("result").toBool());
-        QVERIFY(created.value("user").toObject().value("id").toInteger() != m_userId.toLongLong());
+        QVERIFY(signIn("new@lyrabox.test", "pw").value("user").toObject().value("id").toInteger() !=
+                m_userId.toLongLong());
 
         // A client whose auth_token does not fit its fields is refused.
         const QJsonObject forged = json({{"mode", "status"},
@@ -292,16 +251,12 @@ private slots:
             QVERIFY(!answer.value("supported").toArray().isEmpty()); // sent without being asked
         }
         QVERIFY(m_server.revokeToken());
-        const QJsonObject revoked = verify(m_userId, m_token);
-        QCOMPARE(revoked.value("result").toBool(), false);
-        QCOMPARE(revoked.value("authenticated").toBool(), false);
-        QVERIFY(!revoked.value("message").toString().isEmpty());
+        QCOMPARE(verify(m_userId, m_token).value("authenticated").toBool(), false);
         QCOMPARE(digestList(m_userId, m_token).json().value("result").toBool(), false);
 
         const QString fresh =
             signIn(DevServerProcess::kDemoEmail, "demo").value("user").toObject().value("token").toString();
-        QVERIFY(!fresh.isEmpty());
-        QVERIFY(fresh != m_token);
+        QVERIFY(!fresh.isEmpty() && fresh != m_token);
         QCOMPARE(verify(m_userId, fresh).value("authenticated").toBool(), true);
         QCOMPARE(verify(m_userId, m_token).value("authenticated").toBool(), false);
         QCOMPARE(verify("999999", fresh).value("authenticated").toBool(), false);
@@ -316,21 +271,17 @@ private slots:
         };
         check(post("/s/JSON/", "text/plain", "{}"), "content type");
         check(post("/s/JSON/", "application/json", "{\"mode\": "), "truncated JSON");
-        check(post("/s/JSON/", "application/json", "[1, 2]"), "not an object");
         check(json({{"mode", "upload"}}), "unknown mode");
         check(json({{"mode", "status"}, {"client", 5}}), "client not a string");
         check(json({{"mode", "status"}, {"user_id", m_userId}, {"token", m_token}}, "curl/8"), "user agent");
         check(json({{"mode", "status"}}), "neither e-mail nor user id");
-        check(post("/s/JSON/", "application/json", QByteArray()), "empty body");
         QCOMPARE(loopbackHttp(m_server.port(), "GET", "/nowhere").status, 404);
     }
 
     void maintenanceRefusesEverything()
     {
         QVERIFY(m_server.setMaintenance(true));
-        const QJsonObject login = signIn(DevServerProcess::kDemoEmail, "demo");
-        QCOMPARE(login.value("result").toBool(), false);
-        QCOMPARE(login.value("maintenance").toBool(), true);
+        QCOMPARE(signIn(DevServerProcess::kDemoEmail, "demo").value("maintenance").toBool(), true);
         const QJsonObject verified = verify(m_userId, m_token);
         QCOMPARE(verified.value("result").toBool(), false);
         QCOMPARE(verified.value("maintenance").toBool(), true);
@@ -338,20 +289,13 @@ private slots:
         QCOMPARE(digestList(m_userId, m_token).json().value("result").toBool(), false);
         QCOMPARE(send(upload()).status, 503);
         QCOMPARE(download("&offset=0&length=0").status, 503);
-        QCOMPARE(libraryFiles().size(), 0);
-
         QVERIFY(m_server.setMaintenance(false));
-        QVERIFY(signIn(DevServerProcess::kDemoEmail, "demo").value("result").toBool());
         QCOMPARE(send(upload()).status, 200);
     }
 
     void digestListReflectsTheLibrary()
     {
-        LoopbackHttpResult empty = digestList(m_userId, m_token);
-        QCOMPARE(empty.status, 200);
-        QCOMPARE(empty.json().value("result").toBool(), true);
-        QVERIFY(empty.json().value("md5").isArray());
-        QCOMPARE(empty.json().value("md5").toArray().size(), 0);
+        QCOMPARE(digestList(m_userId, m_token).json().value("md5"), QJsonArray());
 
         const QJsonArray seeded = m_server.seed(
             {QJsonObject{{"name", "a.mp3"}, {"content", "alpha"}}, QJsonObject{{"name", "b.mp3"}, {"size", 5000}}});
@@ -363,7 +307,6 @@ private slots:
         QVERIFY(md5.contains(seeded.at(1).toObject().value("md5")));
 
         const QJsonObject refused = digestList(m_userId, "0123").json();
-        QCOMPARE(refused.value("result").toBool(), false);
         QCOMPARE(refused.value("message").toString(), "Invalid user or token.");
         QCOMPARE(digestList(m_userId, m_token, "&extra=1").status, 400);
         QCOMPARE(digestList(m_userId, m_token, "&token=again").status, 400);
@@ -391,10 +334,7 @@ private slots:
         QCOMPARE(f.value("playlist_order").toString(), "123456");
         QCOMPARE(f.value("tag_name").toString(), "Summer");
         QCOMPARE(f.value("reupload").toBool(), true);
-        QCOMPARE(f.value("client").toString(), QString::fromUtf8(kClient));
-        QCOMPARE(f.value("device_name").toString(), QString::fromUtf8(kDevice));
         QCOMPARE(f.value("user_agent").toString(), QString::fromUtf8(kAgent));
-        QCOMPARE(f.value("version").toString(), QString::fromUtf8(kVersion));
         QCOMPARE(f.value("size").toInteger(), u.content.size());
         QCOMPARE(readFile(f.value("stored_path").toString()), u.content);
         QCOMPARE(digestList(m_userId, m_token).json().value("md5").toArray(), QJsonArray{md5Hex(u.content)});
@@ -422,18 +362,13 @@ private slots:
         QTest::addColumn<int>("variant");
         QTest::addColumn<int>("status");
         QTest::newRow("out of order") << 0 << 400;
-        QTest::newRow("unknown field") << 1 << 400;
         QTest::newRow("token missing") << 2 << 400;
         QTest::newRow("no closing boundary") << 3 << 400;
-        QTest::newRow("preamble") << 4 << 400;
         QTest::newRow("file without filename") << 5 << 400;
-        QTest::newRow("playlist order not a number") << 6 << 400;
         QTest::newRow("playlist name alone") << 7 << 400;
         QTest::newRow("user agent differs") << 8 << 400;
-        QTest::newRow("no boundary") << 9 << 400;
         QTest::newRow("wrong token") << 10 << 401;
         QTest::newRow("bytes after the end") << 11 << 400;
-        QTest::newRow("field repeated") << 12 << 400;
         QTest::newRow("file part twice") << 13 << 400;
     }
 
@@ -448,23 +383,14 @@ private slots:
         case 0:
             std::swap(u.before[0], u.before[1]);
             break;
-        case 1:
-            u.before.insert(2, {"colour", "blue"});
-            break;
         case 2:
             u.after.removeLast();
             break;
         case 3:
             u.closing.clear();
             break;
-        case 4:
-            body = "junk\r\n" + u.body();
-            break;
         case 5:
             body = u.body().replace("; filename=\"Song.mp3\"", "");
-            break;
-        case 6:
-            u.before += {{"playlist-name", "P"}, {"playlist-order", "12a"}};
             break;
         case 7:
             u.before += {{"playlist-name", "P"}};
@@ -472,17 +398,11 @@ private slots:
         case 8:
             headers[1].second = "Other Agent";
             break;
-        case 9:
-            headers[0].second = "multipart/form-data";
-            break;
         case 10:
             u.after[1].second = "wrong";
             break;
         case 11:
             u.closing += "more";
-            break;
-        case 12:
-            u.before.insert(1, {"client", "again"});
             break;
         case 13:
             body =
@@ -652,24 +572,6 @@ private slots:
         QCOMPARE(send(upload()).status, 200);
     }
 
-    void concurrentUploads()
-    {
-        constexpr int kCount = 6;
-        std::vector<std::thread> threads;
-        std::vector<int> statuses(kCount, 0);
-        for (int i = 0; i < kCount; ++i) {
-            const QByteArray body = upload(QByteArray(2 * 1024 * 1024, char('a' + i))).body();
-            threads.emplace_back([&, i, body] {
-                statuses[size_t(i)] = loopbackHttp(m_server.port(), "POST", "/upload/", uploadHeaders(), body).status;
-            });
-        }
-        for (std::thread &t : threads)
-            t.join();
-        for (int status : statuses)
-            QCOMPARE(status, 200);
-        QCOMPARE(digestList(m_userId, m_token).json().value("md5").toArray().size(), kCount);
-    }
-
     void largeUploadKeepsMemoryFlat()
     {
         // LYRABOX_LARGE_UPLOAD_MB makes it bigger (2048 for the full check).
@@ -684,32 +586,30 @@ private slots:
         const qint64 before = m_server.peakResidentKiB();
         QVERIFY(before > 0);
 
-        NoiseSource noise;
+        // A 1 MiB pattern repeated; each piece's first byte carries its round, so that a lost or
+        // repeated piece changes the digest.
+        QByteArray pattern(1 << 20, Qt::Uninitialized);
+        for (qsizetype i = 0; i < pattern.size(); ++i)
+            pattern[i] = char((i * 2654435761u) >> 24);
         QCryptographicHash md5(QCryptographicHash::Md5);
         qint64 position = 0;
         auto producer = [&](char *out, qint64 maximum) -> qint64 {
+            const qint64 inFile = position - head.size();
             qint64 n = 0;
-            while (n < maximum && position < total) {
-                const qint64 take = std::min(maximum - n, total - position);
-                if (position < head.size()) {
-                    const qint64 k = std::min(take, head.size() - position);
-                    std::memcpy(out + n, head.constData() + position, size_t(k));
-                    n += k;
-                    position += k;
-                } else if (position < head.size() + size) {
-                    const qint64 k = std::min(take, head.size() + size - position);
-                    noise.fill(out + n, k);
-                    md5.addData(QByteArrayView(out + n, k));
-                    n += k;
-                    position += k;
-                } else {
-                    const qint64 offset = position - head.size() - size;
-                    const qint64 k = std::min(take, tail.size() - offset);
-                    std::memcpy(out + n, tail.constData() + offset, size_t(k));
-                    n += k;
-                    position += k;
-                }
+            if (position < head.size()) {
+                n = std::min(maximum, head.size() - position);
+                std::memcpy(out, head.constData() + position, size_t(n));
+            } else if (inFile < size) {
+                const qint64 offset = inFile % pattern.size();
+                n = std::min({maximum, qint64(pattern.size()) - offset, size - inFile});
+                std::memcpy(out, pattern.constData() + offset, size_t(n));
+                out[0] = char(inFile / pattern.size());
+                md5.addData(QByteArrayView(out, n));
+            } else {
+                n = std::min(maximum, total - position);
+                std::memcpy(out, tail.constData() + (inFile - size), size_t(n));
             }
+            position += n;
             return n;
         };
         QElapsedTimer timer;
@@ -738,18 +638,20 @@ private slots:
         request.insert("email_address", "keep@lyrabox.test");
         request.insert("password", "pw");
         request.insert("auth_token", authToken());
-        const LoopbackHttpResult login = loopbackHttp(first.port(), "POST", "/s/JSON/",
-                                                      {{"Content-Type", "application/json"}, {"User-Agent", kAgent}},
-                                                      QJsonDocument(request).toJson());
-        const QString token = login.json().value("user").toObject().value("token").toString();
-        QVERIFY(!token.isEmpty());
+        QVERIFY(loopbackHttp(first.port(), "POST", "/s/JSON/",
+                             {{"Content-Type", "application/json"}, {"User-Agent", kAgent}},
+                             QJsonDocument(request).toJson())
+                    .json()
+                    .value("result")
+                    .toBool());
+        const QJsonObject before = first.library("keep@lyrabox.test");
         first.stop();
 
         DevServerProcess second;
         QVERIFY(second.start(data.path()));
         const QJsonObject library = second.library("keep@lyrabox.test");
-        QCOMPARE(library.value("files").toArray().size(), 1);
-        QCOMPARE(library.value("token").toString(), token);
+        QVERIFY(!library.value("token").toString().isEmpty());
+        QCOMPARE(library, before);
         QCOMPARE(readFile(library.value("files").toArray().at(0).toObject().value("stored_path").toString()), "kept");
     }
 };
