@@ -12,15 +12,6 @@ QByteArray CaptureServer::Request::header(const QByteArray &name) const
     return {};
 }
 
-bool CaptureServer::Request::hasHeader(const QByteArray &name) const
-{
-    for (const auto &[key, value] : headers) {
-        if (key.compare(name, Qt::CaseInsensitive) == 0)
-            return true;
-    }
-    return false;
-}
-
 CaptureServer::CaptureServer(QObject *parent) : QObject(parent)
 {
     connect(&m_server, &QTcpServer::newConnection, this, [this] {

@@ -24,7 +24,6 @@ public:
         QByteArray body;
 
         QByteArray header(const QByteArray &name) const;
-        bool hasHeader(const QByteArray &name) const;
     };
 
     explicit CaptureServer(QObject *parent = nullptr);
