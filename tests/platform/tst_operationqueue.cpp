@@ -99,37 +99,30 @@ void TestOperationQueue::runsSynchronousOperationsOnWorkerThreadsAndCompletesOnc
     std::atomic<int> running{0}, peak{0};
     auto operation = std::make_shared<GatedOperation>(nullptr, &running, &peak);
     std::atomic<int> completions{0};
-    QList<QString> changes;
+    QStringList changes;
     QMutex changesLock;
     operation->setCompletionHandler([&] { ++completions; });
-    connect(
-        operation.get(), &Operation::executingChanged, operation.get(),
-        [&](bool value) {
-            QMutexLocker locker(&changesLock);
-            changes << QStringLiteral("executing=%1").arg(value);
-        },
-        Qt::DirectConnection);
-    connect(
-        operation.get(), &Operation::finishedChanged, operation.get(),
-        [&](bool value) {
-            QMutexLocker locker(&changesLock);
-            changes << QStringLiteral("finished=%1").arg(value);
-        },
-        Qt::DirectConnection);
+    for (const auto &[signal, name] : {std::pair{&Operation::executingChanged, "executing=%1"},
+                                       std::pair{&Operation::finishedChanged, "finished=%1"}}) {
+        connect(
+            operation.get(), signal, operation.get(),
+            [&, name](bool value) {
+                QMutexLocker locker(&changesLock);
+                changes << QString::fromLatin1(name).arg(value);
+            },
+            Qt::DirectConnection);
+    }
 
     queue.addOperation(operation);
     std::atomic<bool> blockRan{false};
     OperationPtr block = queue.addOperation([&] { blockRan = QThread::currentThread() != qApp->thread(); });
     queue.waitUntilAllOperationsAreFinished();
 
-    QVERIFY(operation->mainRan);
-    QVERIFY(operation->thread != qApp->thread());
-    QVERIFY(operation->isFinished());
-    QVERIFY(!operation->isExecuting());
-    QVERIFY(block->isFinished());
-    QVERIFY(blockRan);
+    QVERIFY(operation->mainRan && operation->thread != qApp->thread());
+    QVERIFY(operation->isFinished() && !operation->isExecuting());
+    QVERIFY(block->isFinished() && blockRan);
     QCOMPARE(completions.load(), 1);
-    QCOMPARE(changes, (QList<QString>{"executing=1", "executing=0", "finished=1"}));
+    QCOMPARE(changes, (QStringList{"executing=1", "executing=0", "finished=1"}));
     QCOMPARE(queue.operationCount(), 0);
 }
 
@@ -167,9 +160,7 @@ void TestOperationQueue::limitsConcurrencyOnlyWhenAsked()
         gate.release(6);
         queue.waitUntilAllOperationsAreFinished();
         QCOMPARE(peak.load(), 2);
-        for (const auto &operation : operations) {
-            QVERIFY(operation->isFinished());
-        }
+        QVERIFY(std::all_of(operations.begin(), operations.end(), [](const auto &o) { return o->isFinished(); }));
     }
 }
 
@@ -245,9 +236,7 @@ void TestOperationQueue::cancelAllStartsWaitingOperationsCancelled()
     queue.waitUntilAllOperationsAreFinished();
 
     QVERIFY(running->isFinished());
-    QVERIFY(waitingSync->isCancelled());
-    QVERIFY(waitingSync->isFinished());
-    QVERIFY(!waitingSync->mainRan);
+    QVERIFY(waitingSync->isCancelled() && waitingSync->isFinished() && !waitingSync->mainRan);
     QCOMPARE(completions.load(), 2);
     QCOMPARE(queue.operationCount(), 0);
 }
@@ -263,8 +252,7 @@ void TestOperationQueue::asynchronousOperationHoldsItsSlotUntilItFinishes()
 
     QTRY_COMPARE_WITH_TIMEOUT(first->starts.load(), 1, kLongWaitMs);
     QTest::qWait(200);
-    QVERIFY(!secondRan);
-    QVERIFY(!first->isFinished());
+    QVERIFY(!secondRan && !first->isFinished());
     QCOMPARE(queue.operationCount(), 2);
 
     // Finished from a thread the queue knows nothing about.
