@@ -1,14 +1,20 @@
 // The library download window over the local service: its title bar, the abort question,
-// the error line and its details, and Open Folder.
+// the error line and its details, Open Folder; and how the main window starts it (folder
+// chooser, the button standing for the window while it is open).
 #include "librarytestsupport.h"
 
 #include "library/ui/downloadlibrarycontroller.h"
+#include "service/lyraboxservice.h"
+#include "session/ui/mainwindowcontroller.h"
 #include "ui_DownloadLibraryController.h"
+#include "ui_MainWindowController.h"
 
 #include <QApplication>
 #include <QDir>
+#include <QFileDialog>
 #include <QJsonObject>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QTemporaryDir>
 #include <QTest>
@@ -40,6 +46,27 @@ void answerNextAlert(const QString &button, QList<QStringList> *seen)
     });
 }
 
+// Answers the next folder chooser with `folder`, or cancels it when empty.
+void answerChooser(const QString &folder, bool *seen)
+{
+    QTimer::singleShot(50, [folder, seen] {
+        auto *chooser = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
+        if (!chooser) {
+            answerChooser(folder, seen);
+            return;
+        }
+        *seen = chooser->fileMode() == QFileDialog::Directory && chooser->testOption(QFileDialog::ShowDirsOnly) &&
+                !chooser->testOption(QFileDialog::ReadOnly);
+        if (folder.isEmpty()) {
+            chooser->reject();
+            return;
+        }
+        // Inside the folder with nothing selected: the folder itself is chosen.
+        chooser->setDirectory(folder);
+        QMetaObject::invokeMethod(chooser, "accept");
+    });
+}
+
 } // namespace
 
 class TestLibraryWindow : public QObject
@@ -51,6 +78,7 @@ private slots:
     void cleanup() { QVERIFY(m_server.clearFaults()); }
     void abortIsConfirmed();
     void errorLineDetailsAndOpenFolder();
+    void startedFromTheMainWindow();
 
 private:
     std::unique_ptr<DownloadLibraryController> makeWindow(const QString &folder);
@@ -67,6 +95,8 @@ void TestLibraryWindow::initTestCase()
     m_identity = LibraryTest::signIn(m_server);
     QVERIFY(!m_identity.token.isEmpty());
     QCOMPARE(LibraryTest::seedTracks(m_server, 70, 6000).size(), 70);
+    LyraboxService::sharedService().setUserId(m_identity.userId);
+    LyraboxService::sharedService().setUserToken(m_identity.token);
 }
 
 std::unique_ptr<DownloadLibraryController> TestLibraryWindow::makeWindow(const QString &folder)
@@ -145,6 +175,45 @@ void TestLibraryWindow::errorLineDetailsAndOpenFolder()
     QCOMPARE(m_willClose, 1);
     QVERIFY(!window->isVisible());
     QCOMPARE(seen.size(), 1);
+}
+
+void TestLibraryWindow::startedFromTheMainWindow()
+{
+    QTemporaryDir folder;
+    MainWindowController main;
+    QPushButton *button = main.ui()->downloadLibraryButton;
+    // A cancelled chooser changes nothing.
+    bool chooserSeen = false;
+    answerChooser(QString(), &chooserSeen);
+    main.OnDownloadLibrary();
+    QVERIFY(chooserSeen);
+    QVERIFY(!main.downloadLibraryWindow());
+    QVERIFY(button->isEnabled());
+    QCOMPARE(button->text(), QStringLiteral("Start Download"));
+
+    chooserSeen = false;
+    answerChooser(folder.path(), &chooserSeen);
+    button->click();
+    QVERIFY(chooserSeen);
+
+    QPointer<DownloadLibraryController> window = main.downloadLibraryWindow();
+    QVERIFY(window);
+    QVERIFY(window->isVisible());
+    QCOMPARE(window->URL(), QUrl::fromLocalFile(folder.path()));
+    QVERIFY(!button->isEnabled());
+    QCOMPARE(button->text(), QStringLiteral("Downloading..."));
+    QList<QUrl> opened;
+    window->setFolderOpener([&opened](const QUrl &url) { opened.append(url); });
+
+    QTRY_COMPARE_WITH_TIMEOUT(window->ui()->actionTextField->text(), QStringLiteral("Done!"), kTimeout);
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, QDir(folder.path()).filePath("My Lyrabox Library")),
+             QStringList());
+    window->ui()->cancelButton->click();
+    QCOMPARE(opened, QList<QUrl>{QUrl::fromLocalFile(folder.path())});
+    QVERIFY(button->isEnabled());
+    QCOMPARE(button->text(), QStringLiteral("Start Download"));
+    // The window and its run go away once closed.
+    QTRY_VERIFY(window.isNull());
 }
 
 QTEST_MAIN(TestLibraryWindow)
