@@ -1,10 +1,12 @@
 // The segment request against the local service: its query, headers, speed figures, the
-// end-marker check and its single outcome.
+// end-marker check and its single outcome; and the service client's single-request download
+// of the whole library as one zip.
 #include "librarytestsupport.h"
 
 #include "library/downloadlibraryoperation.h"
 #include "library/downloadspeedmeter.h"
 #include "platform/appinfo.h"
+#include "service/lyraboxservice.h"
 
 #include <QDir>
 #include <QFile>
@@ -56,7 +58,24 @@ struct Outcome
     qint64 lastBytes = 0;
     std::optional<QUrl> file;
     OptionalError error;
+    QList<double> fractions; // the service's download
+    QList<qint64> speeds;
 };
+
+void serviceDownload(LyraboxService &service, const QString &folder, Outcome &outcome)
+{
+    service.downloadLibraryWithURL(
+        QUrl::fromLocalFile(folder),
+        [&outcome](double fraction, qint64 speed) {
+            outcome.fractions.append(fraction);
+            outcome.speeds.append(speed);
+        },
+        [&outcome](const std::optional<QUrl> &file, const OptionalError &error) {
+            ++outcome.completions;
+            outcome.file = file;
+            outcome.error = error;
+        });
+}
 
 } // namespace
 
@@ -76,6 +95,8 @@ private slots:
     void failuresAreReportedOnce();
     void fileInTheWayOfTheFolder();
     void cancelAndDestroy();
+    void serviceDownloadsTheWholeLibrary();
+    void serviceDownloadFailuresAndCancellation();
 
 private:
     // A chunk of 50 tracks from `offset` into `folder`, reporting into `outcome`.
@@ -369,6 +390,70 @@ void TestLibraryTransfer::cancelAndDestroy()
     QTest::qWait(200);
     QCOMPARE(outcome.completions, 0);
     QCOMPARE(m_server.requestCounts().value("segment").toInteger(), before);
+}
+
+void TestLibraryTransfer::serviceDownloadsTheWholeLibrary()
+{
+    LyraboxService service;
+    service.setUserId(m_identity.userId);
+    service.setUserToken(m_identity.token);
+    QTemporaryDir folder;
+    Outcome outcome;
+    serviceDownload(service, folder.path(), outcome);
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.completions, 1, kTimeout);
+    QVERIFY(!outcome.error);
+    QVERIFY(outcome.file);
+
+    const QString path = outcome.file->toLocalFile();
+    QCOMPARE(QFileInfo(path).fileName(), QStringLiteral("Library.zip"));
+    QVERIFY(QFileInfo(path).dir().dirName().startsWith(QStringLiteral("LyraboxLibrary-")));
+    QCOMPARE(QFileInfo(path).size(), service.downloadLibraryEstimatedBytes());
+    QCOMPARE(LibraryTest::filesUnder(folder.path()).size(), 1); // no temporary file left
+    zip_t *archive = zip_open(QFile::encodeName(path).constData(), ZIP_RDONLY | ZIP_CHECKCONS, nullptr);
+    QVERIFY(archive);
+    QCOMPARE(zip_get_num_entries(archive, 0), 60);
+    zip_discard(archive);
+
+    QVERIFY(!outcome.fractions.isEmpty());
+    QCOMPARE(outcome.fractions.last(), 1.0);
+    QCOMPARE(outcome.speeds.first(), -1); // the first second has no sample yet
+    QVERIFY(std::is_sorted(outcome.fractions.cbegin(), outcome.fractions.cend()));
+    QVERIFY(LibraryTest::logText().contains(QStringLiteral("&mode=downloadlibrary&container_type=library\n")));
+}
+
+void TestLibraryTransfer::serviceDownloadFailuresAndCancellation()
+{
+    LyraboxService service;
+    service.setUserId(m_identity.userId);
+    service.setUserToken(QStringLiteral("wrong"));
+    QTemporaryDir folder;
+    {
+        Outcome outcome;
+        serviceDownload(service, folder.path(), outcome);
+        QTRY_COMPARE_WITH_TIMEOUT(outcome.completions, 1, kTimeout);
+        QCOMPARE(outcome.error->localizedDescription(), QStringLiteral("Unauthorized (401)"));
+        QVERIFY(!outcome.file);
+    }
+
+    // Cancelled, or replaced by a second download: one report each.
+    service.setUserToken(m_identity.token);
+    QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"latency_ms", 1500}, {"count", 2}}));
+    Outcome first;
+    Outcome second;
+    serviceDownload(service, folder.path(), first);
+    QTest::qWait(200);
+    serviceDownload(service, folder.path(), second);
+    QCOMPARE(first.completions, 1);
+    QCOMPARE(first.error->code(), -999);
+    QTest::qWait(200);
+    service.cancelDownloadLibrary();
+    service.cancelDownloadLibrary();
+    QCOMPARE(second.completions, 1);
+    QCOMPARE(second.error->code(), -999);
+    QTest::qWait(2500);
+    QCOMPARE(first.completions, 1);
+    QCOMPARE(second.completions, 1);
+    QVERIFY(LibraryTest::filesUnder(folder.path()).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestLibraryTransfer)
