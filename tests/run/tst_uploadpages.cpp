@@ -4,6 +4,7 @@
 // the rows moving down under the check row while the check runs.
 #include "runsupport.h"
 
+#include "service/lyraboxservice.h"
 #include "session/alertdriver.h"
 #include "session/sessionmodel.h"
 #include "session/ui/mainwindowcontroller.h"
@@ -60,6 +61,13 @@ private slots:
     {
         QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
         QVERIFY(m_files.isValid());
+    }
+
+    // Uploads a test left in flight end here, before the next test or the exit.
+    void cleanup()
+    {
+        LyraboxService::sharedService().stopUploads();
+        QTest::qWait(20);
     }
 
     void listToUploadToResultWithPauseAndResume()
