@@ -1,5 +1,6 @@
 // The whole library download against the local service: scheduling, resuming from the
-// record, retries, interruptions and extraction failures.
+// record, retries, interruptions and extraction failures; and pelicane-cli download-library
+// as a user runs it (account from the environment or typed, killed half-way, Ctrl-C).
 #include "librarytestsupport.h"
 
 #include "library/downloadlibrarymodel.h"
@@ -7,10 +8,13 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QJsonObject>
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <csignal>
 
 namespace {
 
@@ -49,6 +53,9 @@ private slots:
     void stoppedAndStartedAgain();
     void failedExtractionKeepsItsArchive_data();
     void failedExtractionKeepsItsArchive();
+    void cliKilledHalfWayAndStartedAgain();
+    void cliAccountTypedAndBadArguments();
+    void cliInterruptedAndStartedAgain();
 
 private:
     std::unique_ptr<DownloadLibraryModel> makeModel()
@@ -58,6 +65,9 @@ private:
     }
     qint64 segments() const { return m_server.requestCounts().value("segment").toInteger(); }
     qint64 record() const { return DownloadLibraryModel::readResumeRecord(m_destination).value_or(-1); }
+    // Starts pelicane-cli; the account comes from the environment unless typed.
+    void start(QProcess &process, const QStringList &arguments, bool withAccount = true) const;
+    int run(QByteArray *output = nullptr, const QByteArray &typed = {}, QStringList arguments = {});
 
     DevServerProcess m_server;
     LibraryTest::Identity m_identity;
@@ -345,6 +355,120 @@ void TestLibraryDownload::failedExtractionKeepsItsArchive()
     if (blockedTrack == 60) {
         QVERIFY(present(101) && present(120));
     }
+}
+
+void TestLibraryDownload::start(QProcess &process, const QStringList &arguments, bool withAccount) const
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PELICANE_API_URL"), m_server.apiUrl());
+    environment.insert(QStringLiteral("PELICANE_DOWNLOAD_URL"), m_server.downloadUrl());
+    environment.remove(QStringLiteral("PELICANE_EMAIL"));
+    environment.remove(QStringLiteral("PELICANE_PASSWORD"));
+    if (withAccount) {
+        environment.insert(QStringLiteral("PELICANE_EMAIL"), QString::fromLatin1(DevServerProcess::kDemoEmail));
+        environment.insert(QStringLiteral("PELICANE_PASSWORD"), QString::fromLatin1(DevServerProcess::kDemoPassword));
+    }
+    process.setProcessEnvironment(environment);
+    // --verbose: the log's lines on standard error too, where the test reads them.
+    process.start(QStringLiteral(PELICANE_CLI_PATH), QStringList{QStringLiteral("--verbose")} + arguments);
+}
+
+int TestLibraryDownload::run(QByteArray *output, const QByteArray &typed, QStringList arguments)
+{
+    if (arguments.isEmpty()) {
+        arguments = QStringList{QStringLiteral("download-library"), m_folder->path()};
+    }
+    QProcess process;
+    start(process, arguments, typed.isNull());
+    if (!process.waitForStarted(kTimeout)) {
+        return -1;
+    }
+    process.write(typed);
+    process.closeWriteChannel();
+    if (!process.waitForFinished(kTimeout)) {
+        process.kill();
+        return -1;
+    }
+    if (output) {
+        *output = process.readAllStandardOutput() + process.readAllStandardError();
+    }
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+void TestLibraryDownload::cliKilledHalfWayAndStartedAgain()
+{
+    // Slow segments leave time to kill the run once the first chunk is extracted and
+    // recorded, while the second is on its way.
+    QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"latency_ms", 1500}, {"count", 0}}));
+    QProcess process;
+    start(process, {QStringLiteral("download-library"), m_folder->path()});
+    QVERIFY(process.waitForStarted(kTimeout));
+    QTRY_VERIFY_WITH_TIMEOUT(record() >= 0, kTimeout);
+    process.kill();
+    QVERIFY(process.waitForFinished(kTimeout));
+    const qint64 recorded = record();
+    QVERIFY2(recorded == 50 || recorded == 100, qPrintable(QString::number(recorded)));
+    QVERIFY(!LibraryTest::compareWithLibrary(m_server, m_destination).isEmpty());
+
+    QVERIFY(m_server.clearFaults());
+    qint64 before = segments();
+    QByteArray output;
+    QCOMPARE(run(&output), 0);
+    QVERIFY(output.contains(QByteArray("Library of 120 tracks in ").append(QFile::encodeName(m_destination))));
+    // Only the chunks after the record are fetched again; every track arrives byte for
+    // byte, and no archive or partial file is left.
+    QCOMPARE(segments() - before, recorded == 50 ? 2 : 1);
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, m_destination), QStringList());
+    QCOMPARE(record(), 120);
+
+    // A further run finds nothing left to do.
+    before = segments();
+    QCOMPARE(run(&output), 0);
+    QVERIFY2(output.contains(" - Scheduled 0 chunks"), output.constData());
+    QCOMPARE(segments(), before);
+}
+
+void TestLibraryDownload::cliAccountTypedAndBadArguments()
+{
+    const QByteArray email = QByteArray(DevServerProcess::kDemoEmail) + '\n';
+    QByteArray output;
+    QCOMPARE(run(&output, email + "wrong\n"), 1);
+    QVERIFY(output.contains("sign-in failed: Invalid e-mail address or password."));
+    QVERIFY(!QFileInfo::exists(m_destination));
+    // Standard input ends before a password: no sign-in is attempted.
+    QCOMPARE(run(&output, email), 1);
+    QVERIFY(output.contains("No password given"));
+
+    // The account is never an argument; nor are two folders or a file.
+    QCOMPARE(run(&output, {}, {QStringLiteral("download-library"), QStringLiteral("--password"), "demo"}), 2);
+    QCOMPARE(run(&output, {}, {QStringLiteral("download-library"), m_folder->path(), m_folder->path()}), 2);
+    QFile file(QDir(m_folder->path()).filePath(QStringLiteral("a file")));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.close();
+    QCOMPARE(run(&output, {}, {QStringLiteral("download-library"), file.fileName()}), 2);
+
+    QCOMPARE(run(&output, email + DevServerProcess::kDemoPassword + '\n'), 0);
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, m_destination), QStringList());
+}
+
+void TestLibraryDownload::cliInterruptedAndStartedAgain()
+{
+    QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"latency_ms", 3000}, {"count", 0}}));
+    QProcess process;
+    start(process, {QStringLiteral("download-library"), m_folder->path()});
+    QVERIFY(process.waitForStarted(kTimeout));
+    QByteArray errors;
+    QTRY_VERIFY_WITH_TIMEOUT((errors += process.readAllStandardError()).contains("DownloadLibrary(0, 50, chunk)"),
+                             kTimeout);
+    ::kill(pid_t(process.processId()), SIGINT);
+    QVERIFY(process.waitForFinished(kTimeout));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 130);
+    QVERIFY(QByteArray(errors + process.readAllStandardError()).contains("run the same command again to continue"));
+
+    QVERIFY(m_server.clearFaults());
+    QCOMPARE(run(), 0);
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, m_destination), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestLibraryDownload)
