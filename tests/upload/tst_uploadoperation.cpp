@@ -201,13 +201,15 @@ Reports TestUploadOperation::upload(const QString &name, qint64 size, const QStr
 {
     const QString path = m_dir.filePath(name);
     if (size > 0 && !writePatternFile(path, size, quint32(size))) {
-        qFatal("cannot write %s", qPrintable(path));
+        QTest::qFail(qPrintable(QStringLiteral("cannot write ") + path), __FILE__, __LINE__);
     }
     Reports reports;
     auto operation = makeOperation(config(path, url), &reports, timeouts);
     m_queue.addOperation(operation);
     if (!settle(m_queue, operation, reports, 600000)) {
-        qWarning("%s: %d final reports", qPrintable(name), reports.finals());
+        // Exactly one final report, whatever the case goes on to check.
+        QTest::qFail(qPrintable(QStringLiteral("%1: %2 final reports").arg(name).arg(reports.finals())), __FILE__,
+                     __LINE__);
     }
     if (keep) {
         *keep = operation;
