@@ -236,7 +236,9 @@ void TestOperationQueue::cancelAllStartsWaitingOperationsCancelled()
     queue.waitUntilAllOperationsAreFinished();
 
     QVERIFY(running->isFinished());
-    QVERIFY(waitingSync->isCancelled() && waitingSync->isFinished() && !waitingSync->mainRan);
+    QVERIFY(waitingSync->isCancelled());
+    QVERIFY(waitingSync->isFinished());
+    QVERIFY(!waitingSync->mainRan);
     QCOMPARE(completions.load(), 2);
     QCOMPARE(queue.operationCount(), 0);
 }
