@@ -268,10 +268,12 @@ void OperationQueue::setSuspended(bool suspended)
 void OperationQueue::cancelAllOperations()
 {
     // Cancel outside the queue's lock: an operation may finish (and call
-    // back into the queue) from within cancel().
+    // back into the queue) from within cancel(). Waiting operations go
+    // first: a running one that finishes on cancel starts the next waiting
+    // one, which must already be marked cancelled by then.
     const QList<OperationPtr> all = operations();
-    for (const OperationPtr &operation : all) {
-        operation->cancel();
+    for (auto it = all.crbegin(); it != all.crend(); ++it) {
+        (*it)->cancel();
     }
 }
 
