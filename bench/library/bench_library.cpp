@@ -150,7 +150,7 @@ int main(int argc, char *argv[])
         out << "cannot start the local service: " << server.errorString() << Qt::endl;
         return 1;
     }
-    const LibraryTest::Identity identity = LibraryTest::signIn(server);
+    const LibraryTest::Identity identity = server.signInDemo();
     out << "seeding " << options.tracks << " tracks, " << options.megabytes << " MB..." << Qt::endl;
     if (identity.token.isEmpty() || !seed(server, options.tracks, bytes)) {
         out << "cannot prepare the library" << Qt::endl;

@@ -202,7 +202,7 @@ auto withFreshServer(const Options &options, Measure measure)
         std::fprintf(stderr, "devserver: %s\n", qPrintable(server.errorString()));
         return Result();
     }
-    const Credentials credentials = signInDemo(server);
+    const Credentials credentials = server.signInDemo();
     if (credentials.token.isEmpty()) {
         std::fprintf(stderr, "sign-in failed\n");
         return Result();

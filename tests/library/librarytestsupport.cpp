@@ -1,9 +1,7 @@
 #include "librarytestsupport.h"
 
 #include "app/logger.h"
-#include "service/core/clientfields.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -12,29 +10,6 @@
 #include <QJsonObject>
 
 namespace LibraryTest {
-
-Identity signIn(const DevServerProcess &server)
-{
-    const QString agent = ClientFields::userAgent();
-    const QStringList fields{ClientFields::deviceName(), ClientFields::version(), ClientFields::client(), agent};
-    const QJsonObject request{
-        {"mode", "status"},
-        {"email_address", DevServerProcess::kDemoEmail},
-        {"password", DevServerProcess::kDemoPassword},
-        {"device_name", fields[0]},
-        {"version", fields[1]},
-        {"client", fields[2]},
-        {"user_agent", agent},
-        {"supported_types", true},
-        {"auth_token",
-         QString::fromLatin1(QCryptographicHash::hash(fields.join(':').toUtf8(), QCryptographicHash::Sha256).toHex())},
-    };
-    const LoopbackHttpResult answer = loopbackHttp(
-        server.port(), "POST", "/s/JSON/", {{"Content-Type", "application/json"}, {"User-Agent", agent.toUtf8()}},
-        QJsonDocument(request).toJson(QJsonDocument::Compact));
-    const QJsonObject user = answer.json().value("user").toObject();
-    return Identity{user.value("id").toVariant().toString(), user.value("token").toString()};
-}
 
 QString trackName(int number)
 {

@@ -8,14 +8,7 @@
 // Helpers shared by the library download tests.
 namespace LibraryTest {
 
-struct Identity
-{
-    QString userId;
-    QString token;
-};
-
-// Signs the demo account in through the JSON API, as the program does (empty on failure).
-Identity signIn(const DevServerProcess &server);
+using Identity = DevServerProcess::Session;
 
 // "Track 001.mp3"...: the names seedTracks gives.
 QString trackName(int number);

@@ -79,7 +79,7 @@ private:
 void TestLibraryDownload::initTestCase()
 {
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-    m_identity = LibraryTest::signIn(m_server);
+    m_identity = m_server.signInDemo();
     QVERIFY(!m_identity.token.isEmpty());
     QCOMPARE(LibraryTest::seedTracks(m_server, kTrackCount, 8000).size(), kTrackCount);
 }

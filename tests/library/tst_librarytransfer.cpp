@@ -110,7 +110,7 @@ private:
 void TestLibraryTransfer::initTestCase()
 {
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-    m_identity = LibraryTest::signIn(m_server);
+    m_identity = m_server.signInDemo();
     QVERIFY(!m_identity.token.isEmpty());
     QCOMPARE(LibraryTest::seedTracks(m_server, 60, 20000).size(), 60);
 }

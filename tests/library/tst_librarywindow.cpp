@@ -92,7 +92,7 @@ private:
 void TestLibraryWindow::initTestCase()
 {
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-    m_identity = LibraryTest::signIn(m_server);
+    m_identity = m_server.signInDemo();
     QVERIFY(!m_identity.token.isEmpty());
     QCOMPARE(LibraryTest::seedTracks(m_server, 70, 6000).size(), 70);
     LyraboxService::sharedService().setUserId(m_identity.userId);

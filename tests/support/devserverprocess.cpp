@@ -1,5 +1,8 @@
 #include "support/devserverprocess.h"
 
+#include "service/core/clientfields.h"
+
+#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QHostAddress>
@@ -328,4 +331,27 @@ QJsonArray DevServerProcess::seed(const QJsonArray &files, const QString &email)
 QJsonObject DevServerProcess::requestCounts() const
 {
     return control("GET", "stats").value("requests").toObject();
+}
+
+DevServerProcess::Session DevServerProcess::signInDemo() const
+{
+    const QString agent = ClientFields::userAgent();
+    const QStringList fields{ClientFields::deviceName(), ClientFields::version(), ClientFields::client(), agent};
+    const QJsonObject request{
+        {"mode", "status"},
+        {"email_address", kDemoEmail},
+        {"password", kDemoPassword},
+        {"device_name", fields[0]},
+        {"version", fields[1]},
+        {"client", fields[2]},
+        {"user_agent", agent},
+        {"supported_types", true},
+        {"auth_token",
+         QString::fromLatin1(QCryptographicHash::hash(fields.join(':').toUtf8(), QCryptographicHash::Sha256).toHex())},
+    };
+    const LoopbackHttpResult answer =
+        loopbackHttp(m_port, "POST", "/s/JSON/", {{"Content-Type", "application/json"}, {"User-Agent", agent.toUtf8()}},
+                     QJsonDocument(request).toJson(QJsonDocument::Compact));
+    const QJsonObject user = answer.json().value("user").toObject();
+    return {user.value("id").toVariant().toString(), user.value("token").toString()};
 }

@@ -67,6 +67,15 @@ public:
     qint64 residentKiB() const;
     qint64 peakResidentKiB() const;
 
+    // The demo account signed in through the JSON API as the program does;
+    // both empty when the sign-in failed.
+    struct Session
+    {
+        QString userId;
+        QString token;
+    };
+    Session signInDemo() const;
+
     // Control calls. Each returns the answer's JSON (empty object when the call failed).
     QJsonObject control(const QByteArray &method, const QByteArray &path, const QJsonObject &body = {}) const;
     bool addFault(const QJsonObject &rule) const;

@@ -171,7 +171,7 @@ void TestUploadOperation::initTestCase()
 {
     Logger::log(QStringLiteral("tst_uploadoperation"));
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-    m_credentials = signInDemo(m_server);
+    m_credentials = m_server.signInDemo();
     QVERIFY(!m_credentials.token.isEmpty());
 }
 

@@ -10,29 +10,6 @@
 #include <QJsonObject>
 #include <QRegularExpression>
 
-Credentials signInDemo(const DevServerProcess &server)
-{
-    const QString agent = ClientFields::userAgent();
-    const QStringList fields{ClientFields::deviceName(), ClientFields::version(), ClientFields::client(), agent};
-    const QJsonObject request{
-        {"mode", "status"},
-        {"email_address", DevServerProcess::kDemoEmail},
-        {"password", DevServerProcess::kDemoPassword},
-        {"device_name", fields[0]},
-        {"version", fields[1]},
-        {"client", fields[2]},
-        {"user_agent", agent},
-        {"supported_types", true},
-        {"auth_token",
-         QString::fromLatin1(QCryptographicHash::hash(fields.join(':').toUtf8(), QCryptographicHash::Sha256).toHex())},
-    };
-    const LoopbackHttpResult result = loopbackHttp(
-        server.port(), "POST", "/s/JSON/", {{"Content-Type", "application/json"}, {"User-Agent", agent.toUtf8()}},
-        QJsonDocument(request).toJson(QJsonDocument::Compact));
-    const QJsonObject user = result.json().value("user").toObject();
-    return {user.value("id").toVariant().toString(), user.value("token").toString()};
-}
-
 AsyncUploadRequestConfiguration uploadConfiguration(const QString &uploadURL, const QString &path,
                                                     const Credentials &credentials)
 {

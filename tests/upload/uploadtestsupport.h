@@ -13,14 +13,7 @@
 
 // Helpers of the upload tests and benchmarks.
 
-struct Credentials
-{
-    QString userId;
-    QString token;
-};
-
-// Signs the demo account in through the JSON API, as the program does.
-Credentials signInDemo(const DevServerProcess &server);
+using Credentials = DevServerProcess::Session;
 
 // A configuration as the service client fills it, for the file at path.
 AsyncUploadRequestConfiguration uploadConfiguration(const QString &uploadURL, const QString &path,
