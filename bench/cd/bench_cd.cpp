@@ -5,6 +5,7 @@
 
 #include "audio/cdripper.h"
 #include "audio/flacencoder.h"
+#include "benchtool.h"
 #include "support/discimage.h"
 
 #include <QCoreApplication>
@@ -37,22 +38,6 @@ DiscImage makeImage(const QString &dir, int minutes)
     std::printf("image: %d tracks, %d sectors (%.1f MB), written in %.2f s\n", image.trackCount(), image.totalSectors(),
                 double(image.totalSectors()) * 2352 / 1e6, timer.elapsed() / 1000.0);
     return image;
-}
-
-// Runs a tool with its output thrown away; the wall time in seconds, or -1.
-double runTool(const QString &program, const QStringList &arguments)
-{
-    QProcess process;
-    process.setStandardOutputFile(QProcess::nullDevice());
-    process.setStandardErrorFile(QProcess::nullDevice());
-    QElapsedTimer timer;
-    timer.start();
-    process.start(program, arguments);
-    if (!process.waitForFinished(-1) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        std::fprintf(stderr, "%s failed: %s\n", qPrintable(program), qPrintable(process.errorString()));
-        return -1;
-    }
-    return timer.nsecsElapsed() / 1e9;
 }
 
 // Rips every track as the CD upload does (full paranoia, 5 retries); checks

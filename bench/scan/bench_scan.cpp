@@ -5,6 +5,7 @@
 //   bench_scan stall   --dir D [--files N]  longest GUI event-loop stall while the session scans the tree
 // Each prints the times and a ratio measured in the same run.
 
+#include "benchtool.h"
 #include "fingerprint/filehash.h"
 #include "fingerprint/md5cache.h"
 #include "session/folderscan.h"
@@ -33,22 +34,6 @@ QString argument(const QStringList &args, const QString &name, const QString &fa
 {
     const qsizetype at = args.indexOf(name);
     return at >= 0 && at + 1 < args.size() ? args.at(at + 1) : fallback;
-}
-
-// Runs a tool with its output thrown away; the wall time in seconds, or -1.
-double runTool(const QString &program, const QStringList &arguments)
-{
-    QProcess process;
-    process.setStandardOutputFile(QProcess::nullDevice());
-    process.setStandardErrorFile(QProcess::nullDevice());
-    QElapsedTimer timer;
-    timer.start();
-    process.start(program, arguments);
-    if (!process.waitForFinished(-1) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        std::fprintf(stderr, "%s failed: %s\n", qPrintable(program), qPrintable(process.errorString()));
-        return -1;
-    }
-    return double(timer.nsecsElapsed()) / 1e9;
 }
 
 // A music library of `files` files, 100 to a folder in artist/album folders;
