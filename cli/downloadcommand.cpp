@@ -2,6 +2,7 @@
 // FOLDER/My Lyrabox Library, resuming where an earlier run stopped.
 #include "cli/commands.h"
 #include "cli/signin.h"
+#include "cli/terminal.h"
 
 #include "library/downloadlibrarymodel.h"
 #include "service/lyraboxservice.h"
@@ -11,22 +12,9 @@
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QLocale>
-#include <QSocketNotifier>
 #include <QTextStream>
 
-#include <csignal>
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace {
-
-int g_signalPipe[2] = {-1, -1};
-
-void onSignal(int signal)
-{
-    const char byte = char(signal);
-    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[1], &byte, 1);
-}
 
 // No window to answer from: the details are printed and the one button taken.
 class TerminalPrompter : public DownloadLibraryPrompter
@@ -40,13 +28,11 @@ public:
     }
 };
 
-// One status line, redrawn in place on a terminal; on a pipe, a line per
-// change of step so a log file stays readable.
+// The download's progress; on a pipe, a line per change of step so a log
+// of the job stays readable.
 class ProgressPrinter
 {
 public:
-    ProgressPrinter() : m_terminal(::isatty(STDERR_FILENO)) {}
-
     void show(const DownloadLibraryViewState &view)
     {
         QString line = view.actionText;
@@ -60,25 +46,16 @@ public:
                        .arg(int(view.progressValue * 100), 3) +
                    line;
         }
-        QTextStream err(stderr);
-        if (m_terminal) {
-            err << "\r\033[K" << line << Qt::flush;
-        } else if (view.actionText != m_lastAction) {
-            err << line << Qt::endl;
+        if (m_status.isTerminal() || view.actionText != m_lastAction) {
+            m_status.show(line);
         }
         m_lastAction = view.actionText;
     }
 
-    void endLine()
-    {
-        if (m_terminal) {
-            QTextStream err(stderr);
-            err << Qt::endl;
-        }
-    }
+    void endLine() { m_status.endLine(); }
 
 private:
-    bool m_terminal;
+    StatusLine m_status;
     QString m_lastAction;
 };
 
@@ -163,23 +140,13 @@ int runDownloadLibraryCommand(const QStringList &args)
     });
 
     // Ctrl-C stops cleanly; the next run resumes from the record.
-    if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) == 0) {
-        auto *notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, &loop);
-        QObject::connect(notifier, &QSocketNotifier::activated, &loop, [&] {
-            char byte = 0;
-            while (::read(g_signalPipe[0], &byte, 1) > 0) {
-            }
-            printer.endLine();
-            err << "pelicane-cli: stopped; run the same command again to continue" << Qt::endl;
-            finish(130);
-        });
-        std::signal(SIGINT, onSignal);
-        std::signal(SIGTERM, onSignal);
-    }
+    const InterruptWatcher interrupts([&] {
+        printer.endLine();
+        err << "pelicane-cli: stopped; run the same command again to continue" << Qt::endl;
+        finish(130);
+    });
 
     model.start();
     loop.exec();
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
     return status;
 }

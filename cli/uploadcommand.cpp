@@ -5,6 +5,7 @@
 // answered by fixed defaults, documented in the usage text below.
 #include "cli/commands.h"
 #include "cli/signin.h"
+#include "cli/terminal.h"
 #include "cli/uploadprogress.h"
 
 #include "app/logger.h"
@@ -17,14 +18,10 @@
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QFileInfo>
-#include <QSocketNotifier>
 #include <QTextStream>
 #include <QTimer>
 
-#include <csignal>
-#include <fcntl.h>
 #include <optional>
-#include <unistd.h>
 
 namespace {
 
@@ -154,49 +151,6 @@ std::optional<UploadOptions> parseOptions(const QStringList &args, QString *erro
     }
     return options;
 }
-
-int g_signalPipe[2] = {-1, -1};
-
-void onSignal(int signal)
-{
-    const char byte = char(signal);
-    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[1], &byte, 1);
-}
-
-// One status line, redrawn in place on a terminal; on a pipe a line now and
-// then, so a log of the job stays short.
-class StatusLine
-{
-public:
-    StatusLine() : m_terminal(::isatty(STDERR_FILENO)) {}
-
-    bool isTerminal() const { return m_terminal; }
-
-    void show(const QString &text)
-    {
-        QTextStream err(stderr);
-        if (m_terminal) {
-            err << "\r\033[K" << text << Qt::flush;
-            m_open = true;
-        } else {
-            err << text << Qt::endl;
-        }
-    }
-
-    // Ends the line in place, so other output starts on a line of its own.
-    void endLine()
-    {
-        if (m_open) {
-            QTextStream err(stderr);
-            err << "\r\033[K" << Qt::flush;
-            m_open = false;
-        }
-    }
-
-private:
-    bool m_terminal;
-    bool m_open = false;
-};
 
 // Answers the session's prompts by the documented defaults.
 class TerminalPrompter : public SessionPrompter
@@ -426,23 +380,15 @@ int runUploadCommand(const QStringList &args)
         finish(exitStatus);
     });
 
-    if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) == 0) {
-        auto *notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, &loop);
-        QObject::connect(notifier, &QSocketNotifier::activated, &loop, [&] {
-            char byte = 0;
-            while (::read(g_signalPipe[0], &byte, 1) > 0) {
-            }
-            stopReason = QStringLiteral("interrupted");
-            exitStatus = ExitInterrupted;
-            if (session.mainPageType() == MainPageTypeUpload) {
-                session.OnCancelUpload();
-            } else {
-                finish(ExitInterrupted);
-            }
-        });
-        std::signal(SIGINT, onSignal);
-        std::signal(SIGTERM, onSignal);
-    }
+    std::optional<InterruptWatcher> interrupts(std::in_place, [&] {
+        stopReason = QStringLiteral("interrupted");
+        exitStatus = ExitInterrupted;
+        if (session.mainPageType() == MainPageTypeUpload) {
+            session.OnCancelUpload();
+        } else {
+            finish(ExitInterrupted);
+        }
+    });
 
     session.OnReuploadChecked(!options.reupload);
     meter.begin();
@@ -454,8 +400,7 @@ int runUploadCommand(const QStringList &args)
     running = false;
     ticker.stop();
     sampler.stop();
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
+    interrupts.reset();
     status.endLine();
     session.detachFromService();
 
