@@ -1,23 +1,17 @@
-// The segment request against the local service: its query, headers, speed figures, the
-// end-marker check and its single outcome; and the service client's single-request download
-// of the whole library as one zip.
+// The segment request against the local service: its query, the end-marker check and its
+// single outcome.
 #include "librarytestsupport.h"
 
 #include "library/downloadlibraryoperation.h"
-#include "library/downloadspeedmeter.h"
 #include "platform/appinfo.h"
-#include "service/lyraboxservice.h"
 
 #include <QDir>
-#include <QFile>
 #include <QJsonObject>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
-
-#include <zip.h>
 
 namespace {
 
@@ -54,28 +48,10 @@ private:
 struct Outcome
 {
     int completions = 0;
-    int progressReports = 0;
     qint64 lastBytes = 0;
     std::optional<QUrl> file;
     OptionalError error;
-    QList<double> fractions; // the service's download
-    QList<qint64> speeds;
 };
-
-void serviceDownload(LyraboxService &service, const QString &folder, Outcome &outcome)
-{
-    service.downloadLibraryWithURL(
-        QUrl::fromLocalFile(folder),
-        [&outcome](double fraction, qint64 speed) {
-            outcome.fractions.append(fraction);
-            outcome.speeds.append(speed);
-        },
-        [&outcome](const std::optional<QUrl> &file, const OptionalError &error) {
-            ++outcome.completions;
-            outcome.file = file;
-            outcome.error = error;
-        });
-}
 
 } // namespace
 
@@ -86,17 +62,11 @@ class TestLibraryTransfer : public QObject
 private slots:
     void initTestCase();
     void cleanup() { QVERIFY(m_server.clearFaults()); }
-    void speedIsTheMeanOfTheLastFiveSeconds();
-    void endMarkerIsCheckedAndCut_data();
-    void endMarkerIsCheckedAndCut();
     void headerRequest();
     void chunkFromTheService();
     void failuresAreReportedOnce_data();
     void failuresAreReportedOnce();
-    void fileInTheWayOfTheFolder();
     void cancelAndDestroy();
-    void serviceDownloadsTheWholeLibrary();
-    void serviceDownloadFailuresAndCancellation();
 
 private:
     // A chunk of 50 tracks from `offset` into `folder`, reporting into `outcome`.
@@ -124,74 +94,13 @@ void TestLibraryTransfer::startChunk(DownloadLibraryOperation &chunk, Outcome &o
             outcome.file = file;
             outcome.error = error;
         });
-    chunk.setProgress([&outcome](DownloadLibraryOperation *, qint64 bytes, qint64) {
-        ++outcome.progressReports;
-        outcome.lastBytes = bytes;
-    });
+    chunk.setProgress([&outcome](DownloadLibraryOperation *, qint64 bytes, qint64) { outcome.lastBytes = bytes; });
     chunk.setUserId(m_identity.userId);
     chunk.setToken(token.isNull() ? m_identity.token : token);
     chunk.setOffset(offset);
     chunk.setLength(50);
     chunk.setDownloadToURL(QUrl::fromLocalFile(folder));
     chunk.start();
-}
-
-void TestLibraryTransfer::speedIsTheMeanOfTheLastFiveSeconds()
-{
-    // Writes every half second; writes in second j are 1000 * j bytes each.
-    DownloadSpeedMeter meter;
-    QCOMPARE(meter.addWrite(500, 500, 0.0), -1);
-    QCOMPARE(meter.addWrite(1000, 1500, 0.5), -1); // still the first second
-    QCOMPARE(meter.addWrite(1000, 2500, 1.0), 2500);
-    qint64 total = 2500;
-    qint64 speed = 0;
-    for (int half = 3; half <= 14; ++half) {
-        const qint64 bytes = 1000 * ((half + 1) / 2);
-        total += bytes;
-        speed = meter.addWrite(bytes, total, half * 0.5);
-    }
-    // Samples 2500, 4000, ..., 14000: the last five remain, their mean rounded down.
-    QCOMPARE(meter.downloadSpeeds(), (QList<qint64>{6000, 8000, 10000, 12000, 14000}));
-    QCOMPARE(speed, 10000);
-    DownloadSpeedMeter rounding;
-    rounding.addWrite(1, 1, 10.0);
-    QCOMPARE(rounding.addWrite(0, 1, 11.0), 1);
-    QCOMPARE(rounding.addWrite(2, 3, 12.0), 1);
-}
-
-void TestLibraryTransfer::endMarkerIsCheckedAndCut_data()
-{
-    QTest::addColumn<QByteArray>("content");
-    QTest::addColumn<bool>("valid");
-    QTest::newRow("marker") << QByteArray("PK\x03\x04 archive bytes EOF\n") << true;
-    QTest::newRow("only the marker") << QByteArray("EOF\n") << true;
-    QTest::newRow("carriage return") << QByteArray("PK archive EOF\r\n") << false;
-    QTest::newRow("cut short") << QByteArray("PK archive E") << false;
-    QTest::newRow("empty") << QByteArray() << false;
-}
-
-void TestLibraryTransfer::endMarkerIsCheckedAndCut()
-{
-    QFETCH(QByteArray, content);
-    QFETCH(bool, valid);
-    QTemporaryDir folder;
-    QFile file(folder.filePath(QStringLiteral(".temp-0.zip")));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(content);
-    file.close();
-
-    const OptionalError error = DownloadLibraryOperation::validateEndMarker(file.fileName());
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), valid ? content.chopped(4) : content);
-    QCOMPARE(bool(error), !valid);
-    if (!valid) {
-        QCOMPARE(error->localizedDescription(), QStringLiteral("Incomplete download."));
-        QVERIFY(LibraryTest::logText().contains(QStringLiteral("Unable to validate data, no end marker found")));
-    }
-    const OptionalError missing = DownloadLibraryOperation::validateEndMarker(folder.filePath("absent.zip"));
-    QCOMPARE(missing.value_or(Error::errorWithMessage()).localizedDescription(),
-             QStringLiteral("Incomplete download."));
-    QVERIFY(LibraryTest::logText().contains(QStringLiteral("Could not open file to validate end marker")));
 }
 
 void TestLibraryTransfer::headerRequest()
@@ -253,22 +162,10 @@ void TestLibraryTransfer::chunkFromTheService()
     const QString path = QDir(destination).filePath(QStringLiteral(".temp-1.zip"));
     QCOMPARE(outcome.file, std::optional<QUrl>(QUrl::fromLocalFile(path)));
     QCOMPARE(executing.size(), 2);
-    // The marker is gone: the file is a plain archive of tracks 51 to 60.
+    // The marker is cut off the archive.
     QVERIFY(chunk.estimatedBytes().has_value());
     QCOMPARE(QFileInfo(path).size(), *chunk.estimatedBytes() - 4);
     QCOMPARE(outcome.lastBytes, *chunk.estimatedBytes());
-    QStringList expected;
-    for (int i = 51; i <= 60; ++i) {
-        expected.append(LibraryTest::trackName(i));
-    }
-    QStringList names;
-    zip_t *archive = zip_open(QFile::encodeName(path).constData(), ZIP_RDONLY | ZIP_CHECKCONS, nullptr);
-    QVERIFY(archive);
-    for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i) {
-        names.append(QString::fromUtf8(zip_get_name(archive, zip_uint64_t(i), 0)));
-    }
-    zip_discard(archive);
-    QCOMPARE(names, expected);
     QCOMPARE(LibraryTest::filesUnder(destination), QStringList{QStringLiteral(".temp-1.zip")});
     const QString log = LibraryTest::logText();
     QVERIFY(log.contains(QStringLiteral("DownloadLibrary(50, 50, chunk)")));
@@ -292,8 +189,6 @@ void TestLibraryTransfer::failuresAreReportedOnce_data()
     QTest::newRow("status 500")
         << with("status", 500) << QString() << "Internal Server Error (500)" << 0
         << "StatusCode: 500, Result: True, Canceled: False, Message: Internal Server Error (500)";
-    QTest::newRow("status without a name")
-        << with("status", 520) << QString() << "(null) (520)" << 0 << "StatusCode: 520, Result: True";
     QTest::newRow("bad token") << QJsonObject() << "wrong"
                                << "Unauthorized (401)" << 0 << "StatusCode: 401, Result: True";
     QTest::newRow("no end marker") << with("omit_end_marker", true) << QString() << "Incomplete download." << 0
@@ -332,26 +227,6 @@ void TestLibraryTransfer::failuresAreReportedOnce()
     QVERIFY2(LibraryTest::logText().contains(logged), qPrintable(logged));
 }
 
-void TestLibraryTransfer::fileInTheWayOfTheFolder()
-{
-    QTemporaryDir folder;
-    const QString blocked = folder.filePath(QStringLiteral("My Lyrabox Library"));
-    QFile file(blocked);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.close();
-    DownloadLibraryOperation chunk;
-    Outcome outcome;
-    startChunk(chunk, outcome, blocked);
-    QTRY_VERIFY_WITH_TIMEOUT(chunk.isFinished(), kTimeout);
-    QTest::qWait(100);
-    QCOMPARE(outcome.completions, 1);
-    QVERIFY(outcome.error);
-    QCOMPARE(outcome.error->localizedDescription(),
-             QStringLiteral("Conflicting file exists at download path: ") + blocked);
-    QVERIFY(!outcome.file);
-    QCOMPARE(LibraryTest::filesUnder(folder.path()), QStringList{QStringLiteral("My Lyrabox Library")});
-}
-
 void TestLibraryTransfer::cancelAndDestroy()
 {
     QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"latency_ms", 2000}, {"count", 2}}));
@@ -379,81 +254,6 @@ void TestLibraryTransfer::cancelAndDestroy()
     }
     QTest::qWait(500);
     QCOMPARE(destroyed.completions, 0);
-
-    // Cancelled before it started: finished at once, never sent.
-    const qint64 before = m_server.requestCounts().value("segment").toInteger();
-    DownloadLibraryOperation chunk;
-    Outcome outcome;
-    chunk.cancel();
-    QVERIFY(chunk.isFinished());
-    startChunk(chunk, outcome, folder.path());
-    QTest::qWait(200);
-    QCOMPARE(outcome.completions, 0);
-    QCOMPARE(m_server.requestCounts().value("segment").toInteger(), before);
-}
-
-void TestLibraryTransfer::serviceDownloadsTheWholeLibrary()
-{
-    LyraboxService service;
-    service.setUserId(m_identity.userId);
-    service.setUserToken(m_identity.token);
-    QTemporaryDir folder;
-    Outcome outcome;
-    serviceDownload(service, folder.path(), outcome);
-    QTRY_COMPARE_WITH_TIMEOUT(outcome.completions, 1, kTimeout);
-    QVERIFY(!outcome.error);
-    QVERIFY(outcome.file);
-
-    const QString path = outcome.file->toLocalFile();
-    QCOMPARE(QFileInfo(path).fileName(), QStringLiteral("Library.zip"));
-    QVERIFY(QFileInfo(path).dir().dirName().startsWith(QStringLiteral("LyraboxLibrary-")));
-    QCOMPARE(QFileInfo(path).size(), service.downloadLibraryEstimatedBytes());
-    QCOMPARE(LibraryTest::filesUnder(folder.path()).size(), 1); // no temporary file left
-    zip_t *archive = zip_open(QFile::encodeName(path).constData(), ZIP_RDONLY | ZIP_CHECKCONS, nullptr);
-    QVERIFY(archive);
-    QCOMPARE(zip_get_num_entries(archive, 0), 60);
-    zip_discard(archive);
-
-    QVERIFY(!outcome.fractions.isEmpty());
-    QCOMPARE(outcome.fractions.last(), 1.0);
-    QCOMPARE(outcome.speeds.first(), -1); // the first second has no sample yet
-    QVERIFY(std::is_sorted(outcome.fractions.cbegin(), outcome.fractions.cend()));
-    QVERIFY(LibraryTest::logText().contains(QStringLiteral("&mode=downloadlibrary&container_type=library\n")));
-}
-
-void TestLibraryTransfer::serviceDownloadFailuresAndCancellation()
-{
-    LyraboxService service;
-    service.setUserId(m_identity.userId);
-    service.setUserToken(QStringLiteral("wrong"));
-    QTemporaryDir folder;
-    {
-        Outcome outcome;
-        serviceDownload(service, folder.path(), outcome);
-        QTRY_COMPARE_WITH_TIMEOUT(outcome.completions, 1, kTimeout);
-        QCOMPARE(outcome.error->localizedDescription(), QStringLiteral("Unauthorized (401)"));
-        QVERIFY(!outcome.file);
-    }
-
-    // Cancelled, or replaced by a second download: one report each.
-    service.setUserToken(m_identity.token);
-    QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"latency_ms", 1500}, {"count", 2}}));
-    Outcome first;
-    Outcome second;
-    serviceDownload(service, folder.path(), first);
-    QTest::qWait(200);
-    serviceDownload(service, folder.path(), second);
-    QCOMPARE(first.completions, 1);
-    QCOMPARE(first.error->code(), -999);
-    QTest::qWait(200);
-    service.cancelDownloadLibrary();
-    service.cancelDownloadLibrary();
-    QCOMPARE(second.completions, 1);
-    QCOMPARE(second.error->code(), -999);
-    QTest::qWait(2500);
-    QCOMPARE(first.completions, 1);
-    QCOMPARE(second.completions, 1);
-    QVERIFY(LibraryTest::filesUnder(folder.path()).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestLibraryTransfer)

@@ -106,8 +106,6 @@ private slots:
     void unsafeArchivesWriteNothing_data();
     void unsafeArchivesWriteNothing();
     void linksOnDiskAreNotFollowed();
-    void brokenArchivesFail_data();
-    void brokenArchivesFail();
 };
 
 void TestLibraryUnzip::extractsBesideTheArchive()
@@ -165,9 +163,6 @@ void TestLibraryUnzip::unsafeArchivesWriteNothing_data()
     QTest::newRow("link out") << QList<ArchiveEntry>{harmless, link(QStringLiteral("escape"), "OUTSIDE"),
                                                      file(QStringLiteral("escape/x"))}
                               << "refused symbolic link \"escape\"";
-    QTest::newRow("link up") << QList<ArchiveEntry>{harmless, link(QStringLiteral("up"), "../.."),
-                                                    file(QStringLiteral("up/x"))}
-                             << "refused symbolic link \"up\"";
 }
 
 void TestLibraryUnzip::unsafeArchivesWriteNothing()
@@ -214,42 +209,6 @@ void TestLibraryUnzip::linksOnDiskAreNotFollowed()
         QCOMPARE(LibraryTest::filesUnder(outside), QStringList{QStringLiteral("secret")});
         QCOMPARE(readAll(secret.fileName()), QByteArrayLiteral("keep me"));
     }
-}
-
-void TestLibraryUnzip::brokenArchivesFail_data()
-{
-    QTest::addColumn<QString>("damage");
-    QTest::newRow("not a zip") << "garbage";
-    QTest::newRow("data changed") << "flip";
-    QTest::newRow("cut short") << "truncate";
-    QTest::newRow("missing") << "remove";
-}
-
-void TestLibraryUnzip::brokenArchivesFail()
-{
-    QFETCH(QString, damage);
-    QTemporaryDir root;
-    const QString archive = root.filePath(QStringLiteral(".temp-0.zip"));
-    QVERIFY(writeArchive(archive, {{QStringLiteral("Track.mp3"), noise(200000, 5)}}));
-    QFile f(archive);
-    if (damage == QLatin1String("garbage")) {
-        QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write(noise(5000, 6));
-    } else if (damage == QLatin1String("flip")) {
-        QVERIFY(f.open(QIODevice::ReadWrite));
-        f.seek(100000); // inside the stored data: only the CRC can tell
-        const char byte = f.read(1).at(0);
-        f.seek(100000);
-        f.write(QByteArray(1, char(byte ^ 0x5a)));
-    } else if (damage == QLatin1String("truncate")) {
-        QVERIFY(f.resize(150000));
-    } else {
-        QVERIFY(f.remove());
-    }
-    f.close();
-    const QStringList events = Recorder(archive).events;
-    QCOMPARE(events.count(QStringLiteral("fail ") + archive), 1);
-    QVERIFY(!events.contains(QStringLiteral("end")));
 }
 
 QTEST_GUILESS_MAIN(TestLibraryUnzip)
