@@ -1,6 +1,5 @@
 #include "audio/cdripper.h"
 #include "cd/plcaudiocdprocessor.h"
-#include "platform/discimages.h"
 #include "support/discimage.h"
 
 #include <QTemporaryDir>
@@ -131,7 +130,8 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        m_standard = DiscImage::create(m_dir.path(), QStringLiteral("standard"), DiscImage::standardOptions());
+        m_standard =
+            DiscImage::create(m_dir.path(), QStringLiteral("standard"), DiscImage::audioOptions({600, 450, 525}));
         QVERIFY(m_standard.isValid());
     }
 
@@ -240,9 +240,9 @@ private slots:
         QVERIFY(!spare->buffer);
     }
 
-    void discsStartingAtTrackTwoOrMixed()
+    void discStartingAtTrackTwo()
     {
-        DiscImage::Options options = DiscImage::standardOptions();
+        DiscImage::Options options = DiscImage::audioOptions({600, 450, 525});
         options.firstTrackNumber = 2;
         const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("fromtwo"), options);
         QVERIFY(image.isValid());
@@ -258,131 +258,6 @@ private slots:
             QCOMPARE(result.record.checksumV1,
                      referenceChecksums(result.audio, i == 0, i == image.trackCount() - 1).v1);
         }
-        // There is no track 1 on this disc.
-        const RipResult missing = rip(engine.context, 1);
-        QCOMPARE(missing.status, 1);
-        QCOMPARE(missing.messages.value(0), QStringLiteral("Track last frame is larger than last disc frame."));
-
-        DiscImage::Options mixedOptions = DiscImage::audioOptions({400, 300});
-        mixedOptions.tracks[1].data = true;
-        const DiscImage mixed = DiscImage::create(m_dir.path(), QStringLiteral("mixed"), mixedOptions);
-        Disc mixedDisc = openDisc(mixed);
-        QCOMPARE(cdio_get_discmode(mixedDisc.get()), CDIO_DISC_MODE_CD_MIXED);
-        Engine mixedEngine(mixedDisc.get());
-        QVERIFY(rip(mixedEngine.context, 1).audio == mixed.trackBytes(0));
-    }
-
-    void readOffsetArithmetic()
-    {
-        Disc disc = openDisc(m_standard);
-        QFile file(m_standard.binPath());
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QByteArray bin = file.readAll();
-
-        int calls = 0;
-        QByteArray bufferStart;
-        const auto ripWith = [&](int32_t sectors, int32_t samples, uint32_t number) {
-            RipSettings settings;
-            settings.offsetSectors = sectors;
-            settings.offsetSamples = samples;
-            Engine engine(disc.get(), &settings);
-            RipTrack *track = ripTrackRecord(engine.context, number);
-            calls = 0;
-            if (ripTrack(
-                    engine.context, track, [&](int32_t, int32_t, const int16_t *, bool *) { ++calls; }, nullptr) != 0) {
-                return QByteArray();
-            }
-            bufferStart = QByteArray(reinterpret_cast<const char *>(track->buffer), kRipSectorBytes);
-            return QByteArray(reinterpret_cast<const char *>(track->audio),
-                              qsizetype(track->lastSector - track->firstSector + 1) * kRipSectorBytes);
-        };
-        const int first2 = m_standard.trackFirstSector(1);
-        const int sectors2 = m_standard.trackSectors(1);
-
-        // Later sectors: the audio starts offsetSamples into the buffer.
-        QCOMPARE(ripWith(2, 10, 2),
-                 bin.mid(qsizetype(first2) * kRipSectorBytes + 40, qsizetype(sectors2) * kRipSectorBytes));
-        QCOMPARE(calls, sectors2 + 2 + 2);
-        // Earlier sectors: the read starts before the track.
-        QCOMPARE(ripWith(-3, 0, 2), m_standard.trackBytes(1));
-        QCOMPARE(bufferStart, bin.mid(qsizetype(first2 - 3) * kRipSectorBytes, kRipSectorBytes));
-        QCOMPARE(calls, sectors2 + 3 + 2);
-        // Before the disc start nothing is read; that part of the buffer is skipped.
-        QCOMPARE(ripWith(-3, 0, 1), m_standard.trackBytes(0));
-        QCOMPARE(calls, m_standard.trackSectors(0) + 2);
-        // Past the lead-out the extra sectors are not read.
-        const int last = m_standard.trackCount();
-        QCOMPARE(ripWith(2, 0, uint32_t(last)), m_standard.trackBytes(last - 1));
-        QCOMPARE(calls, m_standard.trackSectors(last - 1) + 2);
-    }
-
-    void noiseRipsInTheRightByteOrder()
-    {
-        DiscImage::Options options = DiscImage::audioOptions({150, 150, 150, 150});
-        options.whiteNoise = true;
-        for (quint32 seed = 1; seed <= 6; ++seed) {
-            options.seed = seed;
-            const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("noise%1").arg(seed), options);
-            Disc disc = openDisc(image);
-            Engine engine(disc.get());
-            for (int i = 0; i < image.trackCount(); ++i) {
-                QVERIFY2(rip(engine.context, uint32_t(i + 1)).audio == image.trackBytes(i),
-                         qPrintable(QStringLiteral("seed %1 track %2").arg(seed).arg(i + 1)));
-            }
-        }
-    }
-
-    void driveTextsAndHarmlessNotice()
-    {
-        QStringList messages;
-        const RipMessageCallback collect = [&](const char *text) { messages.append(QString::fromUtf8(text)); };
-        bool stop = false;
-        ripForwardDriveText("405: Option not supported by drive\n405: Option not supported by drive\n", collect, &stop);
-        ripForwardDriveText(nullptr, collect, &stop);
-        QVERIFY(!stop);
-        QVERIFY(messages.isEmpty());
-        ripForwardDriveText("405: Option not supported by drive\n010: Unable to access sector 1200: skipping...\n",
-                            collect, &stop);
-        QVERIFY(stop);
-        QCOMPARE(messages, QStringList{QStringLiteral("010: Unable to access sector 1200: skipping...\n")});
-    }
-
-    void theDiscHandleIsTheCallers()
-    {
-        RipContext *context = reinterpret_cast<RipContext *>(this);
-        QCOMPARE(ripOpen(&context, nullptr, nullptr), 1);
-        QVERIFY(!context);
-        ripFree(nullptr);
-
-        // Two discs inserted; the one opened is the one ripped, cue or toc.
-        const DiscImage other =
-            DiscImage::create(m_dir.path(), QStringLiteral("other"), DiscImage::audioOptions({90, 60}));
-        const QString toc = m_standard.writeToc();
-        QVERIFY(!toc.isEmpty());
-        for (const QString &image : {other.cuePath(), m_standard.cuePath(), toc}) {
-            QVERIFY(DiscImages::insert(image));
-        }
-        for (const QString &volume : {m_standard.cuePath(), toc}) {
-            const OptionalError error = PLCAudioCDProcessor::openDeviceForVolume(volume);
-            QVERIFY2(!error, qPrintable(error ? error->localizedDescription() : QString()));
-            QCOMPARE(PLCAudioCDProcessor::deviceName(), volume);
-            {
-                const RipSettings settings = retries(5);
-                Engine engine(PLCAudioCDProcessor::cdio(), &settings);
-                QCOMPARE(engine.context->trackCount, uint32_t(m_standard.trackCount()));
-                for (int i = 0; i < m_standard.trackCount(); ++i) {
-                    QVERIFY2(rip(engine.context, uint32_t(i + 1)).audio == m_standard.trackBytes(i),
-                             qPrintable(volume));
-                }
-            }
-            // Freeing the engine leaves the handle usable until the disc is ejected.
-            QCOMPARE(int(cdio_get_num_tracks(PLCAudioCDProcessor::cdio())), m_standard.trackCount());
-            QCOMPARE(cdio_get_track_lsn(PLCAudioCDProcessor::cdio(), 2), lsn_t(m_standard.trackFirstSector(1)));
-        }
-        QVERIFY(!PLCAudioCDProcessor::eject());
-        QVERIFY(!PLCAudioCDProcessor::cdio());
-        QCOMPARE(DiscImages::list(), (QStringList{other.cuePath(), m_standard.cuePath()}));
-        DiscImages::clear();
     }
 };
 

@@ -1,8 +1,6 @@
 #include "audio/flacencoder.h"
 #include "support/discimage.h"
 
-#include <QDir>
-#include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -43,11 +41,6 @@ QStringList blockTypes(const QString &path)
 QStringList comments(const QString &path)
 {
     return QString::fromUtf8(runTool("metaflac", {"--export-tags-to=-", path})).split('\n', Qt::SkipEmptyParts);
-}
-
-QByteArray pngBytes()
-{
-    return QByteArray::fromHex("89504E470D0A1A0A0000000D49484452000000010000000108060000001F15C489");
 }
 
 } // namespace
@@ -138,12 +131,6 @@ private slots:
                                                            "albumartist=Various", "year=1999",   "genre=Jazz",
                                                            "tracknumber=7/9",     "discnumber=2"};
 
-        PLCID3Tag noTotal;
-        noTotal.setTrack(4);
-        noTotal.setYear(0);
-        noTotal.setAlbum(QString());
-        QTest::newRow("track without total, year 0, empty album")
-            << noTotal << QStringList{"album=", "year=0", "tracknumber=4/(null)"};
         QTest::newRow("nothing") << PLCID3Tag() << QStringList();
     }
     void commentsInOrderAndOnlyWhenPresent()
@@ -158,63 +145,6 @@ private slots:
         // The picture block is there even without artwork, and the padding block is never written.
         QCOMPARE(blockTypes(path), (QStringList{"STREAMINFO", "VORBIS_COMMENT", "PICTURE"}));
         QVERIFY(runTool("metaflac", {"--export-picture-to=-", path}).isEmpty());
-    }
-
-    void pictureBlockWithArtwork()
-    {
-        PLCID3Tag tags;
-        tags.setArtwork(pngBytes());
-        FLACEncoder encoder;
-        OptionalError error;
-        const QString path = encode(encoder, m_audio.left(10 * 2352), tags, &error);
-        QVERIFY(!error);
-        QCOMPARE(runTool("metaflac", {"--export-picture-to=-", path}), pngBytes());
-        QVERIFY(runTool("metaflac", {"--list", "--block-type=PICTURE", path}).contains("MIME type: image/png\n"));
-        QCOMPARE(blockTypes(path), (QStringList{"STREAMINFO", "VORBIS_COMMENT", "PICTURE"}));
-        QCOMPARE(decode(path), m_audio.left(10 * 2352));
-    }
-
-    void temporaryFileLivesWithTheEncoder()
-    {
-        QString path;
-        {
-            FLACEncoder encoder;
-            OptionalError error;
-            path = encode(encoder, m_audio.left(5 * 2352), PLCID3Tag(), &error);
-            QVERIFY(!error);
-            const QFileInfo info(path);
-            QVERIFY(info.isFile() && info.size() > 0);
-            QVERIFY(info.suffix().isEmpty());
-            QCOMPARE(info.absolutePath(), QFileInfo(QDir::tempPath()).absoluteFilePath());
-            QCOMPARE(encoder.totalSamples(), quint64(5 * 588));
-        }
-        QVERIFY(!QFileInfo::exists(path));
-
-        // Two encoders never share a file.
-        FLACEncoder first;
-        FLACEncoder second;
-        QVERIFY(!first.configureWithSampleCount(1, PLCID3Tag(), nullptr, nullptr));
-        QVERIFY(!second.configureWithSampleCount(1, PLCID3Tag(), nullptr, nullptr));
-        QVERIFY(first.filepath() != second.filepath());
-    }
-
-    void initializationFailureIsReported()
-    {
-        const QByteArray savedTemp = qgetenv("TMPDIR");
-        // A temporary folder where no file can be made, even by root.
-        qputenv("TMPDIR", "/proc");
-        FLACEncoder encoder;
-        bool completed = false;
-        const OptionalError error = encoder.configureWithSampleCount(100, PLCID3Tag(), nullptr,
-                                                                     [&completed](const QUrl &) { completed = true; });
-        if (savedTemp.isNull()) {
-            qunsetenv("TMPDIR");
-        } else {
-            qputenv("TMPDIR", savedTemp);
-        }
-        QVERIFY(error.has_value());
-        QCOMPARE(error->localizedDescription(), QStringLiteral(" - Error initializing FLAC encoder"));
-        QVERIFY(!completed);
     }
 };
 
