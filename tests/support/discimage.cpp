@@ -74,33 +74,7 @@ QString quoted(const QString &text)
     return QLatin1Char('"') + escaped + QLatin1Char('"');
 }
 
-} // namespace
-
-DiscImage::Options DiscImage::standardOptions()
-{
-    Options options;
-    options.title = QStringLiteral("Generated Album");
-    options.performer = QStringLiteral("Generated Band");
-    options.tracks = {
-        {600, false, QStringLiteral("First Light"), QStringLiteral("Alice Example")},
-        {450, false, QStringLiteral("Second Wind"), QStringLiteral("Bob Example")},
-        {525, false, QStringLiteral("Third Degree"), QStringLiteral("Carol Example")},
-    };
-    return options;
-}
-
-DiscImage::Options DiscImage::audioOptions(const QList<int> &sectors)
-{
-    Options options;
-    for (int count : sectors) {
-        Track track;
-        track.sectors = count;
-        options.tracks.append(track);
-    }
-    return options;
-}
-
-void DiscImage::generateAudioSector(quint32 seed, int trackIndex, qint64 sectorInTrack, char *out, bool whiteNoise)
+void generateAudioSector(quint32 seed, int trackIndex, qint64 sectorInTrack, char *out)
 {
     // Every track has its own pair of tones per channel.
     const quint32 left1 = phaseStep(220.0 + 110.0 * trackIndex + seed % 17);
@@ -114,10 +88,6 @@ void DiscImage::generateAudioSector(quint32 seed, int trackIndex, qint64 sectorI
         const quint32 noise = noiseBits(seed + static_cast<quint32>(trackIndex) * 7919u, n);
         const qint32 noiseLeft = static_cast<qint32>(noise & 0x7FF) - 1024;
         const qint32 noiseRight = static_cast<qint32>((noise >> 16) & 0x7FF) - 1024;
-        if (whiteNoise) {
-            std::memcpy(out + 4 * i, &noise, 4);
-            continue;
-        }
         const qint16 left = clamp16(tone(n, left1, 9000) + tone(n, left2, 4000) + noiseLeft);
         const qint16 right = clamp16(tone(n, right1, 8000) + tone(n, right2, 3000) + noiseRight);
         // Little-endian, left channel first, as a BINARY cue file holds it.
@@ -128,7 +98,7 @@ void DiscImage::generateAudioSector(quint32 seed, int trackIndex, qint64 sectorI
     }
 }
 
-void DiscImage::generateDataSector(qint64 lsn, char *out)
+void generateDataSector(qint64 lsn, char *out)
 {
     std::memset(out, 0, kSectorBytes);
     std::memset(out + 1, 0xFF, 10);
@@ -140,6 +110,19 @@ void DiscImage::generateDataSector(qint64 lsn, char *out)
     for (int i = 0; i < 2048; ++i) {
         out[16 + i] = static_cast<char>((lsn + i) & 0xFF);
     }
+}
+
+} // namespace
+
+DiscImage::Options DiscImage::audioOptions(const QList<int> &sectors)
+{
+    Options options;
+    for (int count : sectors) {
+        Track track;
+        track.sectors = count;
+        options.tracks.append(track);
+    }
+    return options;
 }
 
 int DiscImage::trackFirstSector(int index) const
@@ -163,24 +146,6 @@ QByteArray DiscImage::trackBytes(int index) const
         return QByteArray();
     }
     return bin.read(qint64(trackSectors(index)) * kSectorBytes);
-}
-
-QString DiscImage::writeToc() const
-{
-    QString path = m_cuePath;
-    path.replace(path.size() - 4, 4, QStringLiteral(".toc"));
-    QFile toc(path);
-    if (!m_valid || !toc.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
-        return QString();
-    }
-    QTextStream out(&toc);
-    out << "CD_DA\n";
-    for (int t = 0; t < trackCount(); ++t) {
-        out << "\nTRACK AUDIO\nFILE " << quoted(m_binPath) << " " << msf(trackFirstSector(t)) << " "
-            << msf(trackSectors(t)) << "\n";
-    }
-    out.flush();
-    return toc.error() == QFileDevice::NoError ? path : QString();
 }
 
 DiscImage DiscImage::create(const QString &directory, const QString &baseName, const Options &options)
@@ -207,7 +172,7 @@ DiscImage DiscImage::create(const QString &directory, const QString &baseName, c
                 if (track.data) {
                     generateDataSector(lsn + done + s, sector);
                 } else {
-                    generateAudioSector(options.seed, t, done + s, sector, options.whiteNoise);
+                    generateAudioSector(options.seed, t, done + s, sector);
                 }
             }
             if (bin.write(chunk.data(), qint64(count) * kSectorBytes) != qint64(count) * kSectorBytes) {
@@ -238,12 +203,6 @@ DiscImage DiscImage::create(const QString &directory, const QString &baseName, c
         out << QStringLiteral("  TRACK %1 %2\n")
                    .arg(options.firstTrackNumber + t, 2, 10, QLatin1Char('0'))
                    .arg(track.data ? QStringLiteral("MODE1/2352") : QStringLiteral("AUDIO"));
-        if (!track.title.isEmpty()) {
-            out << "    TITLE " << quoted(track.title) << "\n";
-        }
-        if (!track.performer.isEmpty()) {
-            out << "    PERFORMER " << quoted(track.performer) << "\n";
-        }
         out << "    INDEX 01 " << msf(start) << "\n";
         start += track.sectors;
     }

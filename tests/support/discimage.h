@@ -5,7 +5,7 @@
 #include <QString>
 
 // Writes small cue/bin disc images at test time: 16-bit little-endian stereo
-// audio, 2352 bytes a sector, with optional CD-TEXT and data tracks.
+// audio, 2352 bytes a sector, with an optional disc title and data tracks.
 //
 // The audio is deterministic and band-limited enough for a drive layer to
 // recognise its byte order: two tones a channel (different for every track)
@@ -17,8 +17,6 @@ public:
     {
         int sectors = 750;
         bool data = false; // a MODE1/2352 data track instead of audio
-        QString title;     // CD-TEXT; empty leaves it out
-        QString performer;
     };
 
     struct Options
@@ -28,24 +26,13 @@ public:
         QString title; // CD-TEXT of the disc; empty leaves it out
         QString performer;
         quint32 seed = 1;
-        // Full-scale white noise instead of tones: the material on which a
-        // drive layer's byte-order guess goes wrong.
-        bool whiteNoise = false;
     };
 
-    // Three audio tracks of a few seconds each with disc and track CD-TEXT.
-    static Options standardOptions();
     // Audio tracks of the given lengths in sectors, without CD-TEXT.
     static Options audioOptions(const QList<int> &sectors);
 
     // Writes <directory>/<baseName>.cue and .bin; check isValid().
     static DiscImage create(const QString &directory, const QString &baseName, const Options &options);
-
-    // Writes a cdrdao table of contents for the same .bin beside the cue
-    // (audio tracks only, no CD-TEXT); its path, or empty on failure. libcdio
-    // reads a toc's file names from the working folder, so the .bin is named
-    // by its absolute path.
-    QString writeToc() const;
 
     bool isValid() const { return m_valid; }
     QString cuePath() const { return m_cuePath; }
@@ -61,13 +48,6 @@ public:
     int totalSectors() const;
     // The track's bytes as they stand in the image.
     QByteArray trackBytes(int index) const;
-
-    // One sector of generated audio: stereo sample n of the track is
-    // 588 * sectorInTrack + i.
-    static void generateAudioSector(quint32 seed, int trackIndex, qint64 sectorInTrack, char *out,
-                                    bool whiteNoise = false);
-    // One MODE1 sector with its sync pattern and header.
-    static void generateDataSector(qint64 lsn, char *out);
 
 private:
     Options m_options;
