@@ -43,7 +43,12 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        m_audio = DiscImage::create(m_dir.path(), QStringLiteral("audio"), DiscImage::audioOptions({600, 450, 525}));
+        DiscImage::Options audio = DiscImage::audioOptions({600, 450, 525});
+        audio.title = QStringLiteral("Generated Album");
+        audio.performer = QStringLiteral("Generated Band");
+        audio.tracks[1].title = QStringLiteral("Second Wind");
+        audio.tracks[1].performer = QStringLiteral("Bob Example");
+        m_audio = DiscImage::create(m_dir.path(), QStringLiteral("audio"), audio);
         DiscImage::Options fromTwo = DiscImage::audioOptions({100, 100});
         fromTwo.firstTrackNumber = 2;
         m_fromTwo = DiscImage::create(m_dir.path(), QStringLiteral("fromtwo"), fromTwo);
@@ -94,6 +99,15 @@ private slots:
         QCOMPARE(int(cdio_get_num_tracks(handle)), 3);
         QCOMPARE(cdio_get_discmode(handle), CDIO_DISC_MODE_CD_DA);
         QCOMPARE(cdio_get_track_lsn(handle, CDIO_CDROM_LEADOUT_TRACK), lsn_t(m_audio.totalSectors()));
+        // The image's CD-TEXT comes through the handle, for the disc and per track.
+        cdtext_t *text = cdio_get_cdtext(handle);
+        QVERIFY(text);
+        QCOMPARE(QString::fromUtf8(cdtext_get_const(text, CDTEXT_FIELD_TITLE, 0)), QStringLiteral("Generated Album"));
+        QCOMPARE(QString::fromUtf8(cdtext_get_const(text, CDTEXT_FIELD_PERFORMER, 0)),
+                 QStringLiteral("Generated Band"));
+        QCOMPARE(QString::fromUtf8(cdtext_get_const(text, CDTEXT_FIELD_TITLE, 2)), QStringLiteral("Second Wind"));
+        QCOMPARE(QString::fromUtf8(cdtext_get_const(text, CDTEXT_FIELD_PERFORMER, 2)), QStringLiteral("Bob Example"));
+        QVERIFY(!cdtext_get_const(text, CDTEXT_FIELD_TITLE, 1));
 
         // The chosen image is opened, not merely the first in the list.
         QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_fromTwo.cuePath()));

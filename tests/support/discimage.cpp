@@ -203,6 +203,12 @@ DiscImage DiscImage::create(const QString &directory, const QString &baseName, c
         out << QStringLiteral("  TRACK %1 %2\n")
                    .arg(options.firstTrackNumber + t, 2, 10, QLatin1Char('0'))
                    .arg(track.data ? QStringLiteral("MODE1/2352") : QStringLiteral("AUDIO"));
+        if (!track.title.isEmpty()) {
+            out << "    TITLE " << quoted(track.title) << "\n";
+        }
+        if (!track.performer.isEmpty()) {
+            out << "    PERFORMER " << quoted(track.performer) << "\n";
+        }
         out << "    INDEX 01 " << msf(start) << "\n";
         start += track.sectors;
     }

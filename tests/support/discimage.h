@@ -5,7 +5,7 @@
 #include <QString>
 
 // Writes small cue/bin disc images at test time: 16-bit little-endian stereo
-// audio, 2352 bytes a sector, with an optional disc title and data tracks.
+// audio, 2352 bytes a sector, with optional CD-TEXT and data tracks.
 //
 // The audio is deterministic and band-limited enough for a drive layer to
 // recognise its byte order: two tones a channel (different for every track)
@@ -17,6 +17,8 @@ public:
     {
         int sectors = 750;
         bool data = false; // a MODE1/2352 data track instead of audio
+        QString title;     // CD-TEXT; empty leaves it out
+        QString performer;
     };
 
     struct Options
