@@ -106,17 +106,13 @@ void TestLibraryTransfer::startChunk(DownloadLibraryOperation &chunk, Outcome &o
 void TestLibraryTransfer::headerRequest()
 {
     qint64 count = -1;
-    int counts = 0;
     const auto run = [&](const QString &token) {
         DownloadLibraryOperation operation;
         operation.setUserId(QStringLiteral("1001"));
         operation.setToken(token);
         operation.setOffset(0);
         operation.setLength(0);
-        operation.setTotalTrackCount([&](qint64 n) {
-            count = n;
-            ++counts;
-        });
+        operation.setTotalTrackCount([&](qint64 n) { count = n; });
         operation.start();
         QTRY_VERIFY_WITH_TIMEOUT(operation.isFinished(), kTimeout);
         qputenv("PELICANE_DOWNLOAD_URL", m_server.downloadUrl().toUtf8());
@@ -136,13 +132,6 @@ void TestLibraryTransfer::headerRequest()
             QStringLiteral(")&version=") + s +
             QStringLiteral("&mode=downloadlibrary&container_type=library&offset=0&length=0&end_marker=1 HTTP/1.1"));
     QVERIFY(LibraryTest::logText().contains(QStringLiteral("DownloadLibrary(0, 0, header)")));
-
-    // An answer without the count gives 0, once.
-    RecordingServer failing("HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n");
-    run(QStringLiteral("t"));
-    QTest::qWait(200);
-    QCOMPARE(count, 0);
-    QCOMPARE(counts, 2);
 }
 
 void TestLibraryTransfer::chunkFromTheService()

@@ -105,7 +105,6 @@ private slots:
     void extractsBesideTheArchive();
     void unsafeArchivesWriteNothing_data();
     void unsafeArchivesWriteNothing();
-    void linksOnDiskAreNotFollowed();
 };
 
 void TestLibraryUnzip::extractsBesideTheArchive()
@@ -187,28 +186,6 @@ void TestLibraryUnzip::unsafeArchivesWriteNothing()
     QCOMPARE(LibraryTest::filesUnder(root.path()), before);
     QVERIFY(!QFileInfo::exists(root.filePath(QStringLiteral("x"))));
     QVERIFY2(LibraryTest::logText().contains(QStringLiteral("Unzip .temp-3.zip: ") + logged), qPrintable(logged));
-}
-
-void TestLibraryUnzip::linksOnDiskAreNotFollowed()
-{
-    QTemporaryDir root;
-    const QDir library(root.filePath(QStringLiteral("My Lyrabox Library")));
-    const QString outside = root.filePath(QStringLiteral("outside"));
-    QVERIFY(library.mkpath(QStringLiteral(".")) && QDir().mkpath(outside));
-    QFile secret(QDir(outside).filePath(QStringLiteral("secret")));
-    QVERIFY(secret.open(QIODevice::WriteOnly) && secret.write("keep me") == 7);
-    secret.close();
-    // Links standing in the library folder before the archive arrives.
-    QVERIFY(QFile::link(outside, library.filePath(QStringLiteral("Album"))));
-    QVERIFY(QFile::link(secret.fileName(), library.filePath(QStringLiteral("Track.mp3"))));
-
-    const QString archive = library.filePath(QStringLiteral(".temp-0.zip"));
-    for (const char *name : {"Album/Track.mp3", "Album/new/Track.mp3", "Track.mp3"}) {
-        QVERIFY(writeArchive(archive, {{QString::fromLatin1(name), "overwritten"}}));
-        QCOMPARE(Recorder(archive).events.last(), QStringLiteral("fail ") + archive);
-        QCOMPARE(LibraryTest::filesUnder(outside), QStringList{QStringLiteral("secret")});
-        QCOMPARE(readAll(secret.fileName()), QByteArrayLiteral("keep me"));
-    }
 }
 
 QTEST_GUILESS_MAIN(TestLibraryUnzip)
