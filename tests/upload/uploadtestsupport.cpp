@@ -92,20 +92,6 @@ QStringList LogWatch::linesOf(const QString &fileName) const
     return result;
 }
 
-qint64 residentKiB()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:")) {
-            return line.mid(6).trimmed().split(' ').first().toLongLong();
-        }
-    }
-    return -1;
-}
-
 ScriptedHttpServer::ScriptedHttpServer(QObject *parent) : QObject(parent)
 {
     connect(&m_server, &QTcpServer::newConnection, this, &ScriptedHttpServer::accept);
@@ -133,12 +119,9 @@ void ScriptedHttpServer::accept()
         m_buffer.clear();
         m_headers.clear();
         m_headersDone = false;
-        m_paused = false;
         m_answered = false;
         m_bodyReceived = 0;
         m_contentLength = -1;
-        // A small buffer makes a stall reach the sender quickly.
-        socket->setReadBufferSize(64 * 1024);
         connect(socket, &QTcpSocket::readyRead, this, &ScriptedHttpServer::readMore);
         readMore();
     }
@@ -146,14 +129,13 @@ void ScriptedHttpServer::accept()
 
 void ScriptedHttpServer::resume()
 {
-    m_paused = false;
     mode = Mode::Answer;
     readMore();
 }
 
 void ScriptedHttpServer::readMore()
 {
-    if (!m_socket || m_paused) {
+    if (!m_socket) {
         return;
     }
     if (!m_headersDone) {
@@ -170,21 +152,7 @@ void ScriptedHttpServer::readMore()
         m_bodyReceived = m_buffer.size() - end - 4;
         m_buffer.clear();
     }
-    for (;;) {
-        if (mode == Mode::StallAfter && m_bodyReceived >= stallAfterBytes) {
-            m_paused = true;
-            return;
-        }
-        qint64 want = 64 * 1024;
-        if (mode == Mode::StallAfter) {
-            want = std::min<qint64>(want, stallAfterBytes - m_bodyReceived);
-        }
-        const QByteArray chunk = m_socket->read(want);
-        if (chunk.isEmpty()) {
-            break;
-        }
-        m_bodyReceived += chunk.size();
-    }
+    m_bodyReceived += m_socket->readAll().size();
     if (bodyComplete() && mode == Mode::Answer && !m_answered) {
         m_answered = true;
         m_socket->write("HTTP/1.1 " + QByteArray::number(status) +

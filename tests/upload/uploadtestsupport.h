@@ -36,21 +36,14 @@ private:
     qint64 m_start;
 };
 
-// Resident memory of this process in KiB, now and at its peak.
-qint64 residentKiB();
-
 // A bare HTTP server for what the real service cannot stage: after a request's body it
-// answers or stays silent, or it stops reading part-way until resumed.
+// answers, or stays silent until resumed.
 class ScriptedHttpServer : public QObject
 {
     Q_OBJECT
 
 public:
-    enum class Mode {
-        Answer,     // after the whole body: status and body
-        Silent,     // read the whole body, never answer
-        StallAfter, // stop reading after stallAfterBytes body bytes
-    };
+    enum class Mode { Answer, Silent };
 
     explicit ScriptedHttpServer(QObject *parent = nullptr);
     bool listen();
@@ -59,13 +52,10 @@ public:
     Mode mode = Mode::Answer;
     int status = 200;
     QByteArray answerBody = R"({"result": true, "message": "Stored."})";
-    qint64 stallAfterBytes = 0;
 
-    // Reads again after a stall (and answers as Answer would).
+    // Answers after all.
     void resume();
 
-    qint64 bodyBytesReceived() const { return m_bodyReceived; }
-    qint64 contentLength() const { return m_contentLength; }
     bool bodyComplete() const { return m_contentLength >= 0 && m_bodyReceived >= m_contentLength; }
 
 private:
@@ -77,7 +67,6 @@ private:
     QByteArray m_buffer;
     QByteArray m_headers;
     bool m_headersDone = false;
-    bool m_paused = false;
     bool m_answered = false;
     qint64 m_bodyReceived = 0;
     qint64 m_contentLength = -1;
