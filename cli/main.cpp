@@ -1,6 +1,6 @@
-#include "app/logger.h"
+#include "core/logger.h"
 #include "cli/commands.h"
-#include "platform/appinfo.h"
+#include "core/appinfo.h"
 
 #include <QCoreApplication>
 #include <QTextStream>
@@ -55,16 +55,12 @@ int main(int argc, char *argv[])
         out << "pelicane-cli " << AppInfo::shortVersion() << " (" << AppInfo::buildNumber() << ")\n";
         return 0;
     }
-#ifdef PELICANE_CLI_UPLOAD
     if (command == QLatin1String("upload")) {
         return runUploadCommand(args);
     }
-#endif
-#ifdef PELICANE_CLI_DOWNLOAD
     if (command == QLatin1String("download-library")) {
         return runDownloadLibraryCommand(args);
     }
-#endif
     err << "pelicane-cli: unknown command '" << command << "'\n\n";
     printUsage(err);
     return 2;

@@ -8,9 +8,9 @@
 #include "cli/terminal.h"
 #include "cli/uploadprogress.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "cd/plcvolumetype.h"
-#include "platform/formatting.h"
+#include "core/formatting.h"
 #include "service/lyraboxservice.h"
 #include "session/md5checkoperation.h"
 #include "session/sessionmodel.h"

@@ -1,6 +1,6 @@
 #include "cli/uploadprogress.h"
 
-#include "platform/formatting.h"
+#include "core/formatting.h"
 #include "session/sessionmodel.h"
 
 #include <QFileInfo>

@@ -1,8 +1,8 @@
 #include "app/appdelegate.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "app/splashwindowcontroller.h"
-#include "platform/appinfo.h"
+#include "core/appinfo.h"
 #include "platform/crashreporter.h"
 #include "platform/dispatch.h"
 #include "service/lyraboxservice.h"

@@ -1,6 +1,6 @@
 #include "app/reportexceptionapplication.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "platform/crashreporter.h"
 
 #include <cstdlib>

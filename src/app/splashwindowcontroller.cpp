@@ -1,6 +1,6 @@
 #include "app/splashwindowcontroller.h"
 
-#include "platform/appinfo.h"
+#include "core/appinfo.h"
 #include "ui_SplashWindowController.h"
 
 #include <QCloseEvent>

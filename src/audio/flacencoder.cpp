@@ -1,6 +1,6 @@
 #include "audio/flacencoder.h"
 
-#include "platform/paths.h"
+#include "core/paths.h"
 
 #include <FLAC/metadata.h>
 #include <FLAC/stream_encoder.h>

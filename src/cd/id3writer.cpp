@@ -1,6 +1,6 @@
 #include "cd/id3writer.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 
 #include <taglib/attachedpictureframe.h>
 #include <taglib/commentsframe.h>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "cd/plcid3tag.h"
-#include "service/core/error.h"
+#include "core/error.h"
 
 #include <QByteArray>
 

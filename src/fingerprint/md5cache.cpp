@@ -1,7 +1,7 @@
 #include "fingerprint/md5cache.h"
 
-#include "app/logger.h"
-#include "platform/paths.h"
+#include "core/logger.h"
+#include "core/paths.h"
 
 #include <QDateTime>
 #include <QDir>

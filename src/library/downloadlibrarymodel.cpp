@@ -1,6 +1,6 @@
 #include "library/downloadlibrarymodel.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "library/downloadlibraryoperation.h"
 
 #include <QDir>

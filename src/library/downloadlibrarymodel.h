@@ -1,7 +1,7 @@
 #pragma once
 
 #include "library/unzipoperation.h"
-#include "service/core/error.h"
+#include "core/error.h"
 
 #include <QHash>
 #include <QObject>

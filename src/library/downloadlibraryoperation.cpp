@@ -1,14 +1,14 @@
 #include "library/downloadlibraryoperation.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "library/downloadspeedmeter.h"
-#include "platform/appinfo.h"
-#include "platform/formatting.h"
-#include "service/core/clientfields.h"
-#include "service/core/endpoints.h"
-#include "service/core/httpstatuscodemap.h"
-#include "service/core/transporterror.h"
-#include "service/core/urlencoding.h"
+#include "core/appinfo.h"
+#include "core/formatting.h"
+#include "protocol/clientfields.h"
+#include "protocol/endpoints.h"
+#include "protocol/httpstatuscodemap.h"
+#include "protocol/transporterror.h"
+#include "protocol/urlencoding.h"
 
 #include <QDir>
 #include <QElapsedTimer>

@@ -1,6 +1,6 @@
 #include "library/unzipoperation.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,8 +1,8 @@
 #include "platform/crashreporter.h"
 
-#include "app/logger.h"
-#include "platform/appinfo.h"
-#include "platform/paths.h"
+#include "core/logger.h"
+#include "core/appinfo.h"
+#include "core/paths.h"
 
 #include <QDateTime>
 #include <QDir>

@@ -1,14 +1,14 @@
 #include "service/lyraboxservice.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "platform/dispatch.h"
-#include "platform/formatting.h"
+#include "core/formatting.h"
 #include "platform/operationqueue.h"
-#include "service/core/clientfields.h"
-#include "service/core/endpoints.h"
-#include "service/core/httpstatuscodemap.h"
-#include "service/core/transporterror.h"
-#include "service/core/urlencoding.h"
+#include "protocol/clientfields.h"
+#include "protocol/endpoints.h"
+#include "protocol/httpstatuscodemap.h"
+#include "protocol/transporterror.h"
+#include "protocol/urlencoding.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>

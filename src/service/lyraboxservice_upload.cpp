@@ -1,13 +1,13 @@
 // The upload dispatch of the service client: one configuration and one
 // upload operation per file, wired to the delegate.
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "cd/plcvolumetype.h"
-#include "platform/formatting.h"
+#include "core/formatting.h"
 #include "platform/operationqueue.h"
-#include "service/core/clientfields.h"
-#include "service/core/endpoints.h"
-#include "service/core/transporterror.h"
+#include "protocol/clientfields.h"
+#include "protocol/endpoints.h"
+#include "protocol/transporterror.h"
 #include "service/lyraboxservice.h"
 #include "upload/asyncuploadrequestoperation.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "service/core/error.h"
+#include "core/error.h"
 
 #include <QString>
 

@@ -1,6 +1,6 @@
 #include "session/folderscan.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 
 #include <QFile>
 

@@ -1,7 +1,7 @@
 #include "session/sessionmodel.h"
 
-#include "app/logger.h"
-#include "platform/paths.h"
+#include "core/logger.h"
+#include "core/paths.h"
 #include "platform/settings.h"
 
 #include <QFileInfo>

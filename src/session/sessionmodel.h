@@ -1,6 +1,6 @@
 #pragma once
 
-#include "service/core/error.h"
+#include "core/error.h"
 #include "service/lyraboxservicedelegate.h"
 #include "session/folderscan.h"
 #include "session/orderedpathset.h"

@@ -2,7 +2,7 @@
 // First step only: the CD sequence (chooser, metadata, album prompt) completes this file.
 #include "session/sessionmodel.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 
 void SessionModel::OnBeginUploadCD()
 {

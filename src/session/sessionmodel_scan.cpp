@@ -1,11 +1,11 @@
 // Folder choice, scan, file list and disc watch of the session.
 #include "session/sessionmodel.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "cd/plcvolumetype.h"
 #include "platform/discimages.h"
-#include "platform/formatting.h"
-#include "platform/paths.h"
+#include "core/formatting.h"
+#include "core/paths.h"
 #include "platform/settings.h"
 #include "service/lyraboxservice.h"
 

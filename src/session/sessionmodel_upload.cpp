@@ -3,12 +3,12 @@
 // retries, the failure prompts and the Result page.
 #include "session/sessionmodel.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
 #include "fingerprint/filehash.h"
 #include "fingerprint/md5cache.h"
-#include "platform/formatting.h"
+#include "core/formatting.h"
 #include "service/lyraboxservice.h"
 #include "session/md5checkoperation.h"
 

@@ -1,11 +1,11 @@
 #include "upload/asyncuploadrequestoperation.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "cd/plcvolumetype.h"
 #include "platform/dispatch.h"
-#include "platform/formatting.h"
-#include "service/core/httpstatuscodemap.h"
-#include "service/core/transporterror.h"
+#include "core/formatting.h"
+#include "protocol/httpstatuscodemap.h"
+#include "protocol/transporterror.h"
 #include "upload/uploadbodydevice.h"
 #include "upload/uploadstream.h"
 

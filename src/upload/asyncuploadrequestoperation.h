@@ -1,7 +1,7 @@
 #pragma once
 
 #include "platform/operationqueue.h"
-#include "service/core/error.h"
+#include "core/error.h"
 #include "upload/asyncuploadrequestconfiguration.h"
 
 #include <QByteArray>

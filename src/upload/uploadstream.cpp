@@ -1,8 +1,8 @@
 #include "upload/uploadstream.h"
 
-#include "platform/formatting.h"
+#include "core/formatting.h"
 #include "platform/mimetypes.h"
-#include "service/core/urlencoding.h"
+#include "protocol/urlencoding.h"
 
 #include <QFileInfo>
 #include <QUrl>

@@ -1,7 +1,7 @@
 // Crashes in the way named by its argument, with the crash reporter running:
 //   segv       a write through a null pointer
 //   exception  a std::runtime_error thrown from an event handler
-#include "app/logger.h"
+#include "core/logger.h"
 #include "app/reportexceptionapplication.h"
 #include "platform/crashreporter.h"
 

@@ -1,4 +1,4 @@
-#include "app/logger.h"
+#include "core/logger.h"
 #include "fingerprint/filehash.h"
 #include "fingerprint/md5cache.h"
 

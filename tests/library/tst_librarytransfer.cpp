@@ -3,7 +3,7 @@
 #include "librarytestsupport.h"
 
 #include "library/downloadlibraryoperation.h"
-#include "platform/appinfo.h"
+#include "core/appinfo.h"
 
 #include <QDir>
 #include <QJsonObject>

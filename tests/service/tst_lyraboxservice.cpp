@@ -3,10 +3,10 @@
 #include "captureserver.h"
 #include "support/devserverprocess.h"
 
-#include "app/logger.h"
-#include "platform/appinfo.h"
+#include "core/logger.h"
+#include "core/appinfo.h"
 #include "platform/operationqueue.h"
-#include "service/core/clientfields.h"
+#include "protocol/clientfields.h"
 #include "service/lyraboxservice.h"
 
 #include <QCryptographicHash>

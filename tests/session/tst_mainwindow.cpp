@@ -1,6 +1,6 @@
 #include "alertdriver.h"
 
-#include "platform/paths.h"
+#include "core/paths.h"
 #include "platform/settings.h"
 #include "session/ui/mainwindowcontroller.h"
 #include "support/sessiontesting.h"

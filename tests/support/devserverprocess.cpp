@@ -1,6 +1,6 @@
 #include "support/devserverprocess.h"
 
-#include "service/core/clientfields.h"
+#include "protocol/clientfields.h"
 
 #include <QCryptographicHash>
 #include <QElapsedTimer>

@@ -3,7 +3,7 @@
 // Helpers of the tests that drive a SessionModel or read the log: a prompter
 // that answers from a script and records what was asked, and the log's lines.
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "session/sessionprompter.h"
 
 #include <QFile>

@@ -1,8 +1,8 @@
 // The upload operation against the local service and, for time-outs, stalls and the stuck
 // guard, against a bare scripted server; then the service client's dispatch of uploads: the
 // configuration it fills, playlist positions, the delegate callbacks and stopping.
-#include "app/logger.h"
-#include "platform/appinfo.h"
+#include "core/logger.h"
+#include "core/appinfo.h"
 #include "platform/operationqueue.h"
 #include "service/lyraboxservice.h"
 #include "upload/asyncuploadrequestoperation.h"

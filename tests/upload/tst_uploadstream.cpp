@@ -1,6 +1,6 @@
 // The multipart envelopes, the pull-style UploadStream and the upload body device, byte for
 // byte.
-#include "app/logger.h"
+#include "core/logger.h"
 #include "upload/uploadbodydevice.h"
 #include "upload/uploadstream.h"
 

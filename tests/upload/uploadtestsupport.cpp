@@ -1,7 +1,7 @@
 #include "uploadtestsupport.h"
 
-#include "app/logger.h"
-#include "service/core/clientfields.h"
+#include "core/logger.h"
+#include "protocol/clientfields.h"
 
 #include <QCryptographicHash>
 #include <QFile>

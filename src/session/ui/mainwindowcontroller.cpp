@@ -1,6 +1,6 @@
 #include "session/ui/mainwindowcontroller.h"
 
-#include "app/logger.h"
+#include "core/logger.h"
 #include "ui_MainWindowController.h"
 
 #include <QCloseEvent>

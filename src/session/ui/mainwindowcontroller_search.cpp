@@ -1,7 +1,7 @@
 // The folder and file-list pages of the main window.
 #include "session/ui/mainwindowcontroller.h"
 
-#include "platform/paths.h"
+#include "core/paths.h"
 #include "platform/settings.h"
 #include "session/ui/filelistitemview.h"
 #include "session/ui/removefilepromptcontroller.h"

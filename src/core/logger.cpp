@@ -1,6 +1,6 @@
-#include "app/logger.h"
+#include "core/logger.h"
 
-#include "platform/paths.h"
+#include "core/paths.h"
 
 #include <QDateTime>
 #include <QDir>

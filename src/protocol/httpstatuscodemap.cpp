@@ -1,4 +1,4 @@
-#include "service/core/httpstatuscodemap.h"
+#include "protocol/httpstatuscodemap.h"
 
 #include <QHash>
 

@@ -1,6 +1,6 @@
-#include "service/core/error.h"
+#include "core/error.h"
 
-#include "platform/paths.h"
+#include "core/paths.h"
 
 Error Error::errorWithMessage(const QString &message, int code)
 {

@@ -1,5 +1,5 @@
 #include "platform/dispatch.h"
-#include "platform/paths.h"
+#include "core/paths.h"
 #include "platform/settings.h"
 
 #include <QFileInfo>
@@ -8,7 +8,7 @@
 
 #include <sys/stat.h>
 
-class TestPlatformCore : public QObject
+class TestPlatform : public QObject
 {
     Q_OBJECT
 
@@ -57,5 +57,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestPlatformCore)
-#include "tst_platformcore.moc"
+QTEST_GUILESS_MAIN(TestPlatform)
+#include "tst_platform.moc"

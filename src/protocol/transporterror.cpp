@@ -1,4 +1,4 @@
-#include "service/core/transporterror.h"
+#include "protocol/transporterror.h"
 
 namespace TransportError {
 

@@ -1,4 +1,4 @@
-#include "service/core/urlencoding.h"
+#include "protocol/urlencoding.h"
 
 #include <QUrl>
 

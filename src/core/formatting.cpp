@@ -1,4 +1,4 @@
-#include "platform/formatting.h"
+#include "core/formatting.h"
 
 QString formatPathList(const QStringList &paths)
 {

@@ -1,6 +1,6 @@
-#include "service/core/clientfields.h"
+#include "protocol/clientfields.h"
 
-#include "platform/appinfo.h"
+#include "core/appinfo.h"
 
 namespace ClientFields {
 

@@ -1,4 +1,4 @@
-#include "platform/appinfo.h"
+#include "core/appinfo.h"
 
 #include "pelicane_version.h"
 

@@ -1,4 +1,4 @@
-#include "service/core/endpoints.h"
+#include "protocol/endpoints.h"
 
 #include <QByteArray>
 

@@ -1,11 +1,11 @@
-#include "service/core/error.h"
-#include "service/core/httpstatuscodemap.h"
-#include "service/core/transporterror.h"
-#include "service/core/urlencoding.h"
+#include "core/error.h"
+#include "protocol/httpstatuscodemap.h"
+#include "protocol/transporterror.h"
+#include "protocol/urlencoding.h"
 
 #include <QTest>
 
-class TestServiceCore : public QObject
+class TestProtocol : public QObject
 {
     Q_OBJECT
 
@@ -85,5 +85,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestServiceCore)
-#include "tst_servicecore.moc"
+QTEST_GUILESS_MAIN(TestProtocol)
+#include "tst_protocol.moc"
