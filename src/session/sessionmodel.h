@@ -3,13 +3,12 @@
 #include "core/error.h"
 #include "service/lyraboxservicedelegate.h"
 #include "session/folderscan.h"
-#include "session/orderedpathset.h"
+#include "session/sessionfilelists.h"
 #include "session/sessionprompter.h"
 #include "session/uploadrunstate.h"
 
 #include <QObject>
 #include <QRect>
-#include <QRecursiveMutex>
 #include <QStringList>
 
 class LyraboxService;
@@ -124,23 +123,17 @@ public:
     void OnBeginUploadCD();
 
     // --- The seven file lists ------------------------------------------------
-    OrderedPathSet &foundFiles() { return m_foundFiles; }
-    const OrderedPathSet &foundFiles() const { return m_foundFiles; }
-    OrderedPathSet &readyFiles() { return m_readyFiles; }
-    const OrderedPathSet &readyFiles() const { return m_readyFiles; }
-    QStringList &uploadingFiles() { return m_uploadingFiles; }
-    const QStringList &uploadingFiles() const { return m_uploadingFiles; }
-    QStringList &skippedFiles() { return m_skippedFiles; }
-    const QStringList &skippedFiles() const { return m_skippedFiles; }
-    QStringList &erroredFiles() { return m_erroredFiles; }
-    const QStringList &erroredFiles() const { return m_erroredFiles; }
-    QStringList &completedFiles() { return m_completedFiles; }
-    const QStringList &completedFiles() const { return m_completedFiles; }
-    QStringList &retryFiles() { return m_retryFiles; }
-    const QStringList &retryFiles() const { return m_retryFiles; }
-
-    // Guards foundFiles and readyFiles where a background task fills them.
-    QRecursiveMutex &lock() { return m_lock; }
+    // Read-only views; every change goes through fileLists()' named moves,
+    // which keep each path in at most one list.
+    const SessionFileLists &fileLists() const { return m_files; }
+    SessionFileLists &fileLists() { return m_files; }
+    const OrderedPathSet &foundFiles() const { return m_files.found(); }
+    const OrderedPathSet &readyFiles() const { return m_files.ready(); }
+    const OrderedPathSet &uploadingFiles() const { return m_files.uploading(); }
+    const OrderedPathSet &skippedFiles() const { return m_files.skipped(); }
+    const OrderedPathSet &erroredFiles() const { return m_files.errored(); }
+    const OrderedPathSet &completedFiles() const { return m_files.completed(); }
+    const OrderedPathSet &retryFiles() const { return m_files.retry(); }
 
     // --- Flags ---------------------------------------------------------------
     bool isUploading() const { return m_isUploading; }
@@ -148,8 +141,6 @@ public:
     // Read by the scan before every entry, from its own thread.
     bool isFileSearchCanceled() const { return m_isFileSearchCanceled.loadRelaxed() != 0; }
     void setIsFileSearchCanceled(bool canceled) { m_isFileSearchCanceled.storeRelaxed(canceled ? 1 : 0); }
-    bool isBeginningUpload() const { return m_isBeginningUpload; }
-    void setIsBeginningUpload(bool beginning) { m_isBeginningUpload = beginning; }
 
     // --- The run (sessionmodel_upload.cpp) -----------------------------------
     // Pause while running, resume while paused.
@@ -265,18 +256,10 @@ private:
     QStringList m_searchFolderPath;
     QStringList m_foundDisks;
 
-    QRecursiveMutex m_lock;
-    OrderedPathSet m_foundFiles;
-    OrderedPathSet m_readyFiles;
-    QStringList m_uploadingFiles;
-    QStringList m_skippedFiles;
-    QStringList m_erroredFiles;
-    QStringList m_completedFiles;
-    QStringList m_retryFiles;
+    SessionFileLists m_files;
 
     bool m_isUploading = false;
     QAtomicInt m_isFileSearchCanceled{0};
-    bool m_isBeginningUpload = false;
 
     // The scan (sessionmodel_scan.cpp).
     void setFileCountLabelText(const QString &text);

@@ -1,5 +1,4 @@
 // The audio-CD flow of the session.
-// First step only: the CD sequence (chooser, metadata, album prompt) completes this file.
 #include "session/sessionmodel.h"
 
 #include "core/logger.h"

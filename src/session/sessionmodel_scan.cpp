@@ -26,16 +26,11 @@ constexpr qint64 kBatchIntervalMs = 100;
 
 void SessionModel::setupSearchContainerView()
 {
-    {
-        // retryFiles stays: a new run tries those first.
-        QMutexLocker locker(&m_lock);
-        m_foundFiles.clear();
-        m_readyFiles.clear();
+    // The retry list stays: a new run tries those first.
+    for (const FileList list : {FileList::Found, FileList::Ready, FileList::Uploading, FileList::Skipped,
+                                FileList::Errored, FileList::Completed}) {
+        m_files.clear(list);
     }
-    m_uploadingFiles.clear();
-    m_skippedFiles.clear();
-    m_erroredFiles.clear();
-    m_completedFiles.clear();
     if (m_searchFolderPath.isEmpty() || !QFileInfo::exists(m_searchFolderPath.first())) {
         m_searchFolderPath.append(Paths::musicDirectory());
     }
@@ -46,7 +41,7 @@ void SessionModel::setupSearchContainerView()
 
 void SessionModel::setupListContainerView()
 {
-    const qsizetype count = m_foundFiles.size();
+    const qsizetype count = m_files.found().size();
     setFileCountLabelText(
         QStringLiteral("%1 files were found. %2")
             .arg(groupedNumber(count),
@@ -81,11 +76,8 @@ void SessionModel::OnSearchFolder()
         OnBeginUploadCD();
         return;
     }
-    {
-        QMutexLocker locker(&m_lock);
-        m_foundFiles.clear();
-        m_readyFiles.clear();
-    }
+    m_files.clear(FileList::Found);
+    m_files.clear(FileList::Ready);
     setMainPageType(MainPageTypeList);
     setFileSearchInProgress(true);
     setFileCountLabelText(QStringLiteral("Searching for files..."));
@@ -138,8 +130,7 @@ void SessionModel::mergeFoundFiles(const QStringList &paths, quint64 epoch)
     if (epoch != m_scanEpoch || isFileSearchCanceled()) {
         return;
     }
-    QMutexLocker locker(&m_lock);
-    m_foundFiles.append(paths);
+    m_files.add(FileList::Found, paths);
 }
 
 void SessionModel::finishFileSearch(quint64 epoch, qint64 errorCount)
@@ -148,10 +139,10 @@ void SessionModel::finishFileSearch(quint64 epoch, qint64 errorCount)
         return;
     }
     Logger::log(
-        QStringLiteral("Scan complete. Found %1 files. %2 scan errors.").arg(m_foundFiles.size()).arg(errorCount));
+        QStringLiteral("Scan complete. Found %1 files. %2 scan errors.").arg(m_files.found().size()).arg(errorCount));
     setFileSearchInProgress(false);
     setupListContainerView();
-    if (!m_foundFiles.isEmpty()) {
+    if (!m_files.found().isEmpty()) {
         setBeginUploadEnabled(true);
     }
     if (errorCount >= 1) {
@@ -189,13 +180,9 @@ void SessionModel::filesDropped(const QStringList &paths)
 
 void SessionModel::removeFoundFile(const QString &path)
 {
-    const qsizetype row = m_foundFiles.indexOf(path);
+    const qsizetype row = m_files.remove(path, FileList::Found);
     if (row < 0) {
         return;
-    }
-    {
-        QMutexLocker locker(&m_lock);
-        m_foundFiles.removeAt(row);
     }
     // The count label keeps the scan's number until the page is set up again.
     emit foundFileRemoved(row);

@@ -104,20 +104,19 @@ void SessionModel::OnUploadFiles(const QString &threadCountText, const QString &
     lyrabox->setCreateTagName(tagName.isEmpty() ? QString() : tagName);
 
     Logger::log(QStringLiteral("Starting Upload"));
-    Logger::log(QStringLiteral(" - Found Files: %1").arg(m_foundFiles.size()));
-    Logger::log(QStringLiteral(" - Skipped Files (0 expected): %1").arg(m_skippedFiles.size()));
-    Logger::log(QStringLiteral(" - Errored Files (0 expected): %1").arg(m_erroredFiles.size()));
-    Logger::log(QStringLiteral(" - Uploading Files (0 expected): %1").arg(m_uploadingFiles.size()));
-    Logger::log(QStringLiteral(" - Completed Files (0 expected): %1").arg(m_completedFiles.size()));
-    Logger::log(QStringLiteral(" - Retry Files (0 expected): %1").arg(m_retryFiles.size()));
+    Logger::log(QStringLiteral(" - Found Files: %1").arg(m_files.found().size()));
+    Logger::log(QStringLiteral(" - Skipped Files (0 expected): %1").arg(m_files.skipped().size()));
+    Logger::log(QStringLiteral(" - Errored Files (0 expected): %1").arg(m_files.errored().size()));
+    Logger::log(QStringLiteral(" - Uploading Files (0 expected): %1").arg(m_files.uploading().size()));
+    Logger::log(QStringLiteral(" - Completed Files (0 expected): %1").arg(m_files.completed().size()));
+    Logger::log(QStringLiteral(" - Retry Files (0 expected): %1").arg(m_files.retry().size()));
     Logger::log(QStringLiteral(" - Playlist Name: %1").arg(nullable(lyrabox->createPlaylistName())));
     Logger::log(QStringLiteral(" - Tag Name: %1").arg(nullable(lyrabox->createTagName())));
 
-    m_run.foundFilesCountCache = m_foundFiles.size();
+    m_run.foundFilesCountCache = m_files.found().size();
     if (lyrabox->reuploadDuplicates()) {
         // Nothing is skipped for being known, so there is nothing to check.
-        m_readyFiles.append(m_foundFiles.toList());
-        m_foundFiles.clear();
+        m_files.moveAll(FileList::Found, FileList::Ready);
     }
     lyrabox->readMd5List();
     lyrabox->setSimultaneousUploadCount(uint(count));
@@ -143,14 +142,12 @@ void SessionModel::beginUploading()
 
 void SessionModel::startMd5CheckPhase()
 {
-    const QStringList snapshot = m_foundFiles.toList();
+    const QStringList snapshot = m_files.found().toList();
     const QString firstRoot = m_searchFolderPath.isEmpty() ? QString() : m_searchFolderPath.first();
 
     Md5CheckOperation::Handlers handlers;
     handlers.audioCD = [this] {
-        while (!m_foundFiles.isEmpty()) {
-            m_readyFiles.append(m_foundFiles.takeFirst());
-        }
+        m_files.moveAll(FileList::Found, FileList::Ready);
         setMd5CheckProgressViewOnScreen(false);
         md5CheckedWithProgress(1.0);
     };
@@ -161,13 +158,8 @@ void SessionModel::startMd5CheckPhase()
     handlers.checked = [this](const QString &path, bool known, qint64 done, qint64 total) {
         // A file that left the found list meanwhile (the lists were emptied
         // by a start over) is not brought back.
-        if (m_foundFiles.remove(path)) {
-            if (known) {
-                Logger::log(QStringLiteral("%1 - skipped").arg(lastPathComponent(path)));
-                m_skippedFiles.append(path);
-            } else {
-                m_readyFiles.append(path);
-            }
+        if (m_files.move(path, FileList::Found, known ? FileList::Skipped : FileList::Ready) && known) {
+            Logger::log(QStringLiteral("%1 - skipped").arg(lastPathComponent(path)));
         }
         md5CheckedWithProgress(total == 0 ? 0.0 : double(done) / double(total));
     };
@@ -196,14 +188,14 @@ void SessionModel::md5CheckedWithProgress(double progress)
         std::fprintf(stderr, "ignoring md5 check because canceled\n");
         return;
     }
-    while (!m_readyFiles.isEmpty() && m_uploadingFiles.size() < qsizetype(service()->simultaneousUploadCount())) {
+    while (!m_files.ready().isEmpty() && m_files.uploading().size() < qsizetype(service()->simultaneousUploadCount())) {
         uploadNextFile();
     }
     m_run.md5CheckProgressView.setUploadProgress(qint64(progress * 100.0), false);
     emit md5CheckProgressViewChanged();
     updateUploadState();
     updateUploadListView();
-    if (m_foundFiles.isEmpty() && m_readyFiles.isEmpty() && m_uploadingFiles.isEmpty() &&
+    if (m_files.found().isEmpty() && m_files.ready().isEmpty() && m_files.uploading().isEmpty() &&
         m_mainPageType != MainPageTypeResult) {
         showUploadResult();
     }
@@ -213,37 +205,26 @@ void SessionModel::md5CheckedWithProgress(double progress)
 
 void SessionModel::uploadNextFile()
 {
-    const bool isRetry = !m_retryFiles.isEmpty();
-    QString path;
-    if (isRetry) {
-        path = m_retryFiles.first();
-    } else if (!m_readyFiles.isEmpty()) {
-        path = m_readyFiles.first();
-    }
-    if (path.isNull()) {
-        if (!m_foundFiles.isEmpty()) {
+    const std::optional<SessionFileLists::Next> next = m_files.takeNext();
+    if (!next) {
+        if (!m_files.found().isEmpty()) {
             // The check is still feeding the lists.
             return;
         }
-        if (m_readyFiles.isEmpty() && m_uploadingFiles.isEmpty() && m_retryFiles.isEmpty()) {
+        if (m_files.uploading().isEmpty()) {
             // After the current event, so the finish that got here completes first.
             QTimer::singleShot(0, this, &SessionModel::showUploadResult);
         }
         return;
     }
+    const QString path = next->path;
+    const bool isRetry = next->isRetry;
 
     const bool isAudioCD = PLCVolumeType::isDiskAtPath(parentFolder(path));
     std::optional<PLCID3Tag> tag;
     if (auto it = m_run.audioCDID3Tags.constFind(path); it != m_run.audioCDID3Tags.constEnd()) {
         tag = *it;
     }
-
-    if (isRetry) {
-        m_retryFiles.removeFirst();
-    } else {
-        m_readyFiles.takeFirst();
-    }
-    m_uploadingFiles.append(path);
 
     UploadListItem row;
     row.setupView();
@@ -302,8 +283,7 @@ void SessionModel::freshDigestTaken(const QString &path, quint64 ticket, const s
     LyraboxService *lyrabox = service();
     if (!lyrabox->reuploadDuplicates() && md5 && lyrabox->getMd5List().contains(*md5)) {
         // Known after all; its row stays on screen until the list is rebuilt.
-        m_uploadingFiles.removeOne(path);
-        m_skippedFiles.append(path);
+        m_files.move(path, FileList::Uploading, FileList::Skipped);
         updateUploadState();
         updateUploadListView();
         uploadNextFile();
@@ -316,8 +296,8 @@ void SessionModel::freshDigestTaken(const QString &path, quint64 ticket, const s
 
 void SessionModel::updateUploadState()
 {
-    const qint64 completed = m_completedFiles.size();
-    const qint64 remaining = m_foundFiles.size() + m_readyFiles.size() + m_uploadingFiles.size();
+    const qint64 completed = m_files.completed().size();
+    const qint64 remaining = m_files.remaining();
     const qint64 total = remaining + completed;
     // Single precision, cut toward zero: 29 of 100 shows as 28.
     const int percent = total == 0 ? 0 : int(float(completed) / float(total) * 100.0f);
@@ -325,8 +305,8 @@ void SessionModel::updateUploadState()
                                 .arg(groupedNumber(completed), groupedNumber(remaining))
                                 .arg(percent);
     m_run.skippedStateText =
-        QStringLiteral("Skipped: %1 files (already uploaded).").arg(groupedNumber(m_skippedFiles.size()));
-    m_run.skippedStateHidden = m_skippedFiles.isEmpty();
+        QStringLiteral("Skipped: %1 files (already uploaded).").arg(groupedNumber(m_files.skipped().size()));
+    m_run.skippedStateHidden = m_files.skipped().isEmpty();
     emit uploadStateChanged();
 }
 
@@ -396,9 +376,7 @@ void SessionModel::OnPauseUpload()
         m_run.md5CheckOperationQueue.cancelAllOperations();
         // The interrupted files lead the ready list again, in their order;
         // interrupted retries become ordinary ready files.
-        while (!m_uploadingFiles.isEmpty()) {
-            m_readyFiles.prepend(m_uploadingFiles.takeLast());
-        }
+        m_files.moveAll(FileList::Uploading, FileList::Ready, SessionFileLists::End::Front);
         m_run.pendingDigests.clear();
         m_isUploading = false;
         updateUploadState();
@@ -421,12 +399,12 @@ void SessionModel::OnCancelUpload()
 void SessionModel::OnStartOver()
 {
     QString representative;
-    if (!m_completedFiles.isEmpty()) {
-        representative = m_completedFiles.first();
-    } else if (!m_readyFiles.isEmpty()) {
-        representative = m_readyFiles.first();
-    } else if (!m_erroredFiles.isEmpty()) {
-        representative = m_erroredFiles.first();
+    if (!m_files.completed().isEmpty()) {
+        representative = m_files.completed().first();
+    } else if (!m_files.ready().isEmpty()) {
+        representative = m_files.ready().first();
+    } else if (!m_files.errored().isEmpty()) {
+        representative = m_files.errored().first();
     }
     if (!representative.isNull() && PLCVolumeType::isDiskAtPath(parentFolder(representative))) {
         if (const OptionalError error = PLCAudioCDProcessor::eject(parentFolder(representative))) {
@@ -456,16 +434,13 @@ void SessionModel::OnReuploadChecked(bool checked)
 void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &filePath, const OptionalError &error)
 {
     emit uploadFinished(filePath, error);
-    const bool wasUploading = m_uploadingFiles.removeOne(filePath);
-    if (!wasUploading) {
+    if (!m_files.uploading().contains(filePath)) {
         // The run was paused after this upload had ended; the pause put the
         // file back in the ready list. A success is real, so it counts once
         // and is not sent again; a failure leaves the file to be sent again.
         if (!error) {
             m_run.simultaneousErrors = 0;
-            m_readyFiles.remove(filePath);
-            m_retryFiles.removeAll(filePath);
-            m_completedFiles.append(filePath);
+            m_files.relocate(filePath, FileList::Completed);
         } else if (!error->isCancelled()) {
             Logger::log(QStringLiteral("%1 - %2").arg(lastPathComponent(filePath), error->localizedDescription()));
         }
@@ -474,23 +449,23 @@ void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &fileP
         return;
     }
 
+    // Transport failures go again, before any ready file. A cancel goes
+    // nowhere: the pause that asked for it has put the file back already.
     if (error) {
         Logger::log(QStringLiteral("%1 - %2").arg(lastPathComponent(filePath), error->localizedDescription()));
         if (error->code() >= 1) {
-            m_erroredFiles.append(filePath);
+            m_files.move(filePath, FileList::Uploading, FileList::Errored);
             ++m_run.simultaneousErrors;
+        } else if (!error->isCancelled() && m_isUploading) {
+            m_files.move(filePath, FileList::Uploading, FileList::Retry);
+        } else {
+            m_files.remove(filePath, FileList::Uploading);
         }
     } else {
         m_run.simultaneousErrors = 0;
-        m_completedFiles.append(filePath);
+        m_files.move(filePath, FileList::Uploading, FileList::Completed);
     }
     removeUploadListView(filePath);
-
-    // Transport failures go again, before any ready file. A cancel goes
-    // nowhere: the pause that asked for it has put the file back already.
-    if (error && error->code() <= 0 && !error->isCancelled() && m_isUploading) {
-        m_retryFiles.append(filePath);
-    }
 
     if (m_run.simultaneousErrors >= kSimultaneousErrorLimit) {
         if (m_isUploading) {
@@ -518,14 +493,12 @@ void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &fileP
             showAlert(QStringLiteral("CD Rip Error"), error->localizedDescription(), QStringLiteral("Retry Track"),
                       QStringLiteral("Skip Track"), QStringLiteral("Cancel Upload"));
         if (answer == kAlertFirstButtonReturn) {
-            m_erroredFiles.removeAll(filePath);
-            m_retryFiles.removeAll(filePath);
-            m_readyFiles.prepend(filePath);
+            m_files.relocate(filePath, FileList::Ready, SessionFileLists::End::Front);
             uploadNextFile();
         } else if (answer == kAlertSecondButtonReturn) {
             uploadNextFile();
         } else if (answer == kAlertThirdButtonReturn) {
-            m_erroredFiles.clear();
+            m_files.clear(FileList::Errored);
             stopWaitingAnimation();
             setMainPageType(MainPageTypeResult);
         }
@@ -547,30 +520,29 @@ void SessionModel::showUploadResult()
 {
     setMainPageType(MainPageTypeResult);
     Logger::log(QStringLiteral("Upload Ended"));
-    Logger::log(QStringLiteral(" - Found Files: %1").arg(m_foundFiles.size()));
-    Logger::log(QStringLiteral(" - Skipped Files: %1").arg(m_skippedFiles.size()));
-    Logger::log(QStringLiteral(" - Errored Files: %1").arg(m_erroredFiles.size()));
-    Logger::log(QStringLiteral(" - Uploading Files: %1").arg(m_uploadingFiles.size()));
-    Logger::log(QStringLiteral(" - Completed Files: %1").arg(m_completedFiles.size()));
-    Logger::log(QStringLiteral(" - Retry Files: %1").arg(m_retryFiles.size()));
+    Logger::log(QStringLiteral(" - Found Files: %1").arg(m_files.found().size()));
+    Logger::log(QStringLiteral(" - Skipped Files: %1").arg(m_files.skipped().size()));
+    Logger::log(QStringLiteral(" - Errored Files: %1").arg(m_files.errored().size()));
+    Logger::log(QStringLiteral(" - Uploading Files: %1").arg(m_files.uploading().size()));
+    Logger::log(QStringLiteral(" - Completed Files: %1").arg(m_files.completed().size()));
+    Logger::log(QStringLiteral(" - Retry Files: %1").arg(m_files.retry().size()));
     emit uploadEnded();
 }
 
 void SessionModel::setupResultContainerView()
 {
     m_run.discoveredText = QStringLiteral("Discovered: \t%1 files").arg(groupedNumber(m_run.foundFilesCountCache));
-    m_run.uploadedText = QStringLiteral("Uploaded: \t%1 files").arg(groupedNumber(m_completedFiles.size()));
+    m_run.uploadedText = QStringLiteral("Uploaded: \t%1 files").arg(groupedNumber(m_files.completed().size()));
     m_run.skippedText =
-        QStringLiteral("Skipped: \t%1 files (already uploaded)").arg(groupedNumber(m_skippedFiles.size()));
-    m_run.errorsText = QStringLiteral("Errors: \t\t%1 files").arg(groupedNumber(m_erroredFiles.size()));
-    m_run.retryErrorsButtonVisible = !m_erroredFiles.isEmpty();
+        QStringLiteral("Skipped: \t%1 files (already uploaded)").arg(groupedNumber(m_files.skipped().size()));
+    m_run.errorsText = QStringLiteral("Errors: \t\t%1 files").arg(groupedNumber(m_files.errored().size()));
+    m_run.retryErrorsButtonVisible = !m_files.errored().isEmpty();
     emit uploadStateChanged();
 }
 
 void SessionModel::OnRetryErrors()
 {
-    m_readyFiles.append(m_erroredFiles);
-    m_erroredFiles.clear();
+    m_files.moveAll(FileList::Errored, FileList::Ready);
     m_run.simultaneousErrors = 0;
     setMainPageType(MainPageTypeUpload);
 }

@@ -76,7 +76,7 @@ private slots:
 
         QVERIFY2(prompter.alerts.isEmpty(), qPrintable(prompter.titles().join(", ")));
         QCOMPARE(model.completedFiles().size(), 300);
-        QCOMPARE(toSet(model.completedFiles()), toSet(m_music.paths));
+        QCOMPARE(toSet(model.completedFiles().toList()), toSet(m_music.paths));
         QVERIFY(model.skippedFiles().isEmpty() && model.erroredFiles().isEmpty() && model.retryFiles().isEmpty());
 
         // The service holds exactly these files, byte for byte.
@@ -102,7 +102,7 @@ private slots:
 
         QVERIFY(prompter.alerts.isEmpty());
         QVERIFY(model.completedFiles().isEmpty());
-        QCOMPARE(toSet(model.skippedFiles()), toSet(m_music.paths));
+        QCOMPARE(toSet(model.skippedFiles().toList()), toSet(m_music.paths));
         QCOMPARE(m_server.requestCounts().value(QStringLiteral("upload")).toInteger(), uploadsBefore);
         QCOMPARE(libraryField(m_server.library()).size(), 300);
         QCOMPARE(log.lines().filter(QStringLiteral(" - skipped")).size(), 300);
@@ -118,6 +118,16 @@ private slots:
         ScriptedPrompter prompter;
         SessionModel model(&prompter);
         LogWatch log;
+        // After every step of the run, no file is in two lists.
+        QStringList violations;
+        auto checkLists = [&] {
+            if (const QString violation = model.fileLists().invariantViolation(); !violation.isEmpty()) {
+                violations << violation;
+            }
+        };
+        connect(&model, &SessionModel::uploadStateChanged, this, checkLists);
+        connect(&model, &SessionModel::uploadListViewChanged, this, checkLists);
+        connect(&model, &SessionModel::uploadFinished, this, checkLists);
 
         // One kind of fault at a time, each taken up by the next uploads:
         // connections dropped in the middle of the body, error answers, and
@@ -141,19 +151,20 @@ private slots:
 
         // Every file ended in exactly one place, and the service holds
         // exactly the ones reported uploaded.
-        const QSet<QString> completed = toSet(model.completedFiles());
+        const QSet<QString> completed = toSet(model.completedFiles().toList());
         QCOMPARE(completed.size(), model.completedFiles().size());
-        QVERIFY(!completed.intersects(toSet(model.erroredFiles())));
-        QCOMPARE(completed + toSet(model.erroredFiles()), toSet(music.paths));
+        QVERIFY(!completed.intersects(toSet(model.erroredFiles().toList())));
+        QCOMPARE(completed + toSet(model.erroredFiles().toList()), toSet(music.paths));
         QVERIFY(model.retryFiles().isEmpty());
         QCOMPARE(model.erroredFiles().size(), 3);
-        QCOMPARE(libraryField(m_server.library(email)), music.digests(model.completedFiles()));
+        QCOMPARE(libraryField(m_server.library(email)), music.digests(model.completedFiles().toList()));
         // The dropped uploads went again after the retry wait; error answers
         // counted as failures in a row without stopping the run.
         QVERIFY(!log.lines().filter(QStringLiteral(": Waiting 5 seconds to retry...")).isEmpty());
         QCOMPARE(log.lines().filter(QStringLiteral(" - Internal trouble")).size(), 3);
         QVERIFY(model.simultaneousErrors() <= 3);
         QVERIFY(prompter.alerts.isEmpty());
+        QVERIFY2(violations.isEmpty(), qPrintable(violations.join(u'\n')));
 
         model.detachFromService();
     }

@@ -72,7 +72,7 @@ private slots:
         QVERIFY(window.ui()->uploadStateLabel2->isHidden());
 
         // Pause: the rows go, the files in flight lead the ready list again.
-        const QStringList inFlight = window.session()->uploadingFiles();
+        const QStringList inFlight = window.session()->uploadingFiles().toList();
         QCOMPARE(inFlight.size(), 2);
         window.ui()->uploadButton->click();
         QCOMPARE(window.ui()->uploadButton->text(), QStringLiteral("Resume Upload"));

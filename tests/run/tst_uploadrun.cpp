@@ -59,7 +59,7 @@ private slots:
             ScriptedPrompter prompter;
             SessionModel model(&prompter);
             model.setMainPageType(MainPageTypeList);
-            model.foundFiles().append(QStringLiteral("/music/a.mp3"));
+            model.fileLists().add(FileList::Found, QStringLiteral("/music/a.mp3"));
             model.OnUploadFiles(text, QString(), QString());
             QCOMPARE(prompter.alerts.size(), 1);
             QCOMPARE(prompter.alerts[0].message,
@@ -77,14 +77,14 @@ private slots:
         SessionModel model(&prompter);
         for (int i = 0; i < 100; ++i) {
             if (i < 53) {
-                model.completedFiles() << QStringLiteral("/c%1").arg(i);
+                model.fileLists().add(FileList::Completed, QStringLiteral("/c%1").arg(i));
             } else {
-                model.foundFiles().append(QStringLiteral("/f%1").arg(i));
+                model.fileLists().add(FileList::Found, QStringLiteral("/f%1").arg(i));
             }
         }
-        model.skippedFiles() << QStringLiteral("/s");
-        model.erroredFiles() << QStringLiteral("/e");
-        model.retryFiles() << QStringLiteral("/t");
+        model.fileLists().add(FileList::Skipped, QStringLiteral("/s"));
+        model.fileLists().add(FileList::Errored, QStringLiteral("/e"));
+        model.fileLists().add(FileList::Retry, QStringLiteral("/t"));
         model.updateUploadState();
         QCOMPARE(model.uploadStateLabelText(), QStringLiteral("Uploaded: 53 files, 47 remaining, 52% complete"));
         QCOMPARE(model.uploadStateLabel2Text(), QStringLiteral("Skipped: 1 files (already uploaded)."));
@@ -100,16 +100,16 @@ private slots:
         ScriptedPrompter prompter;
         SessionModel model(&prompter);
         startRunning(model);
-        model.uploadingFiles() << QStringLiteral("/a") << QStringLiteral("/b") << QStringLiteral("/c");
-        model.readyFiles().append(QStringLiteral("/d"));
-        model.retryFiles() << QStringLiteral("/t");
+        model.fileLists().add(FileList::Uploading, QStringList{QStringLiteral("/a"), QStringLiteral("/b"), QStringLiteral("/c")});
+        model.fileLists().add(FileList::Ready, QStringLiteral("/d"));
+        model.fileLists().add(FileList::Retry, QStringLiteral("/t"));
 
         model.OnPauseUpload();
         QVERIFY(!model.isUploading());
         QCOMPARE(model.uploadButtonTitle(), QStringLiteral("Resume Upload"));
         QCOMPARE(model.readyFiles().toList(), (QStringList{"/a", "/b", "/c", "/d"}));
         QVERIFY(model.uploadingFiles().isEmpty());
-        QCOMPARE(model.retryFiles(), QStringList{QStringLiteral("/t")});
+        QCOMPARE(model.retryFiles().toList(), QStringList{QStringLiteral("/t")});
         QVERIFY(model.uploadListItemViews().isEmpty());
         // A check result that arrives while paused changes nothing.
         model.md5CheckedWithProgress(0.5);
@@ -136,7 +136,7 @@ private slots:
         SessionModel model(&prompter);
         startRunning(model);
         auto finish = [&](const QString &path, const OptionalError &error) {
-            model.uploadingFiles() << path;
+            model.fileLists().add(FileList::Uploading, path);
             model.lyraboxDidFinishUpload(nullptr, path, error);
         };
         for (int i = 0; i < 49; ++i) {
@@ -147,7 +147,7 @@ private slots:
         QCOMPARE(model.simultaneousErrors(), 49);
         QCOMPARE(model.erroredFiles().size(), 49);
 
-        model.uploadingFiles() << QStringLiteral("/g");
+        model.fileLists().add(FileList::Uploading, QStringLiteral("/g"));
         LogWatch log;
         finish(QStringLiteral("/f49"), failure(500));
         QCOMPARE(prompter.alerts.size(), 1);
@@ -170,13 +170,13 @@ private slots:
         startRunning(model);
         const QString ready = writeFile(QStringLiteral("ready.mp3"), "ready");
         const QString lost = writeFile(QStringLiteral("lost.mp3"), "lost");
-        model.readyFiles().append(ready);
-        model.uploadingFiles() << lost;
+        model.fileLists().add(FileList::Ready, ready);
+        model.fileLists().add(FileList::Uploading, lost);
         LogWatch log;
 
         model.lyraboxDidFinishUpload(nullptr, lost, failure(-1005, QStringLiteral("The network connection was lost.")));
         // It went to the retry list and, being first there, out again at once.
-        QCOMPARE(model.uploadingFiles(), QStringList{lost});
+        QCOMPARE(model.uploadingFiles().toList(), QStringList{lost});
         QCOMPARE(model.readyFiles().toList(), QStringList{ready});
         QVERIFY(model.retryFiles().isEmpty());
         QVERIFY(log.lines().contains(QStringLiteral("lost.mp3 - The network connection was lost.")));
@@ -194,8 +194,8 @@ private slots:
         ScriptedPrompter prompter;
         SessionModel model(&prompter);
         startRunning(model);
-        model.uploadingFiles() << QStringLiteral("/a") << QStringLiteral("/b") << QStringLiteral("/c");
-        model.readyFiles().append(QStringLiteral("/d"));
+        model.fileLists().add(FileList::Uploading, QStringList{QStringLiteral("/a"), QStringLiteral("/b"), QStringLiteral("/c")});
+        model.fileLists().add(FileList::Ready, QStringLiteral("/d"));
         const Error offline = failure(-1009, QStringLiteral("The Internet connection appears to be offline."));
         // A second offline failure while the first prompt is up asks nothing more.
         prompter.whileAlertShows = [&] { model.lyraboxDidFinishUpload(nullptr, QStringLiteral("/b"), offline); };
@@ -207,7 +207,7 @@ private slots:
         QCOMPARE(prompter.alerts[0].informative, QStringLiteral("The internet connection appears to be offline."));
         QVERIFY(!model.isUploading());
         // The failed file waits in the retry list and goes first on resume.
-        QCOMPARE(model.retryFiles(), QStringList{QStringLiteral("/a")});
+        QCOMPARE(model.retryFiles().toList(), QStringList{QStringLiteral("/a")});
         QCOMPARE(model.readyFiles().toList(), (QStringList{"/b", "/c", "/d"}));
         QCOMPARE(model.simultaneousErrors(), 0);
     }

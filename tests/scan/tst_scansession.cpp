@@ -68,7 +68,7 @@ private slots:
 
         ScriptedPrompter prompter;
         auto session = makeSession(&prompter);
-        session->foundFiles().append(QStringLiteral("/left/over.mp3"));
+        session->fileLists().add(FileList::Found, QStringLiteral("/left/over.mp3"));
         session->setSearchFolderPath({root, single});
 
         LogWatch log;
@@ -102,7 +102,7 @@ private slots:
         QCOMPARE(session->fileCountLabelText(), QStringLiteral("0 files were found. "));
         QVERIFY(!session->isBeginUploadEnabled());
         for (int i = 0; i < 12345; ++i) {
-            session->foundFiles().append(QStringLiteral("/m/%1.mp3").arg(i));
+            session->fileLists().add(FileList::Found, QStringLiteral("/m/%1.mp3").arg(i));
         }
         session->setupListContainerView();
         QCOMPARE(session->fileCountLabelText(),

@@ -147,7 +147,7 @@ private slots:
         // A run is under way behind the overlay when the service refuses the session.
         SessionModel *session = window.session();
         session->setIsUploading(true);
-        session->uploadingFiles() << QStringLiteral("/music/a.mp3");
+        session->fileLists().add(FileList::Uploading, QStringLiteral("/music/a.mp3"));
         window.startWaitingAnimation(QStringLiteral("Preparing upload..."));
         QVERIFY(m_server.revokeToken());
 
