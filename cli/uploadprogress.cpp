@@ -51,7 +51,7 @@ void UploadProgressMeter::fileCompleted(const QString &path)
 qint64 UploadProgressMeter::bytesSent() const
 {
     qint64 inFlight = 0;
-    for (const UploadListItem &row : m_session->uploadListItemViews()) {
+    for (const UploadListItem &row : m_session->uploadListItems()) {
         if (m_session->uploadingFiles().contains(row.filePath())) {
             inFlight += qint64(double(m_sizes.value(row.filePath())) * double(row.progress()) / 100.0);
         }
@@ -157,8 +157,8 @@ QString UploadProgressMeter::line() const
     text += QStringLiteral(" | %1/s").arg(bytesPerSecond < 0 ? QStringLiteral("-") : formatBytes(bytesPerSecond));
     const qint64 left = secondsLeft();
     text += QStringLiteral(" | %1 left").arg(left < 0 ? QStringLiteral("-:--") : formatDuration(left));
-    if (m_session->isMd5CheckProgressViewOnScreen()) {
-        text += QStringLiteral(" | checking %1").arg(m_session->md5CheckProgressView().progressLabelText());
+    if (m_session->isMd5CheckProgressItemOnScreen()) {
+        text += QStringLiteral(" | checking %1").arg(m_session->md5CheckProgressItem().progressLabelText());
     }
     return text;
 }

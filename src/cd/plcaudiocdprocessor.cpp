@@ -1,6 +1,7 @@
 #include "cd/plcaudiocdprocessor.h"
 
 #include "cd/plcvolumetype.h"
+#include "core/logger.h"
 #include "platform/discimages.h"
 
 #include <QMutex>
@@ -27,13 +28,6 @@ DeviceState &state()
 {
     static DeviceState deviceState;
     return deviceState;
-}
-
-// The system console (standard error), apart from the log file.
-void consoleLog(const QString &line)
-{
-    std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
-    std::fflush(stderr);
 }
 
 Error openingError(const char *message)

@@ -40,7 +40,7 @@ std::unique_ptr<CdIo_t, CdioCloser> openDiscVolume(const QString &volume)
 
 } // namespace
 
-Volumes::VolumeMonitor *PLCVolumeType::session()
+Volumes::VolumeMonitor *PLCVolumeType::volumeMonitor()
 {
     return Volumes::VolumeMonitor::shared();
 }
@@ -136,14 +136,14 @@ bool PLCVolumeType::ejectDiskAtURL(const QUrl &url, DiskCallback callback, void 
 
 void PLCVolumeType::registerDiskAppearedCallback(DiskCallback callback, void *context)
 {
-    Volumes::VolumeMonitor *monitor = session();
+    Volumes::VolumeMonitor *monitor = volumeMonitor();
     QObject::connect(monitor, &Volumes::VolumeMonitor::diskAppeared, monitor,
                      [callback, context](const QString &node) { callback(node, std::nullopt, context); });
 }
 
 void PLCVolumeType::registerDiskDisappearedCallback(DiskCallback callback, void *context)
 {
-    Volumes::VolumeMonitor *monitor = session();
+    Volumes::VolumeMonitor *monitor = volumeMonitor();
     QObject::connect(monitor, &Volumes::VolumeMonitor::diskDisappeared, monitor,
                      [callback, context](const QString &node) { callback(node, std::nullopt, context); });
 }

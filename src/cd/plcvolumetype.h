@@ -38,7 +38,7 @@ public:
     using DiskCallback = void (*)(const QString &diskPath, const OptionalError &dissenter, void *context);
 
     // The shared drive monitor, made once on first use.
-    static Volumes::VolumeMonitor *session();
+    static Volumes::VolumeMonitor *volumeMonitor();
 
     // The value of key for the disk behind url, or an invalid QVariant: always
     // for a URL that is not a file URL, for a path on no disk, or a key the

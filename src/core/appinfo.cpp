@@ -9,6 +9,11 @@ QString shortVersion()
     return QStringLiteral(PELICANE_VERSION);
 }
 
+QString supportAddress()
+{
+    return QStringLiteral("support@lyrabox.com");
+}
+
 QString buildNumber()
 {
     return QStringLiteral(PELICANE_BUILD_NUMBER);

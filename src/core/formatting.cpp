@@ -19,3 +19,13 @@ QString groupedNumber(qint64 number)
     }
     return negative ? QLatin1Char('-') + digits : digits;
 }
+
+QString lastPathComponent(const QString &path)
+{
+    qsizetype end = path.size();
+    while (end > 1 && path.at(end - 1) == QLatin1Char('/')) {
+        --end;
+    }
+    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'), end - 1);
+    return path.mid(slash + 1, end - slash - 1);
+}

@@ -14,5 +14,8 @@ inline QString nullable(const QString &value)
 // A list printed into a message: ("/a/b", "/c d").
 QString formatPathList(const QStringList &paths);
 
+// The last component of a path, trailing slashes ignored: "/a/b/" -> "b".
+QString lastPathComponent(const QString &path);
+
 // 12345 -> "12,345", whatever the locale.
 QString groupedNumber(qint64 number);

@@ -124,3 +124,9 @@ qint64 Logger::size() const
     // Read without the lock on purpose: only the window reads it, once.
     return m_writeHandle < 0 ? 0 : m_position.load();
 }
+
+void consoleLog(const QString &line)
+{
+    std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
+    std::fflush(stderr);
+}

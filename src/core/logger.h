@@ -55,3 +55,6 @@ private:
     AlertHandler m_alertHandler;
     std::atomic<bool> m_echo{true};
 };
+
+// One line to the system console (standard error), apart from the log file.
+void consoleLog(const QString &line);

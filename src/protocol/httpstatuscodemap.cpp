@@ -92,3 +92,9 @@ int count()
 }
 
 } // namespace HTTPStatusCodeMap
+
+QString HTTPStatusCodeMap::errorText(int code)
+{
+    const QString description = descriptionForCode(unsigned(code));
+    return QStringLiteral("%1 (%2)").arg(description.isNull() ? QStringLiteral("(null)") : description).arg(code);
+}

@@ -9,6 +9,8 @@ namespace HTTPStatusCodeMap {
 // The phrase, or a null string for a code without one.
 QString descriptionForCode(unsigned code);
 
+// The message of a failure by status: "Service Unavailable (503)".
+QString errorText(int code);
 // The number of codes known.
 int count();
 

@@ -355,9 +355,7 @@ LyraboxService::Response LyraboxService::classify(QNetworkReply *reply, bool tim
         return response;
     }
     if (response.statusCode != 200) {
-        response.error = Error::errorWithMessage(
-            QStringLiteral("%1 (%2)").arg(nullable(HTTPStatusCodeMap::descriptionForCode(uint(response.statusCode))),
-                                          QString::number(response.statusCode)));
+        response.error = Error::errorWithMessage(HTTPStatusCodeMap::errorText(response.statusCode));
         return response;
     }
     QJsonParseError parseError;

@@ -131,10 +131,7 @@ void LyraboxService::downloadLibraryWithURL(const QUrl &destination, DownloadLib
             raw->complete(std::nullopt,
                           TransportError::errorForNetworkError(finished->error(), finished->errorString()));
         } else if (status.isValid() && status.toInt() != 200) {
-            raw->complete(std::nullopt, Error::errorWithMessage(
-                                            QStringLiteral("%1 (%2)")
-                                                .arg(nullable(HTTPStatusCodeMap::descriptionForCode(status.toUInt())))
-                                                .arg(status.toInt())));
+            raw->complete(std::nullopt, Error::errorWithMessage(HTTPStatusCodeMap::errorText(status.toInt())));
         } else {
             const QString folder =
                 QDir(raw->destination.toLocalFile())

@@ -1,5 +1,6 @@
 #include "session/folderscan.h"
 
+#include "core/formatting.h"
 #include "core/logger.h"
 
 #include <QFile>
@@ -11,16 +12,6 @@
 #include <vector>
 
 namespace {
-
-QString lastPathComponent(const QString &path)
-{
-    qsizetype end = path.size();
-    while (end > 1 && path.at(end - 1) == QLatin1Char('/')) {
-        --end;
-    }
-    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'), end - 1);
-    return path.mid(slash + 1, end - slash - 1);
-}
 
 bool isAscii(const QByteArray &bytes)
 {

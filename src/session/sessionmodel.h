@@ -152,8 +152,6 @@ public:
     static constexpr int kMaxSimultaneousUploads = 6;
     // Failures in a row (codes of 1 and more) that stop a run.
     static constexpr qint64 kSimultaneousErrorLimit = 50;
-    // Named at the end of the external-drive hint.
-    static const QString kSupportAddress;
     // The List page's upload button, with the texts of its simultaneous-count,
     // playlist and tag fields. A count that is not a number reads as 0.
     void OnUploadFiles(const QString &threadCountText, const QString &playlistName, const QString &tagName);
@@ -169,10 +167,10 @@ public:
     void updateUploadListView();
     void showUploadResult();
     // The first row whose filePath is filePath, or null.
-    UploadListItem *uploadListViewForFilePath(const QString &filePath);
-    const QList<UploadListItem> &uploadListItemViews() const { return m_run.uploadListItemViews; }
-    const UploadListItem &md5CheckProgressView() const { return m_run.md5CheckProgressView; }
-    bool isMd5CheckProgressViewOnScreen() const { return m_run.md5CheckProgressViewOnScreen; }
+    UploadListItem *uploadListItemForFilePath(const QString &filePath);
+    const QList<UploadListItem> &uploadListItems() const { return m_run.uploadListItems; }
+    const UploadListItem &md5CheckProgressItem() const { return m_run.md5CheckProgressItem; }
+    bool isMd5CheckProgressItemOnScreen() const { return m_run.md5CheckProgressItemOnScreen; }
     // Where row index sits in an upload area of the given width, from its
     // top; index -1 is the check row. Rows shift down one while it shows.
     static QRect uploadListRowFrame(qsizetype index, bool checkRowOnScreen, int width);
@@ -235,7 +233,7 @@ signals:
     void uploadListViewLayoutChanged();
     // One row's progress or label changed.
     void uploadListItemChanged(const QString &filePath);
-    void md5CheckProgressViewChanged();
+    void md5CheckProgressItemChanged();
     void audioCDArtworkVisibleChanged(bool visible);
     // The "Upload Ended" block was written (showUploadResult).
     void uploadEnded();
@@ -275,9 +273,9 @@ private:
     FolderScanRunner m_folderScanRunner;
 
     // sessionmodel_upload.cpp
-    void setMd5CheckProgressViewOnScreen(bool onScreen);
+    void setMd5CheckProgressItemOnScreen(bool onScreen);
     void freshDigestTaken(const QString &path, quint64 ticket, const std::optional<QString> &md5);
-    void removeUploadListView(const QString &filePath);
-    void clearUploadListViews();
+    void removeUploadListItem(const QString &filePath);
+    void clearUploadListItems();
     UploadRunState m_run;
 };

@@ -8,6 +8,7 @@
 #include "cd/plcvolumetype.h"
 #include "fingerprint/filehash.h"
 #include "fingerprint/md5cache.h"
+#include "core/appinfo.h"
 #include "core/formatting.h"
 #include "service/lyraboxservice.h"
 #include "session/md5checkoperation.h"
@@ -21,11 +22,6 @@
 #include <cstdio>
 
 namespace {
-
-QString lastPathComponent(const QString &path)
-{
-    return QFileInfo(path).fileName();
-}
 
 // The folder holding the path; for a CD track that is its disc volume.
 QString parentFolder(const QString &path)
@@ -45,7 +41,6 @@ const char *const kExternalDriveText =
 
 } // namespace
 
-const QString SessionModel::kSupportAddress = QStringLiteral("support@lyrabox.com");
 
 UploadRunState::UploadRunState()
 {
@@ -54,9 +49,9 @@ UploadRunState::UploadRunState()
     // Fresh digests just before sending: a couple at a time is all the disk
     // gives anyway, and the scan keeps the global pool.
     digestPool.setMaxThreadCount(2);
-    md5CheckProgressView.setupView();
-    md5CheckProgressView.setPath(QStringLiteral("Checking for previously uploaded files..."));
-    md5CheckProgressView.setUploadProgress(0, true);
+    md5CheckProgressItem.setupView();
+    md5CheckProgressItem.setPath(QStringLiteral("Checking for previously uploaded files..."));
+    md5CheckProgressItem.setUploadProgress(0, true);
 }
 
 UploadRunState::~UploadRunState()
@@ -125,7 +120,7 @@ void SessionModel::OnUploadFiles(const QString &threadCountText, const QString &
 void SessionModel::setupUploadContainerView()
 {
     updateUploadState();
-    m_run.uploadListItemViews.clear();
+    m_run.uploadListItems.clear();
     emit uploadListViewChanged();
     m_isUploading = true;
     emit uploadStateChanged();
@@ -148,11 +143,11 @@ void SessionModel::startMd5CheckPhase()
     Md5CheckOperation::Handlers handlers;
     handlers.audioCD = [this] {
         m_files.moveAll(FileList::Found, FileList::Ready);
-        setMd5CheckProgressViewOnScreen(false);
+        setMd5CheckProgressItemOnScreen(false);
         md5CheckedWithProgress(1.0);
     };
     handlers.began = [this] {
-        setMd5CheckProgressViewOnScreen(true);
+        setMd5CheckProgressItemOnScreen(true);
         updateUploadListView();
     };
     handlers.checked = [this](const QString &path, bool known, qint64 done, qint64 total) {
@@ -164,7 +159,7 @@ void SessionModel::startMd5CheckPhase()
         md5CheckedWithProgress(total == 0 ? 0.0 : double(done) / double(total));
     };
     handlers.ended = [this](double progress) {
-        setMd5CheckProgressViewOnScreen(false);
+        setMd5CheckProgressItemOnScreen(false);
         md5CheckedWithProgress(progress);
     };
 
@@ -174,10 +169,10 @@ void SessionModel::startMd5CheckPhase()
     m_run.md5CheckOperationQueue.addOperation(operation);
 }
 
-void SessionModel::setMd5CheckProgressViewOnScreen(bool onScreen)
+void SessionModel::setMd5CheckProgressItemOnScreen(bool onScreen)
 {
-    if (m_run.md5CheckProgressViewOnScreen != onScreen) {
-        m_run.md5CheckProgressViewOnScreen = onScreen;
+    if (m_run.md5CheckProgressItemOnScreen != onScreen) {
+        m_run.md5CheckProgressItemOnScreen = onScreen;
         emit uploadListViewChanged();
     }
 }
@@ -191,8 +186,8 @@ void SessionModel::md5CheckedWithProgress(double progress)
     while (!m_files.ready().isEmpty() && m_files.uploading().size() < qsizetype(service()->simultaneousUploadCount())) {
         uploadNextFile();
     }
-    m_run.md5CheckProgressView.setUploadProgress(qint64(progress * 100.0), false);
-    emit md5CheckProgressViewChanged();
+    m_run.md5CheckProgressItem.setUploadProgress(qint64(progress * 100.0), false);
+    emit md5CheckProgressItemChanged();
     updateUploadState();
     updateUploadListView();
     if (m_files.found().isEmpty() && m_files.ready().isEmpty() && m_files.uploading().isEmpty() &&
@@ -232,7 +227,7 @@ void SessionModel::uploadNextFile()
     row.setFilePath(path);
     row.setAudioCDTrackName(tag ? tag->title() : std::nullopt);
     row.setUploadProgress(0, isAudioCD);
-    m_run.uploadListItemViews.append(row);
+    m_run.uploadListItems.append(row);
     emit uploadListViewChanged();
     updateUploadListView();
 
@@ -323,9 +318,9 @@ QRect SessionModel::uploadListRowFrame(qsizetype index, bool checkRowOnScreen, i
                  width, UploadListItem::kRowHeight);
 }
 
-UploadListItem *SessionModel::uploadListViewForFilePath(const QString &filePath)
+UploadListItem *SessionModel::uploadListItemForFilePath(const QString &filePath)
 {
-    for (UploadListItem &row : m_run.uploadListItemViews) {
+    for (UploadListItem &row : m_run.uploadListItems) {
         if (row.filePath() == filePath) {
             return &row;
         }
@@ -333,26 +328,26 @@ UploadListItem *SessionModel::uploadListViewForFilePath(const QString &filePath)
     return nullptr;
 }
 
-void SessionModel::removeUploadListView(const QString &filePath)
+void SessionModel::removeUploadListItem(const QString &filePath)
 {
-    for (qsizetype i = 0; i < m_run.uploadListItemViews.size(); ++i) {
-        if (m_run.uploadListItemViews.at(i).filePath() == filePath) {
-            m_run.uploadListItemViews.removeAt(i);
+    for (qsizetype i = 0; i < m_run.uploadListItems.size(); ++i) {
+        if (m_run.uploadListItems.at(i).filePath() == filePath) {
+            m_run.uploadListItems.removeAt(i);
             emit uploadListViewChanged();
             return;
         }
     }
 }
 
-void SessionModel::clearUploadListViews()
+void SessionModel::clearUploadListItems()
 {
-    m_run.uploadListItemViews.clear();
+    m_run.uploadListItems.clear();
     emit uploadListViewChanged();
 }
 
 void SessionModel::lyraboxDidUpdateUploadProgress(LyraboxService *, const QString &filePath, int progress)
 {
-    if (UploadListItem *row = uploadListViewForFilePath(filePath)) {
+    if (UploadListItem *row = uploadListItemForFilePath(filePath)) {
         row->setUploadProgress(progress, false);
         emit uploadListItemChanged(filePath);
     }
@@ -360,7 +355,7 @@ void SessionModel::lyraboxDidUpdateUploadProgress(LyraboxService *, const QStrin
 
 void SessionModel::lyraboxDidUpdateRipProgress(LyraboxService *, const QString &filePath, int progress)
 {
-    if (UploadListItem *row = uploadListViewForFilePath(filePath)) {
+    if (UploadListItem *row = uploadListItemForFilePath(filePath)) {
         row->setUploadProgress(progress, true);
         emit uploadListItemChanged(filePath);
     }
@@ -370,7 +365,7 @@ void SessionModel::lyraboxDidUpdateRipProgress(LyraboxService *, const QString &
 
 void SessionModel::OnPauseUpload()
 {
-    clearUploadListViews();
+    clearUploadListItems();
     if (m_isUploading) {
         service()->stopUploads();
         m_run.md5CheckOperationQueue.cancelAllOperations();
@@ -465,7 +460,7 @@ void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &fileP
         m_run.simultaneousErrors = 0;
         m_files.move(filePath, FileList::Uploading, FileList::Completed);
     }
-    removeUploadListView(filePath);
+    removeUploadListItem(filePath);
 
     if (m_run.simultaneousErrors >= kSimultaneousErrorLimit) {
         if (m_isUploading) {
@@ -512,7 +507,7 @@ void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &fileP
 
 void SessionModel::lyraboxDidExperienceExternalDriveError(LyraboxService *)
 {
-    showAlert(QStringLiteral("External Drive Error"), QString::fromUtf8(kExternalDriveText) + kSupportAddress,
+    showAlert(QStringLiteral("External Drive Error"), QString::fromUtf8(kExternalDriveText) + AppInfo::supportAddress(),
               QStringLiteral("OK"));
 }
 

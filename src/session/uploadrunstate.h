@@ -19,11 +19,11 @@ struct UploadRunState
 
     // The digest check: one operation at a time, the old one cancelled first.
     OperationQueue md5CheckOperationQueue;
-    UploadListItem md5CheckProgressView;
-    bool md5CheckProgressViewOnScreen = false;
+    UploadListItem md5CheckProgressItem;
+    bool md5CheckProgressItemOnScreen = false;
 
     // The rows of files in flight, in the order they were started.
-    QList<UploadListItem> uploadListItemViews;
+    QList<UploadListItem> uploadListItems;
 
     qint64 foundFilesCountCache = 0;
     // Failures in a row with a code of 1 or more, across runs.

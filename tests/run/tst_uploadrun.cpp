@@ -110,7 +110,7 @@ private slots:
         QCOMPARE(model.readyFiles().toList(), (QStringList{"/a", "/b", "/c", "/d"}));
         QVERIFY(model.uploadingFiles().isEmpty());
         QCOMPARE(model.retryFiles().toList(), QStringList{QStringLiteral("/t")});
-        QVERIFY(model.uploadListItemViews().isEmpty());
+        QVERIFY(model.uploadListItems().isEmpty());
         // A check result that arrives while paused changes nothing.
         model.md5CheckedWithProgress(0.5);
         QVERIFY(model.uploadingFiles().isEmpty());

@@ -1,15 +1,57 @@
+#include "widgets/alert.h"
 #include "widgets/dragdropview.h"
 #include "widgets/tabcolumnlabel.h"
 
 #include <QApplication>
+#include <QMessageBox>
 #include <QMimeData>
+#include <QPushButton>
+#include <QTimer>
 #include <QTest>
 
 class TestWidgets : public QObject
 {
     Q_OBJECT
 
+    // Runs an alert and acts on it once it shows.
+    static int answerAlert(const QStringList &buttons, const std::function<void(QMessageBox *)> &act)
+    {
+        QPointer<QMessageBox> visible;
+        QTimer poll;
+        QObject::connect(&poll, &QTimer::timeout, [&] {
+            if (visible && visible->isVisible()) {
+                poll.stop();
+                act(visible);
+            }
+        });
+        poll.start(10);
+        return runAlert(nullptr, {QStringLiteral("Pelicane"), QStringLiteral("Title"), QStringLiteral("Text")}, buttons,
+                        true, &visible);
+    }
+
 private slots:
+    // Escape and the close button answer like the last, cautious button;
+    // Return like the first; a click like the button clicked.
+    void alertAnswersByOneRule()
+    {
+        const QStringList retrySkipCancel{"Retry", "Skip", "Cancel"};
+        const auto escape = [](QMessageBox *box) { QTest::keyClick(box, Qt::Key_Escape); };
+        const auto close = [](QMessageBox *box) { box->close(); };
+        QCOMPARE(answerAlert(retrySkipCancel, escape), 1002);
+        QCOMPARE(answerAlert(retrySkipCancel, close), 1002);
+        QCOMPARE(answerAlert({"Yes", "No"}, close), 1001);
+        QCOMPARE(answerAlert({"OK"}, escape), 1000);
+        QCOMPARE(answerAlert(retrySkipCancel, [](QMessageBox *box) { QTest::keyClick(box, Qt::Key_Return); }), 1000);
+        QCOMPARE(answerAlert(retrySkipCancel, [](QMessageBox *box) {
+                     for (QAbstractButton *button : box->buttons()) {
+                         if (button->text() == QLatin1String("Skip")) {
+                             button->click();
+                         }
+                     }
+                 }), 1001);
+        QCOMPARE(answerAlert({QString(), QString()}, close), 1000); // no titles: a plain "OK"
+    }
+
     void dragDropViewHandsOverLocalPaths()
     {
         DragDropView view;

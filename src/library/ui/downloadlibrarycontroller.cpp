@@ -1,30 +1,15 @@
 #include "library/ui/downloadlibrarycontroller.h"
 
 #include "ui_DownloadLibraryController.h"
+#include "widgets/alert.h"
 
 #include <QCloseEvent>
 #include <QDesktopServices>
-#include <QMessageBox>
-#include <QPalette>
 #include <QPushButton>
 
 namespace {
 
 constexpr int kProgressSteps = 1000;
-
-QPalette darkPalette()
-{
-    QPalette palette;
-    palette.setColor(QPalette::Window, QColor(0x32, 0x32, 0x32));
-    palette.setColor(QPalette::WindowText, Qt::white);
-    palette.setColor(QPalette::Base, QColor(0x25, 0x25, 0x25));
-    palette.setColor(QPalette::Text, Qt::white);
-    palette.setColor(QPalette::Button, QColor(0x48, 0x48, 0x48));
-    palette.setColor(QPalette::ButtonText, Qt::white);
-    palette.setColor(QPalette::Highlight, QColor(0x2a, 0x82, 0xda));
-    palette.setColor(QPalette::HighlightedText, Qt::white);
-    return palette;
-}
 
 } // namespace
 
@@ -83,23 +68,7 @@ void DownloadLibraryController::updateView()
 int DownloadLibraryController::showAlert(const QString &title, const QString &text, const QStringList &buttons,
                                          Appearance appearance)
 {
-    QMessageBox alert(this);
-    alert.setWindowTitle(title);
-    alert.setText(title);
-    alert.setInformativeText(text);
-    if (appearance == Appearance::Dark) {
-        alert.setPalette(darkPalette());
-    }
-    QList<QAbstractButton *> added;
-    for (const QString &title : buttons) {
-        added.append(alert.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::RejectRole));
-    }
-    if (!added.isEmpty()) {
-        alert.setDefaultButton(qobject_cast<QPushButton *>(added.first()));
-    }
-    alert.exec();
-    const qsizetype index = added.indexOf(alert.clickedButton());
-    return 1000 + int(index < 0 ? added.size() - 1 : index);
+    return runAlert(this, {title, title, text}, buttons, appearance == Appearance::Dark);
 }
 
 void DownloadLibraryController::reject()

@@ -1,6 +1,7 @@
 #include "session/ui/mainwindowcontroller.h"
 
 #include "core/logger.h"
+#include "widgets/alert.h"
 #include "ui_MainWindowController.h"
 
 #include <QCloseEvent>
@@ -19,24 +20,6 @@ constexpr qint64 kClearLogThreshold = 20971520; // 20 MiB
 const QColor kMaskColor(0x99, 0x99, 0x99, 0x70);
 
 const QColor kLogLinkColor(60, 60, 60);
-
-QPalette darkPalette(QPalette palette)
-{
-    palette.setColor(QPalette::Window, QColor(0x26, 0x26, 0x26));
-    palette.setColor(QPalette::WindowText, QColor(0xe6, 0xe6, 0xe6));
-    palette.setColor(QPalette::Base, QColor(0x1b, 0x1b, 0x1b));
-    palette.setColor(QPalette::AlternateBase, QColor(0x2e, 0x2e, 0x2e));
-    palette.setColor(QPalette::Text, Qt::white);
-    palette.setColor(QPalette::PlaceholderText, QColor(0x8a, 0x8a, 0x8a));
-    palette.setColor(QPalette::Button, QColor(0x3a, 0x3a, 0x3a));
-    palette.setColor(QPalette::ButtonText, Qt::white);
-    palette.setColor(QPalette::Highlight, QColor(0x2f, 0x9b, 0xe0));
-    palette.setColor(QPalette::HighlightedText, Qt::white);
-    palette.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x80));
-    palette.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x80, 0x80));
-    palette.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x80));
-    return palette;
-}
 
 // The window's dark look. Alerts parented to the window take its style sheet
 // but not its palette (palettes stop at windows), so they are given it too.
@@ -182,47 +165,8 @@ int MainWindowController::showAlertWithMessageText(const QString &messageText, c
                                                    const QString &defaultButton, const QString &alternateButton,
                                                    const QString &otherButton)
 {
-    // Parented to the window, so it is centred on it and looks like it.
-    QMessageBox alert(this);
-    alert.setPalette(darkPalette(alert.palette()));
-    alert.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_label { font-weight: bold; min-width: 300px; }"
-                                       "QLabel#qt_msgbox_informativelabel { min-width: 300px; }"));
-    alert.setWindowModality(Qt::ApplicationModal);
-    alert.setWindowTitle(windowTitle());
-    alert.setIcon(QMessageBox::NoIcon);
-    if (!messageText.isEmpty()) {
-        alert.setText(messageText);
-    }
-    if (!informativeText.isEmpty()) {
-        alert.setInformativeText(informativeText);
-    }
-    QList<QAbstractButton *> buttons;
-    const QString titles[] = {defaultButton, alternateButton, otherButton};
-    for (const QString &title : titles) {
-        if (title.isEmpty()) {
-            continue;
-        }
-        const QMessageBox::ButtonRole role = buttons.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::ActionRole;
-        buttons.append(alert.addButton(title, role));
-        if (title == QLatin1String("Cancel")) {
-            alert.setEscapeButton(buttons.last());
-        }
-    }
-    if (buttons.isEmpty()) {
-        // An alert always has a way out; without titles it is a plain "OK".
-        buttons.append(alert.addButton(QStringLiteral("OK"), QMessageBox::AcceptRole));
-    }
-    alert.setDefaultButton(qobject_cast<QPushButton *>(buttons.first()));
-    if (buttons.size() == 1) {
-        alert.setEscapeButton(buttons.first());
-    }
-
-    m_visibleAlert = &alert;
-    alert.exec();
-    m_visibleAlert = nullptr;
-
-    const qsizetype index = buttons.indexOf(alert.clickedButton());
-    return kAlertFirstButtonReturn + int(qMax<qsizetype>(index, 0));
+    return runAlert(this, {windowTitle(), messageText, informativeText}, {defaultButton, alternateButton, otherButton},
+                    true, &m_visibleAlert);
 }
 
 void MainWindowController::setupMaskContainerView()

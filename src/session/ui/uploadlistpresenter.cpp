@@ -12,15 +12,15 @@ UploadListPresenter::UploadListPresenter(SessionModel *session, QWidget *area, Q
     m_md5CheckProgressView = new UploadListItemView(area);
     m_md5CheckProgressView->setObjectName(QStringLiteral("md5CheckProgressView"));
     m_md5CheckProgressView->resize(area->width(), UploadListItem::kInitialHeight);
-    m_md5CheckProgressView->setItem(session->md5CheckProgressView());
+    m_md5CheckProgressView->setItem(session->md5CheckProgressItem());
     m_md5CheckProgressView->hide();
     area->installEventFilter(this);
 
     connect(session, &SessionModel::uploadListViewChanged, this, &UploadListPresenter::syncRows);
     connect(session, &SessionModel::uploadListViewLayoutChanged, this, &UploadListPresenter::layoutRows);
     connect(session, &SessionModel::uploadListItemChanged, this, &UploadListPresenter::updateRow);
-    connect(session, &SessionModel::md5CheckProgressViewChanged, this,
-            [this] { m_md5CheckProgressView->setItem(m_session->md5CheckProgressView()); });
+    connect(session, &SessionModel::md5CheckProgressItemChanged, this,
+            [this] { m_md5CheckProgressView->setItem(m_session->md5CheckProgressItem()); });
     syncRows();
 }
 
@@ -51,7 +51,7 @@ void UploadListPresenter::syncRows()
     if (!m_area) {
         return;
     }
-    const QList<UploadListItem> &rows = m_session->uploadListItemViews();
+    const QList<UploadListItem> &rows = m_session->uploadListItems();
     // Rows come and go at both ends and in the middle; views are cheap, so
     // the list is matched by position and each view shows its row afresh.
     while (m_rowViews.size() > rows.size()) {
@@ -65,13 +65,13 @@ void UploadListPresenter::syncRows()
     for (qsizetype i = 0; i < rows.size(); ++i) {
         m_rowViews[i]->setItem(rows[i]);
     }
-    m_md5CheckProgressView->setItem(m_session->md5CheckProgressView());
+    m_md5CheckProgressView->setItem(m_session->md5CheckProgressItem());
     layoutRows();
 }
 
 void UploadListPresenter::updateRow(const QString &filePath)
 {
-    const QList<UploadListItem> &rows = m_session->uploadListItemViews();
+    const QList<UploadListItem> &rows = m_session->uploadListItems();
     if (rows.size() != m_rowViews.size()) {
         syncRows();
         return;
@@ -90,7 +90,7 @@ void UploadListPresenter::layoutRows()
         return;
     }
     const int width = m_area->width();
-    const bool checkRowOnScreen = m_session->isMd5CheckProgressViewOnScreen();
+    const bool checkRowOnScreen = m_session->isMd5CheckProgressItemOnScreen();
     if (checkRowOnScreen) {
         m_md5CheckProgressView->setGeometry(SessionModel::uploadListRowFrame(-1, true, width));
         m_md5CheckProgressView->show();

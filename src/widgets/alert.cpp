@@ -1,0 +1,62 @@
+#include "widgets/alert.h"
+
+#include <QMessageBox>
+#include <QPushButton>
+
+QPalette darkPalette(QPalette palette)
+{
+    palette.setColor(QPalette::Window, QColor(0x26, 0x26, 0x26));
+    palette.setColor(QPalette::WindowText, QColor(0xe6, 0xe6, 0xe6));
+    palette.setColor(QPalette::Base, QColor(0x1b, 0x1b, 0x1b));
+    palette.setColor(QPalette::AlternateBase, QColor(0x2e, 0x2e, 0x2e));
+    palette.setColor(QPalette::Text, Qt::white);
+    palette.setColor(QPalette::PlaceholderText, QColor(0x8a, 0x8a, 0x8a));
+    palette.setColor(QPalette::Button, QColor(0x3a, 0x3a, 0x3a));
+    palette.setColor(QPalette::ButtonText, Qt::white);
+    palette.setColor(QPalette::Highlight, QColor(0x2f, 0x9b, 0xe0));
+    palette.setColor(QPalette::HighlightedText, Qt::white);
+    palette.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x80));
+    palette.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x80, 0x80));
+    palette.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x80));
+    return palette;
+}
+
+int runAlert(QWidget *parent, const AlertText &text, QStringList buttons, bool dark, QPointer<QMessageBox> *visible)
+{
+    // Parented to the window, so it is centred on it and looks like it.
+    QMessageBox alert(parent);
+    if (dark) {
+        alert.setPalette(darkPalette(alert.palette()));
+    }
+    alert.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_label { font-weight: bold; min-width: 300px; }"
+                                       "QLabel#qt_msgbox_informativelabel { min-width: 300px; }"));
+    alert.setWindowModality(Qt::ApplicationModal);
+    alert.setWindowTitle(text.windowTitle);
+    alert.setIcon(QMessageBox::NoIcon);
+    if (!text.messageText.isEmpty()) {
+        alert.setText(text.messageText);
+    }
+    if (!text.informativeText.isEmpty()) {
+        alert.setInformativeText(text.informativeText);
+    }
+    buttons.removeAll(QString());
+    if (buttons.isEmpty()) {
+        buttons.append(QStringLiteral("OK"));
+    }
+    QList<QAbstractButton *> added;
+    for (const QString &title : std::as_const(buttons)) {
+        added.append(alert.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::ActionRole));
+    }
+    alert.setDefaultButton(qobject_cast<QPushButton *>(added.first()));
+    alert.setEscapeButton(added.last());
+
+    if (visible) {
+        *visible = &alert;
+    }
+    alert.exec();
+    if (visible) {
+        *visible = nullptr;
+    }
+    const qsizetype index = added.indexOf(alert.clickedButton());
+    return 1000 + int(index < 0 ? added.size() - 1 : index);
+}
