@@ -12,7 +12,6 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QMetaObject>
-#include <QMutexLocker>
 
 namespace {
 
