@@ -1,5 +1,9 @@
 #include "protocol/endpoints.h"
 
+#include "core/appinfo.h"
+#include "protocol/clientfields.h"
+#include "protocol/urlencoding.h"
+
 #include <QByteArray>
 
 namespace {
@@ -58,6 +62,25 @@ QUrl coverArtURL()
 QUrl discogsURL()
 {
     return QUrl(fromEnvironment("PELICANE_DISCOGS_URL", "https://api.discogs.com"));
+}
+
+QUrl libraryDownloadURL(const QString &userId, const QString &token, const std::optional<LibrarySegment> &segment)
+{
+    const QString shortVersion = AppInfo::shortVersion();
+    const QString client = queryAllowedEscape(ClientFields::client());
+    const QString deviceName = queryAllowedEscape(QStringLiteral("Pelicane for Mac ") + shortVersion);
+    // The client goes in already encoded, so its blank ends up encoded twice.
+    const QString userAgent = queryAllowedEscape(QStringLiteral("Lyrabox ") + client + u' ' + shortVersion +
+                                                 QStringLiteral(" (") + AppInfo::buildNumber() + u')');
+    QString query = QStringLiteral("_user_id=") + userId + QStringLiteral("&_token=") + token +
+                    QStringLiteral("&client=") + client + QStringLiteral("&device_name=") + deviceName +
+                    QStringLiteral("&user_agent=") + userAgent + QStringLiteral("&version=") + shortVersion +
+                    QStringLiteral("&mode=downloadlibrary&container_type=library");
+    if (segment) {
+        query += QStringLiteral("&offset=") + QString::number(segment->offset) + QStringLiteral("&length=") +
+                 QString::number(segment->length) + QStringLiteral("&end_marker=1");
+    }
+    return QUrl(downloadURL().toString(QUrl::FullyEncoded) + u'?' + query, QUrl::TolerantMode);
 }
 
 } // namespace Endpoints

@@ -1,15 +1,12 @@
 // The single-request library download: the whole library as one zip.
 #include "service/lyraboxservice.h"
 
+#include "core/formatting.h"
 #include "core/logger.h"
 #include "library/downloadspeedmeter.h"
-#include "core/appinfo.h"
-#include "core/formatting.h"
-#include "protocol/clientfields.h"
 #include "protocol/endpoints.h"
 #include "protocol/httpstatuscodemap.h"
 #include "protocol/transporterror.h"
-#include "protocol/urlencoding.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -67,16 +64,7 @@ void LyraboxService::downloadLibraryWithURL(const QUrl &destination, DownloadLib
                                             DownloadLibraryCompletion completion)
 {
     Logger::log(QStringLiteral("DownloadLibrary"));
-    const QString shortVersion = AppInfo::shortVersion();
-    const QString client = queryAllowedEscape(ClientFields::client());
-    const QString deviceName = queryAllowedEscape(QStringLiteral("Pelicane for Mac ") + shortVersion);
-    const QString userAgent = queryAllowedEscape(QStringLiteral("Lyrabox ") + client + u' ' + shortVersion +
-                                                 QStringLiteral(" (") + AppInfo::buildNumber() + u')');
-    const QString query = QStringLiteral("_user_id=%1&_token=%2&client=%3&device_name=%4&user_agent=%5&version=%6"
-                                         "&mode=downloadlibrary&container_type=library")
-                              .arg(m_userId, m_userToken, client, deviceName, userAgent, shortVersion);
-    const QUrl url(QStringLiteral("%1?%2").arg(Endpoints::downloadURL().toString(QUrl::FullyEncoded), query),
-                   QUrl::TolerantMode);
+    const QUrl url = Endpoints::libraryDownloadURL(m_userId, m_userToken);
     Logger::log(QStringLiteral("GET: %1").arg(url.toString(QUrl::FullyEncoded)));
 
     // One at a time: a download still running is cancelled (and reports so).
