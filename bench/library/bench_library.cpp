@@ -5,7 +5,7 @@
 #include "library/librarytestsupport.h"
 
 #include "library/downloadlibrarymodel.h"
-#include "library/downloadlibraryoperation.h"
+#include "protocol/endpoints.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -84,8 +84,9 @@ double runPeer(const LibraryTest::Identity &identity, int tracks, const QString 
     QStringList archives;
     const auto chunks = DownloadLibraryModel::chunksFrom(0, tracks);
     for (const auto &[offset, length] : chunks) {
-        QString url = DownloadLibraryOperation::requestURL(identity.userId, identity.token, offset, length)
-                          .toString(QUrl::FullyEncoded);
+        QString url =
+            Endpoints::libraryDownloadURL(identity.userId, identity.token, Endpoints::LibrarySegment{offset, length})
+                .toString(QUrl::FullyEncoded);
         url.replace(QLatin1String("&end_marker=1"), QLatin1String("&end_marker=0"));
         const QString archive = QDir(folder).filePath(QStringLiteral("segment-%1.zip").arg(offset));
         if (QProcess::execute(QStringLiteral("curl"), {QStringLiteral("-sSf"), QStringLiteral("-o"), archive, url}) !=

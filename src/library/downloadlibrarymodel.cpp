@@ -8,7 +8,10 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocale>
+#include <QMutexLocker>
 #include <QSaveFile>
+
+#include <atomic>
 
 namespace {
 
@@ -22,37 +25,47 @@ QString formatBytes(qint64 bytes)
 
 } // namespace
 
+// The latest figures of one chunk, written on the download queue's thread.
+// Only one report is queued at a time, so a fast transfer cannot flood the
+// main thread's event queue.
+struct DownloadLibraryModel::ChunkProgress
+{
+    std::atomic<qint64> bytes{0};
+    std::atomic<qint64> speed{-1};
+    std::atomic<qint64> estimatedBytes{-1};
+    std::atomic<bool> reportQueued{false};
+};
+
 DownloadLibraryModel::DownloadLibraryModel(const QUrl &URL, const QString &userId, const QString &userToken,
                                            DownloadLibraryPrompter *prompter, QObject *parent)
     : QObject(parent), m_URL(URL), m_userId(userId), m_userToken(userToken), m_prompter(prompter)
 {
-    // One extraction at a time, in the order the chunks arrive.
-    m_unzipQueue.setMaxThreadCount(1);
+    m_downloadQueue.setName(QStringLiteral("Library download"));
+    m_downloadQueue.setMaxConcurrentOperationCount(1);
+    m_unzipQueue.setName(QStringLiteral("Library extraction"));
+    m_unzipQueue.setMaxConcurrentOperationCount(1);
     m_resumeTimer.setSingleShot(true);
     // A coarse timer may fire up to 5% early; the wait is a full five seconds.
     m_resumeTimer.setTimerType(Qt::PreciseTimer);
     m_resumeTimer.setInterval(kRetryDelayMilliseconds);
-    connect(&m_resumeTimer, &QTimer::timeout, this, &DownloadLibraryModel::resumeDownloadQueue);
+    connect(&m_resumeTimer, &QTimer::timeout, this, [this] { m_downloadQueue.setSuspended(false); });
     m_view.actionText = QStringLiteral("Configuring Library Download...");
 }
 
 DownloadLibraryModel::~DownloadLibraryModel()
 {
+    {
+        QMutexLocker locker(&m_retryLock);
+        m_stopping = true;
+    }
     m_resumeTimer.stop();
-    for (DownloadLibraryOperation *operation : m_downloadQueue) {
-        delete operation;
-    }
-    m_downloadQueue.clear();
-    if (m_runningDownload) {
-        m_runningDownload->disconnect(this);
-        delete m_runningDownload; // aborts the transfer; its report is dropped
-        m_runningDownload = nullptr;
-    }
-    m_unzipQueue.clear();
-    for (const Extraction &extraction : std::as_const(m_extractions)) {
-        extraction.operation->cancel();
-    }
-    m_unzipQueue.waitForDone();
+    // Both queues end while this object is whole; what they queued for the
+    // main thread is dropped with it.
+    m_downloadQueue.cancelAllOperations();
+    m_downloadQueue.setSuspended(false); // cancelled requests still have to start to end
+    m_unzipQueue.cancelAllOperations();
+    m_downloadQueue.waitUntilAllOperationsAreFinished();
+    m_unzipQueue.waitUntilAllOperationsAreFinished();
 }
 
 QString DownloadLibraryModel::destinationPath() const
@@ -86,16 +99,27 @@ std::optional<qint64> DownloadLibraryModel::readResumeRecord(const QString &dest
 void DownloadLibraryModel::start()
 {
     Logger::log(QStringLiteral(" - Configuring library download"));
-    auto *header = new DownloadLibraryOperation;
+    auto header = std::make_shared<DownloadLibraryOperation>();
     header->setUserId(m_userId);
     header->setToken(m_userToken);
-    header->setTotalTrackCount([this](qint64 count) { trackCountReceived(count); });
-    addToDownloadQueue(header, false);
+    header->setHeaderRequest(true);
+    addToDownloadQueue(std::move(header), Operation::QueuePriority::Normal);
+}
+
+void DownloadLibraryModel::headerEnded(std::optional<qint64> count, const OptionalError &error)
+{
+    if (count) {
+        trackCountReceived(*count);
+        return;
+    }
+    const Error failure = error.value_or(
+        Error::errorWithMessage(QStringLiteral("The library service did not tell how many tracks there are.")));
+    Logger::log(QStringLiteral(" - Could not configure library download: ") + failure.localizedDescription());
+    Q_EMIT configurationFailed(failure);
 }
 
 void DownloadLibraryModel::trackCountReceived(qint64 count)
 {
-    m_countReceived = true;
     m_totalTrackCount = count;
     Logger::log(QStringLiteral(" - Got count: %1").arg(count));
     const qint64 start = readResumeRecord(destinationPath()).value_or(0);
@@ -107,7 +131,7 @@ void DownloadLibraryModel::trackCountReceived(qint64 count)
     }
     const auto chunks = chunksFrom(start, count);
     for (const auto &[offset, length] : chunks) {
-        addToDownloadQueue(makeChunkOperation(offset, length), false);
+        addToDownloadQueue(makeChunkOperation(offset, length), Operation::QueuePriority::Normal);
         ++m_downloadsScheduled;
     }
     Logger::log(QStringLiteral(" - Scheduled %1 chunks").arg(chunks.size()));
@@ -117,107 +141,114 @@ void DownloadLibraryModel::trackCountReceived(qint64 count)
     changeView();
 }
 
-DownloadLibraryOperation *DownloadLibraryModel::makeChunkOperation(qint64 offset, qint64 length)
+// Called on the main thread and, for a retry, on the download queue's: it
+// reads only what never changes after construction.
+std::shared_ptr<DownloadLibraryOperation> DownloadLibraryModel::makeChunkOperation(qint64 offset, qint64 length)
 {
-    auto *operation = new DownloadLibraryOperation;
+    auto operation = std::make_shared<DownloadLibraryOperation>();
     operation->setUserId(m_userId);
     operation->setToken(m_userToken);
     operation->setOffset(offset);
     operation->setLength(length);
     operation->setDownloadToURL(QUrl::fromLocalFile(destinationPath()));
-    operation->setProgress(
-        [this](DownloadLibraryOperation *op, qint64 bytes, qint64 speed) { chunkProgress(op, bytes, speed); });
-    operation->setCompletion([this](DownloadLibraryOperation *op, const std::optional<QUrl> &file,
-                                    const OptionalError &error) { chunkFinished(op, file, error); });
+    auto progress = std::make_shared<ChunkProgress>();
+    operation->setProgress([this, progress](DownloadLibraryOperation *op, qint64 bytes, qint64 speed) {
+        progress->bytes = bytes;
+        progress->speed = speed;
+        progress->estimatedBytes = op->estimatedBytes().value_or(-1);
+        if (!progress->reportQueued.exchange(true)) {
+            QMetaObject::invokeMethod(
+                this, [this, progress] { chunkProgress(*progress); }, Qt::QueuedConnection);
+        }
+    });
+    connect(operation.get(), &Operation::executingChanged, this, [this, offset](bool executing) {
+        if (executing) {
+            chunkStarted(offset);
+        }
+    });
     return operation;
 }
 
-void DownloadLibraryModel::addToDownloadQueue(DownloadLibraryOperation *operation, bool highPriority)
+void DownloadLibraryModel::addToDownloadQueue(std::shared_ptr<DownloadLibraryOperation> operation,
+                                              Operation::QueuePriority priority)
 {
-    if (highPriority) {
-        m_downloadQueue.push_front(operation);
-    } else {
-        m_downloadQueue.push_back(operation);
-    }
-    startNextDownload();
+    operation->setQueuePriority(priority);
+    DownloadLibraryOperation *raw = operation.get();
+    operation->setCompletionHandler([this, raw] { downloadEnded(raw); });
+    m_downloadQueue.addOperation(std::move(operation));
 }
 
-void DownloadLibraryModel::startNextDownload()
+void DownloadLibraryModel::downloadEnded(DownloadLibraryOperation *operation)
 {
-    if (m_runningDownload || m_downloadQueueSuspended || m_downloadQueue.empty()) {
+    if (!operation->completionHandled()) {
+        return; // cancelled before it started
+    }
+    const OptionalError error = operation->error();
+    if (operation->isHeaderRequest()) {
+        QMetaObject::invokeMethod(
+            this, [this, count = operation->trackCount(), error] { headerEnded(count, error); }, Qt::QueuedConnection);
         return;
     }
-    m_runningDownload = m_downloadQueue.front();
-    m_downloadQueue.pop_front();
-    DownloadLibraryOperation *operation = m_runningDownload;
-    connect(operation, &DownloadLibraryOperation::finishedChanged, this, [this, operation](bool finished) {
-        if (finished) {
-            downloadFinished(operation);
+    const qint64 offset = operation->offset();
+    const qint64 length = operation->length();
+    if (error && error->code() != -999) {
+        // Here, before the queue moves on: the retry jumps the chunks that
+        // wait, and nothing starts until the pause is over.
+        QMutexLocker locker(&m_retryLock);
+        if (!m_stopping) {
+            m_downloadQueue.setSuspended(true);
+            addToDownloadQueue(makeChunkOperation(offset, length), Operation::QueuePriority::High);
         }
-    });
-    if (!operation->isHeaderRequest()) {
-        m_currentOffset = operation->offset();
-        m_currentBytes = 0;
-        m_currentEstimatedBytes = -1;
-        m_currentSpeed = -1;
-        updateDownloadProgress();
     }
-    operation->start();
+    QMetaObject::invokeMethod(
+        this,
+        [this, offset, length, file = operation->downloadedFileURL(), error] {
+            chunkFinished(offset, length, file, error);
+        },
+        Qt::QueuedConnection);
 }
 
-void DownloadLibraryModel::downloadFinished(DownloadLibraryOperation *operation)
+void DownloadLibraryModel::chunkStarted(qint64 offset)
 {
-    if (operation != m_runningDownload) {
-        return;
-    }
-    m_runningDownload = nullptr;
-    operation->disconnect(this);
-    operation->deleteLater(); // it is still reporting
-    if (operation->isHeaderRequest() && !m_countReceived) {
-        const Error error = operation->error().value_or(
-            Error::errorWithMessage(QStringLiteral("The library service did not tell how many tracks there are.")));
-        Logger::log(QStringLiteral(" - Could not configure library download: ") + error.localizedDescription());
-        Q_EMIT configurationFailed(error);
-    }
-    startNextDownload();
-}
-
-void DownloadLibraryModel::resumeDownloadQueue()
-{
-    m_downloadQueueSuspended = false;
-    startNextDownload();
-}
-
-void DownloadLibraryModel::chunkProgress(DownloadLibraryOperation *operation, qint64 bytes, qint64 speed)
-{
-    m_currentBytes = bytes;
-    m_currentSpeed = speed;
-    m_currentEstimatedBytes = operation->estimatedBytes().value_or(-1);
+    m_chunkRunning = true;
+    m_currentOffset = offset;
+    m_currentBytes = 0;
+    m_currentEstimatedBytes = -1;
+    m_currentSpeed = -1;
     updateDownloadProgress();
 }
 
-void DownloadLibraryModel::chunkFinished(DownloadLibraryOperation *operation, const std::optional<QUrl> &file,
+void DownloadLibraryModel::chunkProgress(ChunkProgress &progress)
+{
+    // Allow the next report to be queued before reading, so no write goes unreported.
+    progress.reportQueued = false;
+    m_currentBytes = progress.bytes;
+    m_currentSpeed = progress.speed;
+    m_currentEstimatedBytes = progress.estimatedBytes;
+    updateDownloadProgress();
+}
+
+void DownloadLibraryModel::chunkFinished(qint64 offset, qint64 length, const std::optional<QUrl> &file,
                                          const OptionalError &error)
 {
-    const qint64 offset = operation->offset();
-    const qint64 length = operation->length();
     if (!error) {
         ++m_downloadsCompleted;
         m_tracksCompleted = offset + length;
         const QString archive = file ? file->toLocalFile() : QString();
         addToUnzipQueue(archive, offset, length);
         updateDownloadProgress();
+        m_chunkRunning = false;
         Q_EMIT chunkDownloaded(offset, length, archive);
         return;
     }
+    m_chunkRunning = false;
     if (error->code() == -999) {
         return;
     }
     m_downloadError = error;
     ++m_downloadErrorCount;
-    addToDownloadQueue(makeChunkOperation(offset, length), true);
+    // The retry is already queued and the queue paused.
     Logger::log(QStringLiteral(" - Retrying after 5 seconds"));
-    m_downloadQueueSuspended = true;
     m_resumeTimer.start();
 
     m_view.errorInfoVisible = true;
@@ -231,12 +262,8 @@ void DownloadLibraryModel::chunkFinished(DownloadLibraryOperation *operation, co
 
 void DownloadLibraryModel::addToUnzipQueue(const QString &archivePath, qint64 offset, qint64 length)
 {
-    Extraction extraction;
-    extraction.operation = std::make_shared<UnzipOperation>(archivePath, this);
-    extraction.offset = offset;
-    extraction.length = length;
-    m_extractions.insert(archivePath, extraction);
-    m_unzipQueue.start([operation = extraction.operation] { operation->main(); });
+    m_extractions.insert(archivePath, Extraction{offset, length});
+    m_unzipQueue.addOperation(std::make_shared<UnzipOperation>(archivePath, this));
 }
 
 // The extractor's reports cross to the main thread, where all state changes.
@@ -358,7 +385,7 @@ void DownloadLibraryModel::updateDownloadProgress()
     QString text = QStringLiteral("Segment %1 of %2")
                        .arg(std::min(m_downloadsCompleted + 1, m_downloadsScheduled))
                        .arg(m_downloadsScheduled);
-    if (m_runningDownload && !m_runningDownload->isHeaderRequest()) {
+    if (m_chunkRunning) {
         if (m_currentEstimatedBytes > 0) {
             fraction = std::min(1.0, double(m_currentBytes) / double(m_currentEstimatedBytes));
             text += QStringLiteral(": %1 of %2").arg(formatBytes(m_currentBytes), formatBytes(m_currentEstimatedBytes));

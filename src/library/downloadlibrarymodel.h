@@ -1,16 +1,17 @@
 #pragma once
 
-#include "library/unzipoperation.h"
 #include "core/error.h"
+#include "library/unzipoperation.h"
+#include "platform/operationqueue.h"
 
 #include <QHash>
+#include <QMutex>
 #include <QObject>
-#include <QThreadPool>
 #include <QTimer>
 #include <QUrl>
 
-#include <deque>
 #include <memory>
+#include <optional>
 
 class DownloadLibraryOperation;
 
@@ -126,20 +127,20 @@ Q_SIGNALS:
 private:
     struct Extraction
     {
-        std::shared_ptr<UnzipOperation> operation;
         qint64 offset = 0;
         qint64 length = 0;
     };
+    struct ChunkProgress;
 
+    std::shared_ptr<DownloadLibraryOperation> makeChunkOperation(qint64 offset, qint64 length);
+    void addToDownloadQueue(std::shared_ptr<DownloadLibraryOperation> operation, Operation::QueuePriority priority);
+    // On the download queue's thread, before it starts the next request.
+    void downloadEnded(DownloadLibraryOperation *operation);
+    void headerEnded(std::optional<qint64> count, const OptionalError &error);
     void trackCountReceived(qint64 count);
-    DownloadLibraryOperation *makeChunkOperation(qint64 offset, qint64 length);
-    void chunkFinished(DownloadLibraryOperation *operation, const std::optional<QUrl> &file,
-                       const OptionalError &error);
-    void chunkProgress(DownloadLibraryOperation *operation, qint64 bytes, qint64 speed);
-    void addToDownloadQueue(DownloadLibraryOperation *operation, bool highPriority);
-    void startNextDownload();
-    void downloadFinished(DownloadLibraryOperation *operation);
-    void resumeDownloadQueue();
+    void chunkStarted(qint64 offset);
+    void chunkProgress(ChunkProgress &progress);
+    void chunkFinished(qint64 offset, qint64 length, const std::optional<QUrl> &file, const OptionalError &error);
     void addToUnzipQueue(const QString &archivePath, qint64 offset, qint64 length);
 
     void didBeginUnzip();
@@ -156,14 +157,16 @@ private:
     QString m_userToken;
     DownloadLibraryPrompter *m_prompter;
 
-    // One running download; the rest wait, retries in front.
-    std::deque<DownloadLibraryOperation *> m_downloadQueue;
-    DownloadLibraryOperation *m_runningDownload = nullptr;
-    bool m_downloadQueueSuspended = false;
+    // One request at a time; a retry goes in front, after a pause.
+    OperationQueue m_downloadQueue;
     QTimer m_resumeTimer;
-    bool m_countReceived = false;
+    // Held while a retry is queued, so none slips in once destruction began.
+    QMutex m_retryLock;
+    bool m_stopping = false;
+    bool m_chunkRunning = false;
 
-    QThreadPool m_unzipQueue;
+    // One extraction at a time, in the order the chunks arrive.
+    OperationQueue m_unzipQueue;
     QHash<QString, Extraction> m_extractions; // by archive path
 
     qint64 m_totalTrackCount = 0;

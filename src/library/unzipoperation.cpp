@@ -58,8 +58,8 @@ bool isInside(const QString &canonicalPath, const QString &canonicalRoot)
 class Extraction
 {
 public:
-    Extraction(const QString &archivePath, UnzipDelegate *delegate, const std::atomic<bool> &cancelled)
-        : m_archivePath(archivePath), m_delegate(delegate), m_cancelled(cancelled)
+    Extraction(const QString &archivePath, UnzipDelegate *delegate, const Operation &operation)
+        : m_archivePath(archivePath), m_delegate(delegate), m_operation(operation)
     {}
 
     void run();
@@ -73,7 +73,7 @@ private:
 
     QString m_archivePath;
     UnzipDelegate *m_delegate;
-    const std::atomic<bool> &m_cancelled;
+    const Operation &m_operation;
     QString m_root;
     QString m_canonicalRoot;
     QList<Entry> m_entries;
@@ -175,7 +175,7 @@ bool Extraction::writeFile(zip_t *archive, const Entry &entry, const QString &pa
         return fail(QStringLiteral("cannot read \"%1\": %2").arg(entry.name, QString::fromUtf8(zip_strerror(archive))));
     }
     for (;;) {
-        if (m_cancelled) {
+        if (m_operation.isCancelled()) {
             ::close(fd);
             return false;
         }
@@ -248,7 +248,7 @@ void Extraction::run()
     m_delegate->onZKArchiveDidUpdateTotalSize(m_archivePath, m_totalSize);
     m_buffer.resize(kBufferSize);
     for (const Entry &entry : std::as_const(m_entries)) {
-        if (m_cancelled) {
+        if (m_operation.isCancelled()) {
             return;
         }
         const QString relative = QDir::cleanPath(entry.name);
@@ -270,7 +270,7 @@ void Extraction::run()
             return;
         }
     }
-    if (!m_cancelled) {
+    if (!m_operation.isCancelled()) {
         m_delegate->onZKArchiveDidEndUnzip(m_archivePath);
     }
 }
@@ -281,10 +281,7 @@ UnzipOperation::UnzipOperation(QString item, UnzipDelegate *delegate) : m_item(s
 
 void UnzipOperation::main()
 {
-    if (m_cancelled) {
-        return;
-    }
-    Extraction(m_item, m_delegate, m_cancelled).run();
+    Extraction(m_item, m_delegate, *this).run();
 }
 
 bool UnzipOperation::isSafeEntryName(const QString &name)

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <QString>
+#include "platform/operationqueue.h"
 
-#include <atomic>
+#include <QString>
 
 // Receives the progress of an extraction. Called on the extracting thread.
 class UnzipDelegate
@@ -25,19 +25,16 @@ public:
 // or a path that would pass through a symbolic link leading out makes the
 // whole extraction fail (with a log line naming the entry) before anything is
 // written; a link found on disk while writing stops it there. Each failure is
-// reported once through onZKArchiveDidFail.
-class UnzipOperation
+// reported once through onZKArchiveDidFail. A cancelled extraction reports
+// neither end nor failure.
+class UnzipOperation : public Operation
 {
+    Q_OBJECT
+
 public:
     UnzipOperation(QString item, UnzipDelegate *delegate);
 
     QString item() const { return m_item; }
-
-    // Extracts `item` into its own folder. A cancelled extraction reports
-    // neither end nor failure.
-    void main();
-    void cancel() { m_cancelled = true; }
-    bool isCancelled() const { return m_cancelled; }
 
     // Whether an entry name stays inside the folder it is extracted into.
     static bool isSafeEntryName(const QString &name);
@@ -45,8 +42,11 @@ public:
     // inside that folder.
     static bool isSafeLinkTarget(const QString &linkName, const QString &target);
 
+protected:
+    // Extracts `item` into its own folder.
+    void main() override;
+
 private:
     QString m_item;
     UnzipDelegate *m_delegate;
-    std::atomic<bool> m_cancelled{false};
 };

@@ -1,11 +1,13 @@
-// The segment request against the local service: its query, the end-marker check and its
-// single outcome.
+// The segment request against the local service, run on an operation queue as the model runs
+// it: its query, the end-marker check, its single outcome and its cancellation.
 #include "librarytestsupport.h"
 
-#include "library/downloadlibraryoperation.h"
 #include "core/appinfo.h"
+#include "library/downloadlibraryoperation.h"
+#include "protocol/endpoints.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QJsonObject>
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -45,13 +47,14 @@ private:
     QByteArray m_request;
 };
 
+// Written on the queue's thread, read once the operation has finished.
 struct Outcome
 {
     int completions = 0;
     qint64 lastBytes = 0;
-    std::optional<QUrl> file;
-    OptionalError error;
 };
+
+using OperationRef = std::shared_ptr<DownloadLibraryOperation>;
 
 } // namespace
 
@@ -69,9 +72,9 @@ private slots:
     void cancelAndDestroy();
 
 private:
-    // A chunk of 50 tracks from `offset` into `folder`, reporting into `outcome`.
-    void startChunk(DownloadLibraryOperation &chunk, Outcome &outcome, const QString &folder, qint64 offset = 0,
-                    const QString &token = QString());
+    // Queues a chunk of 50 tracks from `offset` into `folder`, reporting into `outcome`.
+    OperationRef startChunk(OperationQueue &queue, Outcome &outcome, const QString &folder, qint64 offset = 0,
+                            const QString &token = QString());
 
     DevServerProcess m_server;
     LibraryTest::Identity m_identity;
@@ -85,76 +88,76 @@ void TestLibraryTransfer::initTestCase()
     QCOMPARE(LibraryTest::seedTracks(m_server, 60, 20000).size(), 60);
 }
 
-void TestLibraryTransfer::startChunk(DownloadLibraryOperation &chunk, Outcome &outcome, const QString &folder,
-                                     qint64 offset, const QString &token)
+OperationRef TestLibraryTransfer::startChunk(OperationQueue &queue, Outcome &outcome, const QString &folder,
+                                             qint64 offset, const QString &token)
 {
-    chunk.setCompletion(
-        [&outcome](DownloadLibraryOperation *, const std::optional<QUrl> &file, const OptionalError &error) {
-            ++outcome.completions;
-            outcome.file = file;
-            outcome.error = error;
-        });
-    chunk.setProgress([&outcome](DownloadLibraryOperation *, qint64 bytes, qint64) { outcome.lastBytes = bytes; });
-    chunk.setUserId(m_identity.userId);
-    chunk.setToken(token.isNull() ? m_identity.token : token);
-    chunk.setOffset(offset);
-    chunk.setLength(50);
-    chunk.setDownloadToURL(QUrl::fromLocalFile(folder));
-    chunk.start();
+    auto chunk = std::make_shared<DownloadLibraryOperation>();
+    chunk->setCompletionHandler([&outcome] { ++outcome.completions; });
+    chunk->setProgress([&outcome](DownloadLibraryOperation *, qint64 bytes, qint64) { outcome.lastBytes = bytes; });
+    chunk->setUserId(m_identity.userId);
+    chunk->setToken(token.isNull() ? m_identity.token : token);
+    chunk->setOffset(offset);
+    chunk->setLength(50);
+    chunk->setDownloadToURL(QUrl::fromLocalFile(folder));
+    queue.addOperation(chunk);
+    return chunk;
 }
 
 void TestLibraryTransfer::headerRequest()
 {
-    qint64 count = -1;
+    std::optional<qint64> count;
     const auto run = [&](const QString &token) {
-        DownloadLibraryOperation operation;
-        operation.setUserId(QStringLiteral("1001"));
-        operation.setToken(token);
-        operation.setOffset(0);
-        operation.setLength(0);
-        operation.setTotalTrackCount([&](qint64 n) { count = n; });
-        operation.start();
-        QTRY_VERIFY_WITH_TIMEOUT(operation.isFinished(), kTimeout);
+        OperationQueue queue;
+        auto operation = std::make_shared<DownloadLibraryOperation>();
+        operation->setUserId(QStringLiteral("1001"));
+        operation->setToken(token);
+        operation->setOffset(0);
+        operation->setLength(0);
+        operation->setHeaderRequest(true);
+        queue.addOperation(operation);
+        QTRY_VERIFY_WITH_TIMEOUT(operation->isFinished(), kTimeout);
+        count = operation->trackCount();
         qputenv("PELICANE_DOWNLOAD_URL", m_server.downloadUrl().toUtf8());
     };
     RecordingServer counted("HTTP/1.1 200 OK\r\nTotal-Tracks: 120\r\nContent-Length: 0\r\n\r\n");
     run(QStringLiteral("abc+def/="));
-    QCOMPARE(count, 120);
+    QCOMPARE(count, std::optional<qint64>(120));
     const QString s = AppInfo::shortVersion();
     const QString b = AppInfo::buildNumber();
     // The client's blank is encoded twice inside the user agent; "(", ")" stay as they are;
     // user id, token and version go in unencoded.
-    QCOMPARE(
-        QString::fromLatin1(counted.requestLine()),
-        QStringLiteral("GET /library?_user_id=1001&_token=abc+def/=&client=pelicane%20mac"
-                       "&device_name=Pelicane%20for%20Mac%20") +
-            s + QStringLiteral("&user_agent=Lyrabox%20pelicane%2520mac%20") + s + QStringLiteral("%20(") + b +
-            QStringLiteral(")&version=") + s +
-            QStringLiteral("&mode=downloadlibrary&container_type=library&offset=0&length=0&end_marker=1 HTTP/1.1"));
+    const QString wholeLibraryQuery = QStringLiteral("_user_id=1001&_token=abc+def/=&client=pelicane%20mac"
+                                                     "&device_name=Pelicane%20for%20Mac%20") +
+                                      s + QStringLiteral("&user_agent=Lyrabox%20pelicane%2520mac%20") + s +
+                                      QStringLiteral("%20(") + b + QStringLiteral(")&version=") + s +
+                                      QStringLiteral("&mode=downloadlibrary&container_type=library");
+    QCOMPARE(QString::fromLatin1(counted.requestLine()),
+             QStringLiteral("GET /library?") + wholeLibraryQuery +
+                 QStringLiteral("&offset=0&length=0&end_marker=1 HTTP/1.1"));
     QVERIFY(LibraryTest::logText().contains(QStringLiteral("DownloadLibrary(0, 0, header)")));
+    // The service's single-request download asks the same without a segment.
+    QCOMPARE(
+        Endpoints::libraryDownloadURL(QStringLiteral("1001"), QStringLiteral("abc+def/=")).query(QUrl::FullyEncoded),
+        wholeLibraryQuery);
 }
 
 void TestLibraryTransfer::chunkFromTheService()
 {
     QTemporaryDir folder;
     const QString destination = folder.filePath(QStringLiteral("My Lyrabox Library"));
-    DownloadLibraryOperation chunk;
+    OperationQueue queue;
     Outcome outcome;
-    QSignalSpy executing(&chunk, &DownloadLibraryOperation::executingChanged);
-    startChunk(chunk, outcome, destination, 50);
-    QVERIFY(chunk.isExecuting());
-    QTRY_VERIFY_WITH_TIMEOUT(chunk.isFinished(), kTimeout);
-    QTest::qWait(100);
+    const OperationRef chunk = startChunk(queue, outcome, destination, 50);
+    QTRY_VERIFY_WITH_TIMEOUT(chunk->isFinished(), kTimeout);
 
     QCOMPARE(outcome.completions, 1);
-    QVERIFY2(!outcome.error, qPrintable(outcome.error ? outcome.error->localizedDescription() : QString()));
+    QVERIFY2(!chunk->error(), qPrintable(chunk->error() ? chunk->error()->localizedDescription() : QString()));
     const QString path = QDir(destination).filePath(QStringLiteral(".temp-1.zip"));
-    QCOMPARE(outcome.file, std::optional<QUrl>(QUrl::fromLocalFile(path)));
-    QCOMPARE(executing.size(), 2);
+    QCOMPARE(chunk->downloadedFileURL(), std::optional<QUrl>(QUrl::fromLocalFile(path)));
     // The marker is cut off the archive.
-    QVERIFY(chunk.estimatedBytes().has_value());
-    QCOMPARE(QFileInfo(path).size(), *chunk.estimatedBytes() - 4);
-    QCOMPARE(outcome.lastBytes, *chunk.estimatedBytes());
+    QVERIFY(chunk->estimatedBytes().has_value());
+    QCOMPARE(QFileInfo(path).size(), *chunk->estimatedBytes() - 4);
+    QCOMPARE(outcome.lastBytes, *chunk->estimatedBytes());
     QCOMPARE(LibraryTest::filesUnder(destination), QStringList{QStringLiteral(".temp-1.zip")});
     const QString log = LibraryTest::logText();
     QVERIFY(log.contains(QStringLiteral("DownloadLibrary(50, 50, chunk)")));
@@ -198,19 +201,19 @@ void TestLibraryTransfer::failuresAreReportedOnce()
         QVERIFY(m_server.addFault(fault));
     }
     QTemporaryDir folder;
-    DownloadLibraryOperation chunk;
+    OperationQueue queue;
     Outcome outcome;
-    startChunk(chunk, outcome, folder.path(), 0, token);
-    QTRY_VERIFY_WITH_TIMEOUT(chunk.isFinished(), kTimeout);
-    QTest::qWait(100);
+    const OperationRef chunk = startChunk(queue, outcome, folder.path(), 0, token);
+    QTRY_VERIFY_WITH_TIMEOUT(chunk->isFinished(), kTimeout);
 
     QCOMPARE(outcome.completions, 1);
-    QVERIFY(outcome.error);
-    QCOMPARE(outcome.error->localizedDescription(), message);
-    QCOMPARE(outcome.error->code(), code);
+    const OptionalError error = chunk->error();
+    QVERIFY(error);
+    QCOMPARE(error->localizedDescription(), message);
+    QCOMPARE(error->code(), code);
     // An answer is kept for the caller; a broken transfer leaves no partial file behind.
     const bool answered = code == 0;
-    QCOMPARE(outcome.file.has_value(), answered);
+    QCOMPARE(chunk->downloadedFileURL().has_value(), answered);
     QCOMPARE(LibraryTest::filesUnder(folder.path()),
              answered ? QStringList{QStringLiteral(".temp-0.zip")} : QStringList());
     QVERIFY2(LibraryTest::logText().contains(logged), qPrintable(logged));
@@ -221,28 +224,45 @@ void TestLibraryTransfer::cancelAndDestroy()
     QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"latency_ms", 2000}, {"count", 2}}));
     QTemporaryDir folder;
     {
-        // Cancelled (twice) while the slow answer is on its way: one report, -999.
-        DownloadLibraryOperation chunk;
+        // Cancelled (twice) while the slow answer is on its way: it ends at once, with one
+        // report, -999. The chunk waiting behind it, cancelled too, ends without a request.
+        const qint64 segmentsBefore = m_server.requestCounts().value("segment").toInteger();
+        OperationQueue queue;
+        queue.setMaxConcurrentOperationCount(1);
         Outcome outcome;
-        startChunk(chunk, outcome, folder.path());
+        Outcome waitingOutcome;
+        const OperationRef chunk = startChunk(queue, outcome, folder.path());
+        const OperationRef waiting = startChunk(queue, waitingOutcome, folder.path(), 50);
+        QTRY_VERIFY_WITH_TIMEOUT(chunk->isExecuting(), kTimeout);
         QTest::qWait(300);
-        chunk.cancel();
-        chunk.cancel();
-        QTRY_VERIFY_WITH_TIMEOUT(chunk.isFinished(), kTimeout);
-        QTest::qWait(100);
+        QElapsedTimer clock;
+        clock.start();
+        chunk->cancel();
+        chunk->cancel();
+        waiting->cancel();
+        QTRY_VERIFY_WITH_TIMEOUT(chunk->isFinished() && waiting->isFinished(), kTimeout);
+        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(outcome.completions, 1);
-        QCOMPARE(outcome.error.value_or(Error::errorWithMessage()).code(), -999);
+        QCOMPARE(chunk->error().value_or(Error::errorWithMessage()).code(), -999);
         QVERIFY(LibraryTest::logText().contains(QStringLiteral("Canceled: True")));
+        QVERIFY(!waiting->completionHandled());
+        QCOMPARE(m_server.requestCounts().value("segment").toInteger() - segmentsBefore, 1);
     }
     Outcome destroyed;
+    OperationRef chunk;
+    QElapsedTimer clock;
     {
-        // Destroyed while running: nothing is reported afterwards.
-        DownloadLibraryOperation chunk;
-        startChunk(chunk, destroyed, folder.path());
+        // The queue destroyed while the transfer runs: it ends the transfer and returns at once.
+        OperationQueue queue;
+        chunk = startChunk(queue, destroyed, folder.path());
+        QTRY_VERIFY_WITH_TIMEOUT(chunk->isExecuting(), kTimeout);
         QTest::qWait(300);
+        clock.start();
     }
-    QTest::qWait(500);
-    QCOMPARE(destroyed.completions, 0);
+    QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+    QVERIFY(chunk->isFinished());
+    QCOMPARE(chunk->error().value_or(Error::errorWithMessage()).code(), -999);
+    QCOMPARE(LibraryTest::filesUnder(folder.path()), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestLibraryTransfer)

@@ -77,7 +77,7 @@ public:
     explicit Recorder(const QString &archive)
     {
         UnzipOperation operation(archive, this);
-        operation.main();
+        operation.start();
     }
     void onZKArchiveDidBeginUnzip(const QString &) override { events.append(QStringLiteral("begin")); }
     void onZKArchiveDidUpdateTotalSize(const QString &, qint64 totalSize) override
