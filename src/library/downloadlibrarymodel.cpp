@@ -1,5 +1,6 @@
 #include "library/downloadlibrarymodel.h"
 
+#include "core/appinfo.h"
 #include "core/logger.h"
 #include "library/downloadlibraryoperation.h"
 
@@ -15,7 +16,6 @@
 
 namespace {
 
-const char *const kSupportAddress = "support@lyrabox.com";
 const char *const kTrackCountKey = "downloaded_track_count";
 
 QString formatBytes(qint64 bytes)
@@ -431,7 +431,7 @@ void DownloadLibraryModel::OnErrorInfo()
                           QStringLiteral("The following error occurred while downloading: \n\n") + description +
                               QStringLiteral("\n\nThe download is attempting to recover automatically. If this error "
                                              "persists, contact ") +
-                              QLatin1String(kSupportAddress),
+                              AppInfo::supportAddress(),
                           {QStringLiteral("OK")}, DownloadLibraryPrompter::Appearance::Default);
 }
 

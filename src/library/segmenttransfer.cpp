@@ -226,9 +226,7 @@ void SegmentTransfer::taskCompleted()
     if (error) {
         m_file->remove();
     } else if (statusValue.isValid() && outcome.status != 200) {
-        error = Error::errorWithMessage(QStringLiteral("%1 (%2)")
-                                            .arg(nullable(HTTPStatusCodeMap::descriptionForCode(outcome.status)))
-                                            .arg(outcome.status));
+        error = Error::errorWithMessage(HTTPStatusCodeMap::errorText(outcome.status));
     } else if (outcome.status == 200) {
         error = SegmentAnswer::validateEndMarker(outcome.file->toLocalFile());
     }
