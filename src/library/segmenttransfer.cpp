@@ -1,6 +1,5 @@
 #include "library/segmenttransfer.h"
 
-#include "core/formatting.h"
 #include "library/segmentanswer.h"
 #include "protocol/httpstatuscodemap.h"
 #include "protocol/transporterror.h"
