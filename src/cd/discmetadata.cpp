@@ -1,0 +1,477 @@
+#include "cd/discmetadata.h"
+
+#include "cd/discidentifier.h"
+#include "cd/musicbrainzquery.h"
+#include "cd/plcaudiocdprocessor.h"
+#include "core/logger.h"
+#include "protocol/endpoints.h"
+
+#include <QMetaObject>
+#include <QPointer>
+#include <QThreadPool>
+
+#include <musicbrainz5/Artist.h>
+#include <musicbrainz5/ArtistCredit.h>
+#include <musicbrainz5/Disc.h>
+#include <musicbrainz5/DiscList.h>
+#include <musicbrainz5/HTTPFetch.h>
+#include <musicbrainz5/Label.h>
+#include <musicbrainz5/LabelInfo.h>
+#include <musicbrainz5/LabelInfoList.h>
+#include <musicbrainz5/Medium.h>
+#include <musicbrainz5/MediumList.h>
+#include <musicbrainz5/NameCredit.h>
+#include <musicbrainz5/NameCreditList.h>
+#include <musicbrainz5/Recording.h>
+#include <musicbrainz5/Release.h>
+#include <musicbrainz5/ReleaseList.h>
+#include <musicbrainz5/Tag.h>
+#include <musicbrainz5/TagList.h>
+#include <musicbrainz5/Track.h>
+#include <musicbrainz5/TrackList.h>
+
+#include <cdio/cdtext.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+constexpr int kCDReadErrorCode = 1000;
+constexpr int kMissingMetadataCode = 1001;
+
+const char *const kUserAgent = "Lyrabox Pelicane";
+const char *const kReleaseIncludes = "artists labels recordings release-groups url-rels discids artist-credits";
+// The disc lookup also brings each release's credits and labels, so the
+// candidates can be told apart without a lookup per release.
+const char *const kDiscIncludes = "artist-credits labels";
+
+// The system console (standard error), apart from the log file.
+void consoleLog(const QString &line)
+{
+    std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
+    std::fflush(stderr);
+}
+
+std::optional<QString> text(const std::string &value)
+{
+    return PLCAudioCDProcessor::stringWithUTF8String(value.c_str());
+}
+
+QString plainText(const std::string &value)
+{
+    return QString::fromUtf8(value.data(), qsizetype(value.size()));
+}
+
+// The names of a credit, each followed by its join phrase.
+QString creditText(const MusicBrainz5::CArtistCredit *credit)
+{
+    QString joined;
+    const MusicBrainz5::CNameCreditList *names = credit ? credit->NameCreditList() : nullptr;
+    for (int i = 0; names && i < names->NumItems(); ++i) {
+        const MusicBrainz5::CNameCredit *name = names->Item(i);
+        const std::string artistName = name->Artist() ? name->Artist()->Name() : name->Name();
+        joined += text(artistName).value_or(QString()) + text(name->JoinPhrase()).value_or(QString());
+    }
+    return joined;
+}
+
+// The integer value of the first four characters: leading digits only, 0
+// without any.
+int yearOf(const QString &date)
+{
+    int year = 0;
+    for (const QChar c : date.left(4)) {
+        if (!c.isDigit()) {
+            break;
+        }
+        year = year * 10 + c.digitValue();
+    }
+    return year;
+}
+
+int listCount(const MusicBrainz5::CMediumList *list)
+{
+    if (!list) {
+        return 0;
+    }
+    return std::max(list->Count(), list->NumItems());
+}
+
+ReleaseCandidate candidateOf(const MusicBrainz5::CRelease &release)
+{
+    ReleaseCandidate candidate;
+    candidate.id = plainText(release.ID());
+    candidate.title = plainText(release.Title());
+    candidate.artistCredit = creditText(release.ArtistCredit());
+    candidate.date = plainText(release.Date());
+    candidate.country = plainText(release.Country());
+    candidate.barcode = plainText(release.Barcode());
+    candidate.mediumCount = listCount(release.MediumList());
+    if (const MusicBrainz5::CLabelInfoList *labels = release.LabelInfoList()) {
+        QStringList names;
+        for (int i = 0; i < labels->NumItems(); ++i) {
+            if (const MusicBrainz5::CLabel *label = labels->Item(i)->Label()) {
+                names.append(plainText(label->Name()));
+            }
+        }
+        candidate.label = names.join(QStringLiteral(", "));
+    }
+    return candidate;
+}
+
+// The position (from 1) of the first medium whose first disc is the disc;
+// 1 when the release has fewer than two media or none matches. Later discs
+// of a medium are not looked at.
+int discNumberOf(const MusicBrainz5::CRelease &release, const std::string &discId)
+{
+    const MusicBrainz5::CMediumList *media = release.MediumList();
+    if (!media || media->NumItems() < 2) {
+        return 1;
+    }
+    for (int i = 0; i < media->NumItems(); ++i) {
+        const MusicBrainz5::CDiscList *discs = media->Item(i)->DiscList();
+        if (discs && discs->NumItems() > 0 && discs->Item(0)->ID() == discId) {
+            return i + 1;
+        }
+    }
+    return 1;
+}
+
+class Compilation
+{
+public:
+    Compilation(const QString &volumePath, const QStringList &trackPaths, const DiscMetadataOptions &options,
+                const PLCAudioCDProcessor::ProgressCallback &progress)
+        : m_volumePath(volumePath), m_options(options), m_progress(progress)
+    {
+        m_result.trackPaths = trackPaths;
+    }
+
+    DiscMetadata run();
+
+private:
+    void progress(int stage)
+    {
+        if (m_progress) {
+            m_progress(stage);
+        }
+    }
+    void standardOutput(const QString &line)
+    {
+        if (m_options.standardOutput) {
+            m_options.standardOutput(line);
+        } else {
+            std::printf("%s\n", line.toLocal8Bit().constData());
+            std::fflush(stdout);
+        }
+    }
+    // Merges a record found for the track at index, or drops it when the
+    // disc has more tracks than paths.
+    void mergeFound(int index, const PLCID3Tag &tag)
+    {
+        const QStringList &paths = m_result.trackPaths;
+        if (index < paths.size()) {
+            Logger::log(QStringLiteral(" - Found track: ") + describeOptional(tag.title()));
+            PLCAudioCDProcessor::updateTags(m_tags, paths.at(index), tag);
+        } else {
+            consoleLog(QStringLiteral("Skipping out of range track: ") + tag.description());
+        }
+    }
+
+    void searchMusicBrainz();
+    void lookUpReleases(MusicBrainzQuery &query);
+    void reportException(const char *prefix, const std::exception &exception, const MusicBrainzQuery &query);
+    void searchCDText(CdIo_t *handle);
+    void finish();
+
+    QString m_volumePath;
+    DiscMetadataOptions m_options;
+    PLCAudioCDProcessor::ProgressCallback m_progress;
+    DiscMetadata m_result;
+    ID3TagDictionary m_tags;
+};
+
+DiscMetadata Compilation::run()
+{
+    const QStringList &paths = m_result.trackPaths;
+    progress(ReadingCDStage);
+    Logger::log(QStringLiteral("Compiling %1 ID3 tags for CD: %2").arg(paths.size()).arg(m_volumePath));
+    if (OptionalError error = PLCAudioCDProcessor::openDeviceForVolume(m_volumePath)) {
+        m_result.error = error;
+        return m_result;
+    }
+    progress(DiscInformationStage);
+
+    CdIo_t *handle = PLCAudioCDProcessor::cdio();
+    Logger::log(QStringLiteral("Filling out initial values:"));
+    const int first = cdio_get_first_track_num(handle);
+    for (int i = 0; i < paths.size(); ++i) {
+        PLCID3Tag tag;
+        tag.setTrack(first + i);
+        m_tags.insert(paths.at(i), tag);
+        Logger::log(QStringLiteral(" - %1: %2").arg(paths.at(i)).arg(first + i));
+    }
+
+    Logger::log(QStringLiteral("Searching MusicBrainz:"));
+    const DiscIdentifier::Result discId =
+        DiscIdentifier::read(handle, PLCAudioCDProcessor::deviceName(), PLCAudioCDProcessor::isDiscImageOpen());
+    if (discId.id.isEmpty()) {
+        m_result.error = Error::errorWithMessage(discId.error, kCDReadErrorCode);
+        return m_result;
+    }
+    m_result.discId = discId.id;
+    Logger::log(QStringLiteral(" - DiscID: ") + discId.id);
+    searchMusicBrainz();
+
+    // The other platform's disc-recording framework had a say here; CD-TEXT
+    // is what it read.
+    Logger::log(QStringLiteral("Searching DiscRecording..."));
+    searchCDText(handle);
+
+    progress(ArtworkStage);
+    m_result.artworkSource =
+        ArtworkLookup::lookUp(m_result.releaseId, m_tags, paths.value(0), std::max(1, m_options.timeoutMs));
+    finish();
+    m_result.tags = m_tags;
+    return m_result;
+}
+
+void Compilation::searchMusicBrainz()
+{
+    MusicBrainzQuery query(kUserAgent, Endpoints::musicBrainzHost().toStdString(), Endpoints::musicBrainzPort(),
+                           std::max(1, m_options.timeoutMs));
+    // Whatever throws leaves the lookup at once; records merged so far stay.
+    try {
+        lookUpReleases(query);
+    } catch (const MusicBrainz5::CConnectionError &e) {
+        reportException("Connection Exception: '", e, query);
+    } catch (const MusicBrainz5::CTimeoutError &e) {
+        reportException("Timeout Exception: '", e, query);
+    } catch (const MusicBrainz5::CAuthenticationError &e) {
+        reportException("Authentication Exception: '", e, query);
+    } catch (const MusicBrainz5::CFetchError &e) {
+        reportException("Fetch Exception: '", e, query);
+    } catch (const MusicBrainz5::CRequestError &e) {
+        reportException("Request Exception: '", e, query);
+    } catch (const MusicBrainz5::CResourceNotFoundError &e) {
+        reportException("ResourceNotFound Exception: '", e, query);
+    } catch (...) {
+        consoleLog(QStringLiteral("WHOOPS! Caught some kind of unknown exception"));
+        m_result.error = Error::errorWithMessage(text(query.lastErrorMessage()).value_or(QString()), 0);
+    }
+}
+
+void Compilation::reportException(const char *prefix, const std::exception &exception, const MusicBrainzQuery &query)
+{
+    standardOutput(QString::fromUtf8(prefix) + QString::fromUtf8(exception.what()) + QLatin1Char('\''));
+    standardOutput(QStringLiteral("LastResult: ") + QString::number(query.lastResult()));
+    standardOutput(QStringLiteral("LastHTTPCode: ") + QString::number(query.lastHTTPCode()));
+    standardOutput(QStringLiteral("LastErrorMessage: ") + plainText(query.lastErrorMessage()));
+    m_result.error = Error::errorWithMessage(plainText(query.lastErrorMessage()), 0);
+}
+
+void Compilation::lookUpReleases(MusicBrainzQuery &query)
+{
+    const std::string discId = m_result.discId.toStdString();
+    MusicBrainz5::CQuery::tParamMap discParams;
+    discParams["inc"] = kDiscIncludes;
+    const MusicBrainz5::CMetadata discMetadata = query.query("discid", discId, discParams);
+    const MusicBrainz5::CDisc *disc = discMetadata.Disc();
+    const MusicBrainz5::CReleaseList *releases = disc ? disc->ReleaseList() : nullptr;
+    if (!releases || releases->NumItems() == 0) {
+        return;
+    }
+    for (int i = 0; i < releases->NumItems(); ++i) {
+        m_result.releases.append(candidateOf(*releases->Item(i)));
+    }
+
+    // The disc release names the album and its date: the first of the list,
+    // or the one chosen.
+    std::optional<MusicBrainz5::CRelease> discRelease;
+    if (m_options.releaseId.isEmpty()) {
+        discRelease = *releases->Item(0);
+    } else {
+        for (int i = 0; i < releases->NumItems() && !discRelease; ++i) {
+            if (plainText(releases->Item(i)->ID()) == m_options.releaseId) {
+                discRelease = *releases->Item(i);
+            }
+        }
+    }
+    m_result.releaseId = discRelease ? plainText(discRelease->ID()) : m_options.releaseId;
+
+    MusicBrainz5::CQuery::tParamMap releaseParams;
+    releaseParams["inc"] = kReleaseIncludes;
+    const MusicBrainz5::CMetadata releaseMetadata =
+        query.query("release", m_result.releaseId.toStdString(), releaseParams);
+    const MusicBrainz5::CRelease *release = releaseMetadata.Release();
+    if (!release) {
+        return;
+    }
+    if (!discRelease) {
+        // A chosen release that the disc lookup did not list speaks for itself.
+        discRelease = *release;
+    }
+
+    const MusicBrainz5::CMediumList matching = release->MediaMatchingDiscID(discId);
+    const MusicBrainz5::CMedium *medium = nullptr;
+    for (int i = 0; i < matching.NumItems() && !medium; ++i) {
+        if (matching.Item(i)->TrackList()) {
+            medium = matching.Item(i);
+        }
+    }
+    if (!medium) {
+        return;
+    }
+
+    const QString albumArtist = creditText(release->ArtistCredit());
+    const int discNumber = discNumberOf(*release, discId);
+    const MusicBrainz5::CTrackList *tracks = medium->TrackList();
+    const std::optional<QString> album = text(discRelease->Title());
+    const int year = yearOf(plainText(discRelease->Date()));
+    for (int t = 0; t < tracks->NumItems(); ++t) {
+        const MusicBrainz5::CTrack *track = tracks->Item(t);
+        const MusicBrainz5::CRecording *recording = track->Recording();
+        PLCID3Tag tag;
+        tag.setTitle(recording ? text(recording->Title()) : text(track->Title()));
+        tag.setAlbum(album);
+        tag.setArtist(recording ? creditText(recording->ArtistCredit()) : QString());
+        tag.setAlbumArtist(albumArtist);
+        const MusicBrainz5::CTagList *genres = recording ? recording->TagList() : nullptr;
+        if (genres && genres->NumItems() > 0) {
+            tag.setGenreText(text(genres->Item(0)->Name()));
+        }
+        tag.setYear(year);
+        tag.setTrack(track->Position());
+        tag.setTotalTracks(tracks->NumItems());
+        tag.setDiscNumber(discNumber);
+        mergeFound(t, tag);
+    }
+}
+
+void Compilation::searchCDText(CdIo_t *handle)
+{
+    const track_t count = cdio_get_num_tracks(handle);
+    // Owned by the handle: it goes with it and is never freed here.
+    cdtext_t *cdtext = cdio_get_cdtext(handle);
+    Logger::log(QStringLiteral("Searching CD-TEXT..."));
+    if (!cdtext || count == 0 || count == CDIO_INVALID_TRACK) {
+        return;
+    }
+    const auto field = [cdtext](cdtext_field_t key, int track) {
+        return PLCAudioCDProcessor::stringWithUTF8String(cdtext_get_const(cdtext, key, track_t(track)));
+    };
+    const std::optional<QString> genre =
+        PLCAudioCDProcessor::stringWithUTF8String(cdtext_genre2str(cdtext_get_genre(cdtext)));
+    // CD-TEXT is numbered from 1 whatever the disc's first track number.
+    for (int i = 1; i <= count; ++i) {
+        PLCID3Tag tag;
+        tag.setTitle(field(CDTEXT_FIELD_TITLE, i));
+        tag.setArtist(field(CDTEXT_FIELD_PERFORMER, i));
+        tag.setAlbum(field(CDTEXT_FIELD_TITLE, 0));
+        tag.setAlbumArtist(field(CDTEXT_FIELD_PERFORMER, 0));
+        tag.setGenreText(genre);
+        tag.setTrack(i);
+        tag.setTotalTracks(count);
+        mergeFound(i - 1, tag);
+    }
+}
+
+void Compilation::finish()
+{
+    bool complete = true;
+    for (PLCID3Tag &tag : m_tags) {
+        if (!tag.title() || tag.title()->isEmpty()) {
+            tag.setTitle(QStringLiteral("Track ") + describeOptional(tag.track()));
+        }
+        complete = tag.isComplete() && complete;
+    }
+    if (!complete) {
+        m_result.error = Error::errorWithMessage(QStringLiteral("Missing Metadata"), kMissingMetadataCode);
+    }
+    QList<PLCID3Tag> sorted = m_tags.values();
+    std::stable_sort(sorted.begin(), sorted.end(), [](const PLCID3Tag &a, const PLCID3Tag &b) {
+        return a.track().value_or(0) < b.track().value_or(0);
+    });
+    QStringList descriptions;
+    for (const PLCID3Tag &tag : sorted) {
+        descriptions.append(tag.description());
+    }
+    Logger::log(QStringLiteral("Compiled tags: (") + descriptions.join(QStringLiteral(", ")) + QLatin1Char(')'));
+}
+
+} // namespace
+
+DiscMetadata PLCAudioCDProcessor::compileDiscMetadata(const QString &volumePath, const QStringList &trackPaths,
+                                                      const DiscMetadataOptions &options,
+                                                      const ProgressCallback &progressCallback)
+{
+    return Compilation(volumePath, trackPaths, options, progressCallback).run();
+}
+
+void PLCAudioCDProcessor::compileDiscMetadataInBackground(const QString &volumePath, const QStringList &trackPaths,
+                                                          const DiscMetadataOptions &options, QObject *context,
+                                                          ProgressCallback progressCallback,
+                                                          std::function<void(const DiscMetadata &)> completion)
+{
+    QPointer<QObject> receiver(context);
+    QThreadPool::globalInstance()->start([=] {
+        const ProgressCallback forward = [receiver, progressCallback](int stage) {
+            if (receiver && progressCallback) {
+                QMetaObject::invokeMethod(
+                    receiver, [progressCallback, stage] { progressCallback(stage); }, Qt::QueuedConnection);
+            }
+        };
+        const DiscMetadata metadata = compileDiscMetadata(volumePath, trackPaths, options, forward);
+        if (receiver && completion) {
+            QMetaObject::invokeMethod(
+                receiver, [completion, metadata] { completion(metadata); }, Qt::QueuedConnection);
+        }
+    });
+}
+
+std::optional<ID3TagDictionary> PLCAudioCDProcessor::ID3TagsForPath(const QString &volumePath,
+                                                                    const QStringList &trackPaths, OptionalError *error,
+                                                                    const ProgressCallback &progressCallback)
+{
+    const DiscMetadata metadata = compileDiscMetadata(volumePath, trackPaths, {}, progressCallback);
+    if (error) {
+        *error = metadata.error;
+    }
+    return metadata.tags;
+}
+
+void PLCAudioCDProcessor::updateTags(ID3TagDictionary &tags, const QString &path, const PLCID3Tag &tag)
+{
+    PLCID3Tag &stored = tags[path];
+    const auto mergeText = [](const std::optional<QString> &from, const std::optional<QString> &into, auto set) {
+        if (!into) {
+            set(from);
+        }
+    };
+    mergeText(tag.title(), stored.title(), [&](const auto &v) { stored.setTitle(v); });
+    mergeText(tag.artist(), stored.artist(), [&](const auto &v) { stored.setArtist(v); });
+    mergeText(tag.album(), stored.album(), [&](const auto &v) { stored.setAlbum(v); });
+    mergeText(tag.albumArtist(), stored.albumArtist(), [&](const auto &v) { stored.setAlbumArtist(v); });
+    mergeText(tag.genreText(), stored.genreText(), [&](const auto &v) { stored.setGenreText(v); });
+    if (!stored.track()) {
+        stored.setTrack(tag.track());
+    }
+    if (!stored.totalTracks()) {
+        stored.setTotalTracks(tag.totalTracks());
+    }
+    if (!stored.discNumber()) {
+        stored.setDiscNumber(tag.discNumber());
+    }
+    if (stored.year().value_or(0) == 0) {
+        stored.setYear(tag.year());
+    }
+}
+
+std::optional<QString> PLCAudioCDProcessor::stringWithUTF8String(const char *text)
+{
+    if (!text) {
+        return std::nullopt;
+    }
+    return QString::fromUtf8(text);
+}
