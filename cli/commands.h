@@ -6,3 +6,4 @@
 // Each returns the process exit status.
 int runUploadCommand(const QStringList &args);
 int runDownloadLibraryCommand(const QStringList &args);
+int runDiscInfoCommand(const QStringList &args);

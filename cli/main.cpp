@@ -19,6 +19,9 @@ void printUsage(QTextStream &out)
            "      --threads N                   simultaneous uploads, 1 to 6 (default 3)\n"
            "      --dry-run                     list what would be uploaded, upload nothing\n"
            "  download-library FOLDER          download the whole library into FOLDER\n"
+           "  disc-info DEVICE-OR-IMAGE        look up an audio CD (a drive or a .cue/.toc image)\n"
+           "      --json                        print one JSON object\n"
+           "      --release MBID                use this MusicBrainz release\n"
            "  --version                        print the version\n"
            "\n"
            "The log is written to the log file of the desktop program; --verbose also\n"
@@ -60,6 +63,9 @@ int main(int argc, char *argv[])
     }
     if (command == QLatin1String("download-library")) {
         return runDownloadLibraryCommand(args);
+    }
+    if (command == QLatin1String("disc-info")) {
+        return runDiscInfoCommand(args);
     }
     err << "pelicane-cli: unknown command '" << command << "'\n\n";
     printUsage(err);

@@ -1,5 +1,6 @@
 #include "devserver.h"
 
+#include "discservices.h"
 #include "multipartparser.h"
 #include "uploadreceiver.h"
 #include "zipstream.h"
@@ -325,6 +326,9 @@ int DevServer::bind(int port)
              });
     svr.Post("/control/.*",
              [this](const httplib::Request &req, httplib::Response &res) { handleControl(req, res, std::string()); });
+
+    // The outside services of the CD road.
+    DiscServices::registerRoutes(svr, m_store.dataDirectory());
 
     if (port == 0)
         m_port = svr.bind_to_any_port("127.0.0.1");

@@ -23,12 +23,16 @@ done
 export PELICANE_API_URL="$url/s/JSON/"
 export PELICANE_UPLOAD_URL="$url/upload/"
 export PELICANE_DOWNLOAD_URL="$url/download/"
+# The same process stands in for MusicBrainz, the Cover Art Archive and Discogs.
+export PELICANE_MUSICBRAINZ_SERVER="${url#http://}"
+export PELICANE_COVERART_URL="$url"
+export PELICANE_DISCOGS_URL="$url"
 echo "Local Lyrabox service: $url (data in $data)"
 echo "Demo account: demo@lyrabox.test / demo"
 
 samples="$build/sample-music"
 if [[ -x "$top/scripts/make-samples.sh" ]]; then
-  "$top/scripts/make-samples.sh" "$samples"
+  "$top/scripts/make-samples.sh" "$samples" "$data"
 fi
 
 if [[ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]]; then

@@ -1,0 +1,215 @@
+// pelicane-cli disc-info DEVICE-OR-IMAGE [--json] [--release MBID]: opens a
+// disc as the program does, compiles its metadata and prints it.
+#include "cli/commands.h"
+
+#include "cd/plcaudiocdprocessor.h"
+#include "cd/plcvolumetype.h"
+#include "platform/discimages.h"
+
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTextStream>
+
+#include <cstdio>
+
+namespace {
+
+constexpr int kCDReadErrorCode = 1000;
+
+void printDiscInfoUsage(QTextStream &out)
+{
+    out << "usage: pelicane-cli disc-info DEVICE-OR-IMAGE [--json] [--release MBID]\n";
+}
+
+QJsonValue jsonText(const std::optional<QString> &text)
+{
+    return text ? QJsonValue(*text) : QJsonValue(QJsonValue::Null);
+}
+
+QJsonValue jsonNumber(std::optional<int> number)
+{
+    return number ? QJsonValue(*number) : QJsonValue(QJsonValue::Null);
+}
+
+QJsonValue jsonNonEmpty(const QString &text)
+{
+    return text.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(text);
+}
+
+// The image is the same on every record; the first tells.
+const PLCID3Tag *firstTag(const DiscMetadata &metadata)
+{
+    if (!metadata.tags || metadata.trackPaths.isEmpty()) {
+        return nullptr;
+    }
+    const auto found = metadata.tags->constFind(metadata.trackPaths.first());
+    return found == metadata.tags->constEnd() ? nullptr : &*found;
+}
+
+QJsonObject toJson(const DiscMetadata &metadata)
+{
+    QJsonArray releases;
+    for (const ReleaseCandidate &release : metadata.releases) {
+        releases.append(QJsonObject{{"id", release.id},
+                                    {"title", release.title},
+                                    {"artistCredit", release.artistCredit},
+                                    {"date", release.date},
+                                    {"country", release.country},
+                                    {"label", release.label},
+                                    {"barcode", release.barcode},
+                                    {"mediumCount", release.mediumCount}});
+    }
+    QJsonArray tracks;
+    for (const QString &path : metadata.trackPaths) {
+        if (!metadata.tags || !metadata.tags->contains(path)) {
+            continue;
+        }
+        const PLCID3Tag &tag = metadata.tags->value(path);
+        tracks.append(QJsonObject{{"path", path},
+                                  {"track", jsonNumber(tag.track())},
+                                  {"title", jsonText(tag.title())},
+                                  {"artist", jsonText(tag.artist())},
+                                  {"album", jsonText(tag.album())},
+                                  {"albumArtist", jsonText(tag.albumArtist())},
+                                  {"genre", jsonText(tag.genreText())},
+                                  {"year", jsonNumber(tag.year())},
+                                  {"totalTracks", jsonNumber(tag.totalTracks())},
+                                  {"discNumber", jsonNumber(tag.discNumber())}});
+    }
+    QJsonValue artwork(QJsonValue::Null);
+    if (const PLCID3Tag *tag = firstTag(metadata); tag && tag->artwork()) {
+        artwork = QJsonObject{{"format", jsonText(tag->artworkFormat())},
+                              {"bytes", tag->artwork()->size()},
+                              {"source", ArtworkLookup::sourceName(metadata.artworkSource)}};
+    }
+    QJsonValue error(QJsonValue::Null);
+    if (metadata.error) {
+        error = QJsonObject{{"code", metadata.error->code()}, {"message", metadata.error->localizedDescription()}};
+    }
+    return QJsonObject{{"discId", jsonNonEmpty(metadata.discId)},
+                       {"releaseId", jsonNonEmpty(metadata.releaseId)},
+                       {"releases", releases},
+                       {"tracks", tracks},
+                       {"artwork", artwork},
+                       {"error", error}};
+}
+
+void printText(QTextStream &out, const DiscMetadata &metadata)
+{
+    out << "Disc ID: " << (metadata.discId.isEmpty() ? QStringLiteral("(unknown)") : metadata.discId) << "\n";
+    out << "Release: " << (metadata.releaseId.isEmpty() ? QStringLiteral("(none)") : metadata.releaseId) << "\n";
+    if (!metadata.releases.isEmpty()) {
+        out << "Releases holding this disc (* used):\n";
+        for (const ReleaseCandidate &release : metadata.releases) {
+            QStringList details;
+            for (const QString &detail : {release.date, release.country, release.label, release.barcode}) {
+                if (!detail.isEmpty()) {
+                    details.append(detail);
+                }
+            }
+            details.append(QStringLiteral("%1 medium(s)").arg(release.mediumCount));
+            out << (release.id == metadata.releaseId ? "  * " : "    ") << release.id << "  " << release.title << " / "
+                << release.artistCredit << " (" << details.join(QStringLiteral(", ")) << ")\n";
+        }
+    }
+    if (metadata.tags) {
+        out << "Tracks:\n";
+        for (const QString &path : metadata.trackPaths) {
+            const PLCID3Tag tag = metadata.tags->value(path);
+            out << "  " << path << "\n"
+                << "    track " << describeOptional(tag.track()) << "/" << describeOptional(tag.totalTracks())
+                << ", disc " << describeOptional(tag.discNumber()) << ", year " << describeOptional(tag.year()) << "\n"
+                << "    title: " << describeOptional(tag.title()) << "\n"
+                << "    artist: " << describeOptional(tag.artist()) << "\n"
+                << "    album: " << describeOptional(tag.album()) << "\n"
+                << "    album artist: " << describeOptional(tag.albumArtist()) << "\n"
+                << "    genre: " << describeOptional(tag.genreText()) << "\n";
+        }
+    }
+    const PLCID3Tag *tag = firstTag(metadata);
+    if (tag && tag->artwork()) {
+        out << "Artwork: " << describeOptional(tag->artworkFormat()) << ", " << tag->artwork()->size()
+            << " bytes, from " << ArtworkLookup::sourceName(metadata.artworkSource) << "\n";
+    } else {
+        out << "Artwork: none\n";
+    }
+    if (metadata.error) {
+        out << "Error: " << metadata.error->localizedDescription() << " (code " << metadata.error->code() << ")\n";
+    }
+}
+
+} // namespace
+
+int runDiscInfoCommand(const QStringList &args)
+{
+    QTextStream out(stdout);
+    QTextStream err(stderr);
+    QString target;
+    QString releaseId;
+    bool json = false;
+    for (int i = 0; i < args.size(); ++i) {
+        const QString &arg = args.at(i);
+        if (arg == QLatin1String("--json")) {
+            json = true;
+        } else if (arg == QLatin1String("--release") && i + 1 < args.size() && !args.at(i + 1).isEmpty()) {
+            releaseId = args.at(++i);
+        } else if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
+            printDiscInfoUsage(out);
+            return 0;
+        } else if (!arg.startsWith(QLatin1Char('-')) && target.isEmpty()) {
+            target = arg;
+        } else {
+            err << "pelicane-cli disc-info: unexpected argument '" << arg << "'\n";
+            printDiscInfoUsage(err);
+            return 2;
+        }
+    }
+    if (target.isEmpty()) {
+        printDiscInfoUsage(err);
+        return 2;
+    }
+
+    // Opening an image is inserting it, as choosing it in the program does.
+    QString volume = target;
+    if (DiscImages::isDiscImageFile(target) && DiscImages::insert(target)) {
+        volume = DiscImages::normalizedPath(target);
+    }
+    QStringList trackPaths;
+    if (const auto tracks = PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(volume))) {
+        for (const PLCVolumeType::TrackFile &track : *tracks) {
+            trackPaths.append(track.path);
+        }
+    }
+
+    DiscMetadataOptions options;
+    options.releaseId = releaseId;
+    if (json) {
+        // Standard output carries the one JSON object only.
+        options.standardOutput = [](const QString &line) {
+            std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
+            std::fflush(stderr);
+        };
+    }
+    DiscMetadata result;
+    QEventLoop loop;
+    PLCAudioCDProcessor::compileDiscMetadataInBackground(volume, trackPaths, options, &loop, {},
+                                                         [&](const DiscMetadata &metadata) {
+                                                             result = metadata;
+                                                             loop.quit();
+                                                         });
+    loop.exec();
+
+    if (json) {
+        out << QJsonDocument(toJson(result)).toJson(QJsonDocument::Compact) << "\n";
+    } else {
+        printText(out, result);
+    }
+    out.flush();
+    if (!result.tags) {
+        return 1;
+    }
+    return result.error && result.error->code() == kCDReadErrorCode ? 1 : 0;
+}
