@@ -463,7 +463,8 @@ void PLCAudioCDProcessor::updateTags(ID3TagDictionary &tags, const QString &path
     if (!stored.discNumber()) {
         stored.setDiscNumber(tag.discNumber());
     }
-    if (stored.year().value_or(0) == 0) {
+    // An unknown year (0) gives way to a known one, never to an absent one.
+    if (tag.year() && stored.year().value_or(0) == 0) {
         stored.setYear(tag.year());
     }
 }

@@ -1,0 +1,466 @@
+#include "cd/discidentifier.h"
+#include "cd/plcaudiocdprocessor.h"
+#include "cd/plcvolumetype.h"
+#include "core/logger.h"
+#include "platform/discimages.h"
+#include "support/devserverprocess.h"
+#include "support/discimage.h"
+#include "support/discservicesdata.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QtTest>
+
+#include <discid/discid.h>
+
+namespace {
+
+using Release = DiscServicesData::Release;
+using Track = DiscServicesData::Track;
+using Credit = DiscServicesData::Credit;
+
+// The identifier libdiscid gives the image's table of contents.
+QString discIdByPut(const DiscImage &image)
+{
+    int offsets[100] = {};
+    offsets[0] = image.totalSectors() + 150;
+    for (int i = 0; i < image.trackCount(); ++i) {
+        offsets[image.firstTrackNumber() + i] = image.trackFirstSector(i) + 150;
+    }
+    DiscId *disc = discid_new();
+    const bool ok = discid_put(disc, image.firstTrackNumber(), image.lastTrackNumber(), offsets);
+    const QString id = ok ? QString::fromLatin1(discid_get_id(disc)) : QString();
+    discid_free(disc);
+    return id;
+}
+
+QList<Track> tracksTitled(const QStringList &titles, const QString &artist = QStringLiteral("Band"))
+{
+    QList<Track> tracks;
+    for (const QString &title : titles) {
+        tracks.append(Track{title, {Credit{artist, QString()}}, QString(), true});
+    }
+    return tracks;
+}
+
+// A compilation and what it wrote to the standard output sink.
+struct Outcome
+{
+    DiscMetadata metadata;
+    QStringList standardOutput;
+    QString log;
+    qint64 elapsedMs = 0;
+
+    PLCID3Tag tag(int index) const { return metadata.tags->value(metadata.trackPaths.at(index)); }
+};
+
+} // namespace
+
+class TestDiscMetadata : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    DevServerProcess m_server;
+    std::unique_ptr<DiscServicesData> m_data;
+    int m_imageCount = 0;
+
+    // A disc image of its own for every case: its track lengths make its
+    // identifier unique.
+    DiscImage makeImage(QList<int> sectors, const QString &title = QString(), const QString &performer = QString(),
+                        const QStringList &trackTitles = {}, int firstTrack = 1)
+    {
+        ++m_imageCount;
+        sectors[0] += m_imageCount;
+        DiscImage::Options options = DiscImage::audioOptions(sectors);
+        options.firstTrackNumber = firstTrack;
+        options.title = title;
+        options.performer = performer;
+        for (int i = 0; i < trackTitles.size(); ++i) {
+            options.tracks[i].title = trackTitles.at(i);
+            options.tracks[i].performer = performer;
+        }
+        return DiscImage::create(m_dir.path(), QStringLiteral("disc%1").arg(m_imageCount), options);
+    }
+
+    Outcome compile(const DiscImage &image, DiscMetadataOptions options = {}, int pathCount = -1)
+    {
+        Outcome outcome;
+        if (!DiscImages::insert(image.cuePath())) {
+            return outcome;
+        }
+        const QString volume = DiscImages::normalizedPath(image.cuePath());
+        QStringList paths;
+        const auto tracks = PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(volume));
+        for (const PLCVolumeType::TrackFile &track : tracks.value_or(QList<PLCVolumeType::TrackFile>())) {
+            if (pathCount < 0 || paths.size() < pathCount) {
+                paths.append(track.path);
+            }
+        }
+        options.standardOutput = [&outcome](const QString &line) { outcome.standardOutput.append(line); };
+        const qint64 logStart = Logger::logSize();
+        QElapsedTimer timer;
+        timer.start();
+        outcome.metadata = PLCAudioCDProcessor::compileDiscMetadata(volume, paths, options);
+        outcome.elapsedMs = timer.elapsed();
+        QFile log(Logger::logFileURL().toLocalFile());
+        if (log.open(QIODevice::ReadOnly)) {
+            log.seek(logStart);
+            outcome.log = QString::fromUtf8(log.readAll());
+        }
+        return outcome;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+        DiscServicesData::pointAt(m_server);
+        m_data = std::make_unique<DiscServicesData>(m_server.dataDirectory());
+    }
+
+    void cleanup()
+    {
+        PLCAudioCDProcessor::closeDevice();
+        DiscImages::clear();
+    }
+
+    void discIdOfImageEqualsLibdiscid()
+    {
+        for (int first : {1, 2}) {
+            const DiscImage image = makeImage({600, 450, 525}, QString(), QString(), {}, first);
+            QVERIFY(DiscImages::insert(image.cuePath()));
+            QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(DiscImages::normalizedPath(image.cuePath())));
+            const DiscIdentifier::Result id =
+                DiscIdentifier::read(PLCAudioCDProcessor::cdio(), PLCAudioCDProcessor::deviceName(), true);
+            QVERIFY2(id.error.isEmpty(), qPrintable(id.error));
+            QCOMPARE(id.id.size(), 28);
+            QCOMPARE(id.id, discIdByPut(image));
+        }
+    }
+
+    // MusicBrainz wins over CD-TEXT field by field; the first release of the
+    // disc's list is used, the others are offered; the compilation runs on
+    // the pool and reports back on this thread.
+    void releaseFromMusicBrainz()
+    {
+        const DiscImage image = makeImage({300, 310, 320}, QStringLiteral("CD Album"), QStringLiteral("CD Band"),
+                                          {QStringLiteral("cd one"), QStringLiteral("cd two"), QStringLiteral("cd 3")});
+        const QString discId = discIdByPut(image);
+        Release first{QStringLiteral("rel-first"),
+                      QStringLiteral("Full Title"),
+                      {Credit{QStringLiteral("Ann"), QStringLiteral(" & ")}, Credit{QStringLiteral("Bo"), QString()}},
+                      QStringLiteral("1999-04-01"),
+                      QStringLiteral("GB"),
+                      QStringLiteral("Lyra Label"),
+                      QStringLiteral("5012345678900"),
+                      {DiscServicesData::Medium{{discId}, tracksTitled({"One", "Two", "Three"})}}};
+        first.media[0].tracks[0].artists = {Credit{QStringLiteral("Ann"), QStringLiteral(" feat. ")},
+                                            Credit{QStringLiteral("Cy"), QString()}};
+        first.media[0].tracks[0].genre = QStringLiteral("jazz");
+        Release second = first;
+        second.id = QStringLiteral("rel-second");
+        second.date = QStringLiteral("2004");
+        second.country = QStringLiteral("US");
+        // The disc lookup names the album; the full release's title is not used.
+        Release summary = first;
+        summary.title = QStringLiteral("Disc Title");
+        m_data->addDisc(discId, {summary, second});
+        m_data->addRelease(first);
+        m_data->addCoverArt(first.id, QStringLiteral("png"), DiscServicesData::imageBytes("PNG"));
+
+        QVERIFY(DiscImages::insert(image.cuePath()));
+        const QString volume = DiscImages::normalizedPath(image.cuePath());
+        QStringList paths;
+        const auto tracks = PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(volume));
+        QVERIFY(tracks);
+        for (const PLCVolumeType::TrackFile &track : *tracks) {
+            paths.append(track.path);
+        }
+        QList<int> stages;
+        std::optional<DiscMetadata> result;
+        int completions = 0;
+        QThread *completionThread = nullptr;
+        PLCAudioCDProcessor::compileDiscMetadataInBackground(
+            volume, paths, {}, this, [&](int stage) { stages.append(stage); },
+            [&](const DiscMetadata &metadata) {
+                result = metadata;
+                ++completions;
+                completionThread = QThread::currentThread();
+            });
+        QVERIFY(!result); // never before the event loop runs
+        QTRY_VERIFY_WITH_TIMEOUT(result.has_value(), 10000);
+        QTest::qWait(50);
+        QCOMPARE(completions, 1);
+        QCOMPARE(completionThread, QThread::currentThread());
+        QCOMPARE(stages, QList<int>({0, 1, 2}));
+
+        QVERIFY(result->tags);
+        QVERIFY2(!result->error, qPrintable(result->error ? result->error->localizedDescription() : QString()));
+        QCOMPARE(result->discId, discId);
+        QCOMPARE(result->releaseId, first.id);
+        QCOMPARE(result->releases.size(), 2);
+        QCOMPARE(result->releases[0], (ReleaseCandidate{"rel-first", "Disc Title", "Ann & Bo", "1999-04-01", "GB",
+                                                        "Lyra Label", "5012345678900", 1}));
+        QCOMPARE(result->releases[1].country, QStringLiteral("US"));
+        const PLCID3Tag one = result->tags->value(paths[0]);
+        QCOMPARE(one.title(), QStringLiteral("One"));
+        QCOMPARE(one.album(), QStringLiteral("Disc Title"));
+        QCOMPARE(one.artist(), QStringLiteral("Ann feat. Cy"));
+        QCOMPARE(one.albumArtist(), QStringLiteral("Ann & Bo"));
+        QCOMPARE(one.genreText(), QStringLiteral("jazz"));
+        QCOMPARE(one.year(), 1999);
+        QCOMPARE(one.track(), 1);
+        QCOMPARE(one.totalTracks(), 3);
+        QCOMPARE(one.discNumber(), 1);
+        QCOMPARE(one.artworkFormat(), QStringLiteral("image/jpeg"));
+        QCOMPARE(result->artworkSource, ArtworkLookup::Source::CoverArtArchive);
+        const PLCID3Tag three = result->tags->value(paths[2]);
+        QCOMPARE(three.title(), QStringLiteral("Three"));
+        QCOMPARE(three.artist(), QStringLiteral("Band"));
+        // A genre MusicBrainz lacks comes from CD-TEXT.
+        QVERIFY(three.genreText().has_value());
+        QCOMPARE(three.artwork(), one.artwork());
+    }
+
+    void chosenReleaseCompiledAgain()
+    {
+        const DiscImage image = makeImage({300, 300});
+        const QString discId = discIdByPut(image);
+        const QList<DiscServicesData::Medium> media{{{discId}, tracksTitled({"A", "B"})}};
+        const Release first{"rel-a", "First Pressing", {{"Band", ""}}, "2001-01-01", "", "", "", media};
+        const Release chosen{"rel-b", "Second Pressing", {{"Band", ""}}, "2011", "", "", "", media};
+        m_data->addDisc(discId, {first, chosen});
+        m_data->addRelease(first);
+        m_data->addRelease(chosen);
+        DiscMetadataOptions options;
+        options.releaseId = chosen.id;
+        const Outcome outcome = compile(image, options);
+        QCOMPARE(outcome.metadata.releaseId, chosen.id);
+        QCOMPARE(outcome.metadata.releases.size(), 2);
+        QCOMPARE(outcome.tag(0).album(), QStringLiteral("Second Pressing"));
+        QCOMPARE(outcome.tag(1).year(), 2011);
+    }
+
+    void unknownDiscFilledFromCDText()
+    {
+        const DiscImage image = makeImage({300, 300, 300}, QStringLiteral("CD Album"), QStringLiteral("CD Band"),
+                                          {QStringLiteral("First"), QString(), QStringLiteral("Third")});
+        const Outcome outcome = compile(image);
+        QVERIFY(outcome.metadata.tags);
+        QCOMPARE(outcome.metadata.error->code(), 1001);
+        QCOMPARE(outcome.metadata.error->localizedDescription(), QStringLiteral("Missing Metadata"));
+        QCOMPARE(outcome.standardOutput.size(), 4);
+        QVERIFY(outcome.standardOutput[0].startsWith(QStringLiteral("ResourceNotFound Exception: '")));
+        QVERIFY(outcome.standardOutput[0].endsWith(QLatin1Char('\'')));
+        QCOMPARE(outcome.standardOutput[1], QStringLiteral("LastResult: 6"));
+        QCOMPARE(outcome.standardOutput[2], QStringLiteral("LastHTTPCode: 404"));
+        QVERIFY(outcome.standardOutput[3].startsWith(QStringLiteral("LastErrorMessage: ")));
+        QCOMPARE(outcome.tag(0).title(), QStringLiteral("First"));
+        QCOMPARE(outcome.tag(1).title(), QStringLiteral("Track 2"));
+        QCOMPARE(outcome.tag(2).title(), QStringLiteral("Third"));
+        QCOMPARE(outcome.tag(2).artist(), QStringLiteral("CD Band"));
+        QCOMPARE(outcome.tag(2).album(), QStringLiteral("CD Album"));
+        QCOMPARE(outcome.tag(2).albumArtist(), QStringLiteral("CD Band"));
+        QCOMPARE(outcome.tag(2).totalTracks(), 3);
+        QCOMPARE(outcome.tag(2).year(), std::nullopt);
+        QCOMPARE(outcome.tag(2).discNumber(), std::nullopt);
+        QVERIFY(outcome.metadata.releaseId.isEmpty());
+        QVERIFY(outcome.log.contains(QStringLiteral("Searching DiscRecording...")));
+        QVERIFY(outcome.log.contains(QStringLiteral(" - Found track: Third")));
+        QVERIFY(outcome.log.contains(QStringLiteral(" - No ArtworkReleaseID")));
+    }
+
+    void noMetadataAtAll()
+    {
+        const Outcome outcome = compile(makeImage({300, 300, 300}));
+        QCOMPARE(outcome.metadata.error->code(), 1001);
+        for (int i = 0; i < 3; ++i) {
+            QCOMPARE(outcome.tag(i).title(), QStringLiteral("Track %1").arg(i + 1));
+            QCOMPARE(outcome.tag(i).track(), i + 1);
+            QCOMPARE(outcome.tag(i).artist(), std::nullopt);
+        }
+    }
+
+    // Empty texts from MusicBrainz count: CD-TEXT cannot fill them.
+    void releaseWithoutArtistCreditsOrDate()
+    {
+        const DiscImage image = makeImage({300, 300}, QStringLiteral("CD Album"), QStringLiteral("CD Band"),
+                                          {QStringLiteral("x"), QStringLiteral("y")});
+        const QString discId = discIdByPut(image);
+        Release release{"rel-nocredit", "Bare", {}, "", "", "", "", {{{discId}, tracksTitled({"P", "Q"})}}};
+        release.media[0].tracks[0].artists.clear();
+        release.media[0].tracks[1].artists.clear();
+        m_data->addDisc(discId, {release});
+        m_data->addRelease(release);
+        m_data->addCoverArt(release.id, QStringLiteral("jpg"), DiscServicesData::imageBytes("JPG"));
+        const Outcome outcome = compile(image);
+        QCOMPARE(outcome.tag(0).title(), QStringLiteral("P"));
+        QCOMPARE(outcome.tag(0).artist(), QString());
+        QCOMPARE(outcome.tag(0).albumArtist(), QString());
+        QCOMPARE(outcome.tag(0).album(), QStringLiteral("Bare"));
+        QCOMPARE(outcome.tag(0).year(), 0);
+        QVERIFY(outcome.tag(0).artwork());
+        QCOMPARE(outcome.metadata.error->code(), 1001);
+    }
+
+    // Track numbers follow the disc; CD-TEXT is read from number 1 and goes to
+    // path index number - 1 whatever the first track.
+    void firstTrackNumberTwo()
+    {
+        const DiscImage image = makeImage({300, 300}, QStringLiteral("Album"), QStringLiteral("Band"),
+                                          {QStringLiteral("Opening"), QStringLiteral("Closing")}, 2);
+        const Outcome outcome = compile(image);
+        QCOMPARE(outcome.tag(0).track(), 2);
+        QCOMPARE(outcome.tag(1).track(), 3);
+        QCOMPARE(outcome.tag(0).title(), QStringLiteral("Track 2"));
+        QCOMPARE(outcome.tag(1).title(), QStringLiteral("Opening"));
+        QCOMPARE(outcome.tag(0).album(), QStringLiteral("Album"));
+    }
+
+    void discNumberOfTwoMedia_data()
+    {
+        QTest::addColumn<bool>("firstDiscOfMedium");
+        QTest::addColumn<int>("discNumber");
+        QTest::newRow("first disc of the second medium") << true << 2;
+        QTest::newRow("only a later disc of the second medium") << false << 1;
+    }
+
+    void discNumberOfTwoMedia()
+    {
+        QFETCH(bool, firstDiscOfMedium);
+        QFETCH(int, discNumber);
+        const DiscImage image = makeImage({300, 300});
+        const QString discId = discIdByPut(image);
+        const QStringList secondDiscs = firstDiscOfMedium ? QStringList{discId, QStringLiteral("other-disc-id")}
+                                                          : QStringList{QStringLiteral("other-disc-id"), discId};
+        const Release release{"rel-two-media-" + QString::number(discNumber),
+                              "Double",
+                              {{"Band", ""}},
+                              "2000",
+                              "",
+                              "",
+                              "",
+                              {{{QStringLiteral("first-disc-id")}, tracksTitled({"1-1", "1-2", "1-3"})},
+                               {secondDiscs, tracksTitled({"2-1", "2-2"})}}};
+        m_data->addDisc(discId, {release});
+        m_data->addRelease(release);
+        const Outcome outcome = compile(image);
+        QCOMPARE(outcome.metadata.releases.value(0).mediumCount, 2);
+        QCOMPARE(outcome.tag(0).title(), QStringLiteral("2-1"));
+        QCOMPARE(outcome.tag(1).totalTracks(), 2);
+        QCOMPARE(outcome.tag(1).discNumber(), discNumber);
+    }
+
+    // A silent or dead MusicBrainz costs at most the bound; CD-TEXT and
+    // artwork still run.
+    void musicBrainzUnreachable_data()
+    {
+        QTest::addColumn<bool>("silent");
+        QTest::addColumn<QString>("prefix");
+        QTest::addColumn<int>("lastResult");
+        QTest::newRow("silent") << true << "Timeout Exception: '" << 2;
+        QTest::newRow("dead") << false << "Connection Exception: '" << 1;
+    }
+
+    void musicBrainzUnreachable()
+    {
+        QFETCH(bool, silent);
+        QFETCH(QString, prefix);
+        QFETCH(int, lastResult);
+        const QString performer = QStringLiteral("Slow Band ") + QString::number(m_imageCount);
+        const DiscImage image = makeImage({300, 300}, QStringLiteral("Slow Album"), performer,
+                                          {QStringLiteral("Wait"), QStringLiteral("More")});
+        const QString discId = discIdByPut(image);
+        const Release release{"rel-slow", "Never Seen", {{"X", ""}}, "", "", "", "", {{{discId}, tracksTitled({"n"})}}};
+        m_data->addDisc(discId, {release});
+        m_data->delayAnswer(QStringLiteral("musicbrainz/discid/%1.xml").arg(discId), 4000);
+        m_data->addDiscogsCover(performer, QStringLiteral("Slow Album"), QStringLiteral("slow.png"),
+                                DiscServicesData::imageBytes("PNG"));
+        if (!silent) {
+            QTcpServer closed;
+            QVERIFY(closed.listen(QHostAddress::LocalHost));
+            qputenv("PELICANE_MUSICBRAINZ_SERVER", "127.0.0.1:" + QByteArray::number(closed.serverPort()));
+            closed.close();
+        }
+        DiscMetadataOptions options;
+        options.timeoutMs = 1000;
+        const Outcome outcome = compile(image, options);
+        DiscServicesData::pointAt(m_server);
+        QVERIFY2(outcome.elapsedMs < 2500, qPrintable(QString::number(outcome.elapsedMs)));
+        QCOMPARE(outcome.standardOutput.size(), 4);
+        QVERIFY(outcome.standardOutput[0].startsWith(prefix));
+        QCOMPARE(outcome.standardOutput[1], QStringLiteral("LastResult: %1").arg(lastResult));
+        QCOMPARE(outcome.standardOutput[2], QStringLiteral("LastHTTPCode: 0"));
+        QCOMPARE(outcome.tag(0).title(), QStringLiteral("Wait"));
+        QCOMPARE(outcome.tag(1).album(), QStringLiteral("Slow Album"));
+        QCOMPARE(outcome.tag(1).artworkFormat(), QStringLiteral("image/png"));
+        QCOMPARE(outcome.metadata.artworkSource, ArtworkLookup::Source::Discogs);
+        // No year without MusicBrainz, so the records stay incomplete.
+        QCOMPARE(outcome.metadata.error->code(), 1001);
+    }
+
+    void sixPathsForEightTracks()
+    {
+        const DiscImage image = makeImage({200, 200, 200, 200, 200, 200, 200, 200});
+        const QString discId = discIdByPut(image);
+        const Release release{"rel-eight",
+                              "Eight",
+                              {{"Band", ""}},
+                              "1990",
+                              "",
+                              "",
+                              "",
+                              {{{discId}, tracksTitled({"t1", "t2", "t3", "t4", "t5", "t6", "t7", "t8"})}}};
+        m_data->addDisc(discId, {release});
+        m_data->addRelease(release);
+        const Outcome outcome = compile(image, {}, 6);
+        QCOMPARE(outcome.metadata.tags->size(), 6);
+        QCOMPARE(outcome.tag(5).title(), QStringLiteral("t6"));
+        QCOMPARE(outcome.tag(5).totalTracks(), 8);
+        QVERIFY(outcome.log.contains(QStringLiteral(" - Found track: t6")));
+        QVERIFY(!outcome.log.contains(QStringLiteral(" - Found track: t7")));
+    }
+
+    void unreadableDisc()
+    {
+        QList<int> stages;
+        const DiscMetadata metadata = PLCAudioCDProcessor::compileDiscMetadata(
+            m_dir.filePath(QStringLiteral("nothing.cue")), {QStringLiteral("/x/1 Audio Track.aiff")}, {},
+            [&](int stage) { stages.append(stage); });
+        QVERIFY(!metadata.tags);
+        QCOMPARE(metadata.error->code(), 1000);
+        QCOMPARE(metadata.error->localizedDescription(), QStringLiteral("Path is not a CD"));
+        QCOMPARE(stages, QList<int>({0}));
+    }
+
+    void mergeRule()
+    {
+        ID3TagDictionary tags;
+        PLCID3Tag first;
+        first.setTitle(QString());
+        first.setYear(0);
+        first.setArtwork(DiscServicesData::imageBytes("PNG"));
+        PLCAudioCDProcessor::updateTags(tags, QStringLiteral("p"), first);
+        PLCID3Tag second;
+        second.setTitle(QStringLiteral("later"));
+        second.setArtist(QStringLiteral("filled"));
+        second.setYear(2001);
+        second.setArtwork(DiscServicesData::imageBytes("JPG"));
+        PLCAudioCDProcessor::updateTags(tags, QStringLiteral("p"), second);
+        const PLCID3Tag merged = tags.value(QStringLiteral("p"));
+        QCOMPARE(merged.title(), QString()); // an empty text is present
+        QCOMPARE(merged.artist(), QStringLiteral("filled"));
+        QCOMPARE(merged.year(), 2001); // 0 counts as missing
+        QVERIFY(!merged.artwork());
+        QCOMPARE(PLCAudioCDProcessor::stringWithUTF8String(nullptr), std::nullopt);
+    }
+};
+
+QTEST_MAIN(TestDiscMetadata)
+#include "tst_discmetadata.moc"
