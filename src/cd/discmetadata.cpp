@@ -46,13 +46,6 @@ const char *const kReleaseIncludes = "artists labels recordings release-groups u
 // candidates can be told apart without a lookup per release.
 const char *const kDiscIncludes = "artist-credits labels";
 
-// The system console (standard error), apart from the log file.
-void consoleLog(const QString &line)
-{
-    std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
-    std::fflush(stderr);
-}
-
 std::optional<QString> text(const std::string &value)
 {
     return PLCAudioCDProcessor::stringWithUTF8String(value.c_str());
