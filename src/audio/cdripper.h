@@ -13,6 +13,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
+#include <vector>
 
 typedef struct cdrom_drive_s cdrom_drive_t;
 typedef struct cdrom_paranoia_s cdrom_paranoia_t;
@@ -32,6 +34,18 @@ struct RipSettings
     int32_t sampleLimit = -1;
 };
 
+// What paranoia went through for one track, from its callback and the
+// drive reads under it.
+struct RipStatistics
+{
+    uint32_t sectorsRead = 0;   // sectors the drive delivered, re-reads included
+    uint32_t rereads = 0;       // sectors read beyond the track's own count
+    uint32_t verifications = 0; // jitter checks
+    uint32_t corrections = 0;   // jitter, dropped and duplicated bytes fixed
+    uint32_t skips = 0;         // positions paranoia gave up on
+    uint32_t readErrors = 0;    // drive reads that came back short
+};
+
 // One track's results.
 struct RipTrack
 {
@@ -44,6 +58,8 @@ struct RipTrack
     uint32_t checksumV2 = 0;
     const uint8_t *audio = nullptr; // first stereo sample after offset correction
     uint8_t *buffer = nullptr;      // owned: the ripped sectors
+    RipStatistics statistics;
+    std::string failure; // the engine's failure text of the last rip, empty when it succeeded or was stopped
 };
 
 struct RipContext
@@ -56,6 +72,8 @@ struct RipContext
     CdIo_t *disc = nullptr; // not owned
     uint32_t discLength = 0;
     uint32_t leadOut = 0;
+    bool bigEndianAudio = false;                                         // the image holds big-endian samples
+    long (*driveRead)(cdrom_drive_t *, void *, int32_t, long) = nullptr; // the drive layer's own read
 };
 
 // current and total sectors, the sector's 1176 sample values (or null), and
@@ -67,6 +85,20 @@ using RipMessageCallback = std::function<void(const char *message)>;
 constexpr int kRipSectorBytes = 2352;
 constexpr int kRipSectorValues = 1176;
 
+// The AccurateRip first and last tracks: the disc's first and last audio
+// tracks (0 when it has none).
+track_t ripFirstAudioTrack(CdIo_t *disc);
+track_t ripLastAudioTrack(CdIo_t *disc);
+bool ripIsAudioTrack(CdIo_t *disc, track_t number);
+
+// Fills the offset fields of settings for a drive's read offset in stereo
+// samples: the samples as given, and as many whole sectors, in the same
+// direction, as cover them.
+void ripSetReadOffset(RipSettings *settings, int32_t samples);
+
+// The largest read offset accepted, in sectors either way.
+constexpr int32_t kRipMaxOffsetSectors = 10;
+
 // Opens the disc's drive for reading. 0 on success, 1 on failure (told on
 // the console only).
 int ripOpen(RipContext **context, const RipSettings *settings, CdIo_t *disc);
@@ -75,7 +107,10 @@ int ripOpen(RipContext **context, const RipSettings *settings, CdIo_t *disc);
 RipTrack *ripTrackRecord(RipContext *context, uint32_t number);
 
 // Rips one track into its record. 0 on success; 1 on failure (the reason
-// goes to message) or when the caller stopped it.
+// goes to message and stays in the record's failure) or when the caller
+// stopped it. A track fails when any of its sectors could not be read or had
+// to be skipped; audio outside the disc's audio (before its first sector,
+// past the lead-out, in a data track) is silence.
 int ripTrack(RipContext *context, RipTrack *track, const RipProgressCallback &progress,
              const RipMessageCallback &message);
 
@@ -90,6 +125,12 @@ void ripFree(RipContext **context);
 void ripForwardDriveText(const char *text, const RipMessageCallback &message, bool *stop);
 
 // AccurateRip v1 and v2 of a track's stereo samples (little-endian words),
-// with the start skip of a disc's first track and the end skip of its last.
+// with the start skip of a disc's first audio track and the end skip of its
+// last.
 void ripAccurateRipChecksums(const uint8_t *audio, uint64_t stereoSamples, bool isFirstTrack, bool isLastTrack,
                              uint32_t *v1, uint32_t *v2);
+
+// Test seam at the drive-read layer: every drive read that touches one of
+// these sectors comes back short at it, as on a damaged disc. Empty (the
+// default) for normal use.
+void ripSimulateUnreadableSectors(const std::vector<int32_t> &sectors);

@@ -6,7 +6,10 @@
 
 #include <QMutex>
 #include <QMutexLocker>
+#include <QTemporaryDir>
 #include <QUrl>
+
+#include <memory>
 
 #include <cstdio>
 #include <cstring>
@@ -21,6 +24,8 @@ struct DeviceState
     CdIo_t *handle = nullptr;
     QString deviceName;
     bool isImage = false;
+    // Holds the copy of a toc with relative file names while its handle lives.
+    std::unique_ptr<QTemporaryDir> imageCopy;
     PLCAudioCDProcessor::DiscModeReader discModeReader;
 };
 
@@ -44,6 +49,7 @@ void destroyHandleLocked(DeviceState &s)
     s.handle = nullptr;
     s.deviceName.clear();
     s.isImage = false;
+    s.imageCopy.reset();
 }
 
 } // namespace
@@ -140,10 +146,19 @@ OptionalError PLCAudioCDProcessor::openDeviceForVolume(const QString &volumePath
         return openingError("No CD found");
     }
 
-    const QByteArray chosenName = chosen.toLocal8Bit();
+    QString openPath = chosen;
+    if (candidateIsImage) {
+        s.imageCopy = std::make_unique<QTemporaryDir>();
+        openPath = s.imageCopy->isValid() ? DiscImages::openablePath(chosen, s.imageCopy->path()) : QString();
+        if (openPath.isEmpty()) {
+            openPath = chosen;
+        }
+    }
+    const QByteArray chosenName = openPath.toLocal8Bit();
     CdIo_t *handle = cdio_open(chosenName.constData(), candidateIsImage ? DRIVER_UNKNOWN : DRIVER_DEVICE);
     cdio_free_device_list(drives);
     if (!handle) {
+        s.imageCopy.reset();
         return openingError("No macOS driver found.");
     }
     s.handle = handle;

@@ -29,4 +29,16 @@ public:
 
     // The form in which paths are stored and compared: absolute and clean.
     static QString normalizedPath(const QString &path);
+
+    // True when the image's audio samples are big-endian: a cue sheet whose
+    // FILE type is MOTOROLA, or a toc (cdrdao keeps raw audio big-endian).
+    // A cue with BINARY, or a file that cannot be read, is little-endian.
+    static bool holdsBigEndianAudio(const QString &imagePath);
+
+    // The path to hand libcdio for the image at path. libcdio resolves a
+    // toc's FILE names against the working folder, so a toc that names its
+    // files relatively is copied with absolute names into temporaryFolder and
+    // the copy's path returned; otherwise path itself. Empty when the copy
+    // cannot be written.
+    static QString openablePath(const QString &path, const QString &temporaryFolder);
 };
