@@ -16,6 +16,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -24,7 +25,7 @@ constexpr int kSamplesPerSector = 588;
 
 // Paranoia gives up on a sector after its retry count; these bound the drive
 // reads and the time spent on one sector beyond that, whatever the drive does.
-constexpr int kMaxDriveReadsPerSector = 400;
+constexpr int kMaxDriveReadsPerSector = 5000;
 constexpr auto kMaxTimePerSector = std::chrono::seconds(60);
 // While one sector takes long, the caller is asked this often whether to stop.
 constexpr auto kStopPollInterval = std::chrono::milliseconds(250);
@@ -72,6 +73,12 @@ std::vector<int32_t> &simulatedUnreadable()
     return sectors;
 }
 
+std::chrono::milliseconds &simulatedDelay()
+{
+    static std::chrono::milliseconds delay{0};
+    return delay;
+}
+
 // The bookkeeping of one rip while paranoia works: paranoia's callback and
 // the drive reads under it have no room for a context, so they find it here.
 // A rip runs on one thread, and so do the calls it causes.
@@ -85,6 +92,7 @@ struct ReadWatch
     // Per sector of that range: 0 not read yet, 1 read at least once, 2 only
     // ever failed.
     std::vector<uint8_t> state;
+    std::vector<int32_t> skippedSectors; // where paranoia gave up and moved on
     RipStatistics statistics;
     bool skipped = false; // paranoia skipped since the last sector came back
     bool refuse = false;  // stop requested or work bound reached: fail reads at once
@@ -96,7 +104,6 @@ struct ReadWatch
 
     void startSector()
     {
-        skipped = false;
         readsThisSector = 0;
         sectorStarted = lastPoll = std::chrono::steady_clock::now();
     }
@@ -132,7 +139,7 @@ void paranoiaCallback(long position, paranoia_cb_mode_t mode)
         break;
     case PARANOIA_CB_SKIP:
         ++watch->statistics.skips;
-        watch->skipped = true;
+        watch->skippedSectors.push_back(int32_t(position / kRipSectorValues));
         break;
     case PARANOIA_CB_READERR:
         ++watch->statistics.readErrors;
@@ -140,7 +147,6 @@ void paranoiaCallback(long position, paranoia_cb_mode_t mode)
     default:
         break;
     }
-    (void)position;
 }
 
 // Stands in for the drive layer's read: counts and bounds the work, lets a
@@ -162,9 +168,15 @@ long watchedDriveRead(cdrom_drive_t *drive, void *buffer, int32_t begin, long se
             watch->refuse = watch->pollStop();
         }
     }
+    // Once refused, reads come back at once as unread silence: a read that
+    // fails outright can keep paranoia from ever moving on, silence cannot,
+    // and the sectors stay marked as never read.
     if (watch->refuse) {
+        if (buffer) {
+            std::memset(buffer, 0, size_t(sectors) * kRipSectorBytes);
+        }
         watch->mark(begin, int32_t(begin + sectors), 2);
-        return -1;
+        return sectors;
     }
     // Paranoia reads without a buffer only to move the drive past its cache;
     // outside the audio there is no need, and inside nothing is delivered.
@@ -196,13 +208,18 @@ long watchedDriveRead(cdrom_drive_t *drive, void *buffer, int32_t begin, long se
         return got == inside ? sectors : got;
     }
     long wanted = sectors;
+    std::chrono::milliseconds delay{0};
     {
         std::lock_guard<std::mutex> locker(simulatedLock());
         for (int32_t bad : simulatedUnreadable()) {
             if (bad >= begin && bad < begin + wanted) {
                 wanted = bad - begin;
+                delay = simulatedDelay();
             }
         }
+    }
+    if (delay.count() > 0) {
+        std::this_thread::sleep_for(delay);
     }
     long got = wanted > 0 ? watch->context->driveRead(drive, buffer, begin, wanted) : -1;
     if (got > 0) {
@@ -253,6 +270,16 @@ void audioRun(CdIo_t *disc, track_t number, uint32_t leadOut, int32_t *runFirst,
     *runLast = std::min<int32_t>(int32_t(leadOut) - 1, cdio_get_track_last_lsn(disc, high));
 }
 
+void setParanoiaMode(RipContext *context)
+{
+    // Full paranoia without "never skip": with it, paranoia ignores the retry
+    // count and retries an unreadable sector for ever. A skipped sector fails
+    // the track instead.
+    cdio_paranoia_modeset(context->paranoia, context->settings.disableParanoia
+                                                 ? PARANOIA_MODE_DISABLE
+                                                 : (PARANOIA_MODE_FULL & ~PARANOIA_MODE_NEVERSKIP));
+}
+
 } // namespace
 
 bool ripIsAudioTrack(CdIo_t *disc, track_t number)
@@ -298,10 +325,11 @@ void ripSetReadOffset(RipSettings *settings, int32_t samples)
     settings->offsetSectors = samples < 0 ? -sectors : sectors;
 }
 
-void ripSimulateUnreadableSectors(const std::vector<int32_t> &sectors)
+void ripSimulateUnreadableSectors(const std::vector<int32_t> &sectors, int failedReadMilliseconds)
 {
     std::lock_guard<std::mutex> locker(simulatedLock());
     simulatedUnreadable() = sectors;
+    simulatedDelay() = std::chrono::milliseconds(failedReadMilliseconds);
 }
 
 void ripForwardDriveText(const char *text, const RipMessageCallback &message, bool *stop)
@@ -417,12 +445,7 @@ int ripOpen(RipContext **context, const RipSettings *settings, CdIo_t *disc)
         ripFree(&ctx);
         return 1;
     }
-    // Full paranoia without "never skip": with it, paranoia ignores the retry
-    // count and retries an unreadable sector for ever. A skipped sector fails
-    // the track instead.
-    cdio_paranoia_modeset(ctx->paranoia, ctx->settings.disableParanoia
-                                             ? PARANOIA_MODE_DISABLE
-                                             : (PARANOIA_MODE_FULL & ~PARANOIA_MODE_NEVERSKIP));
+    setParanoiaMode(ctx);
 
     ctx->leadOut = uint32_t(cdio_get_track_lsn(disc, CDIO_CDROM_LEADOUT_TRACK));
     const track_t driveTracks = cdio_cddap_tracks(ctx->drive);
@@ -559,6 +582,13 @@ int ripTrack(RipContext *context, RipTrack *track, const RipProgressCallback &pr
         return stop;
     };
     t_watch = &watch;
+    // A fresh reader per track: what paranoia learnt about drift and overlap
+    // on a damaged track must not throw off the next one.
+    if (cdrom_paranoia_t *fresh = cdio_paranoia_init(context->drive)) {
+        cdio_paranoia_free(context->paranoia);
+        context->paranoia = fresh;
+        setParanoiaMode(context);
+    }
     cdio_paranoia_seek(context->paranoia, readFirst, SEEK_SET);
 
     // The drive's own texts go to the caller as they come; the last one is
@@ -583,7 +613,9 @@ int ripTrack(RipContext *context, RipTrack *track, const RipProgressCallback &pr
         passDriveTexts(context->drive, keepDriveText, &stop);
         // A sector is good when it came back, paranoia did not skip it, and
         // the drive delivered it at least once.
-        const bool good = sector && !watch.skipped && watch.state[size_t(index)] == 1 && !watch.overworked;
+        const bool skipped = std::find(watch.skippedSectors.begin(), watch.skippedSectors.end(), sectorNumber) !=
+                             watch.skippedSectors.end();
+        const bool good = sector && !skipped && watch.state[size_t(index)] == 1 && !watch.overworked;
         if (sector) {
             report(delivered + 1, toRead, sector);
             ++delivered;
@@ -620,10 +652,17 @@ int ripTrack(RipContext *context, RipTrack *track, const RipProgressCallback &pr
         return fail(text);
     }
     if (stoppedAt >= 0) {
-        while (!driveText.empty() && (driveText.back() == '\n' || driveText.back() == ' ')) {
-            driveText.pop_back();
+        // Name the sectors the drive failed on, when it said which; else
+        // where the rip was.
+        std::vector<int32_t> unread;
+        for (size_t i = 0; i < watch.state.size(); ++i) {
+            if (watch.state[i] == 2) {
+                unread.push_back(readFirst + int32_t(i));
+            }
         }
-        return fail(name + ": the drive reported \"" + driveText + "\" at sector " + std::to_string(stoppedAt) + ".");
+        const std::string where =
+            unread.empty() ? "at sector " + std::to_string(stoppedAt) : "reading sectors " + describeRanges(unread);
+        return fail(name + ": the drive reported \"" + driveText.substr(0, driveText.find('\n')) + "\" " + where + ".");
     }
     if (stop) {
         return 1;

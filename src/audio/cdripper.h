@@ -131,6 +131,7 @@ void ripAccurateRipChecksums(const uint8_t *audio, uint64_t stereoSamples, bool 
                              uint32_t *v1, uint32_t *v2);
 
 // Test seam at the drive-read layer: every drive read that touches one of
-// these sectors comes back short at it, as on a damaged disc. Empty (the
+// these sectors comes back short at it, as on a damaged disc, after
+// failedReadMilliseconds (a drive struggles before it gives up). Empty (the
 // default) for normal use.
-void ripSimulateUnreadableSectors(const std::vector<int32_t> &sectors);
+void ripSimulateUnreadableSectors(const std::vector<int32_t> &sectors, int failedReadMilliseconds = 0);

@@ -1,6 +1,11 @@
 #include "audio/cdripper.h"
 #include "cd/plcaudiocdprocessor.h"
+#include "platform/discimages.h"
 #include "support/discimage.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -85,6 +90,44 @@ struct RipResult
     RipTrack record;
 };
 
+// The disc's audio as one little-endian stream, data tracks as silence.
+QByteArray discAudio(const DiscImage &image)
+{
+    QByteArray audio;
+    for (int i = 0; i < image.trackCount(); ++i) {
+        audio += image.options().tracks.at(i).data ? QByteArray(image.trackSectors(i) * kRipSectorBytes, '\0')
+                                                   : image.trackAudio(i);
+    }
+    return audio;
+}
+
+// What a drive with a read offset of shift samples should hand back for the
+// track at index: the track's samples moved by shift, silence off the disc.
+QByteArray shiftedTrack(const DiscImage &image, int index, int shift)
+{
+    const QByteArray disc = discAudio(image);
+    const qint64 start = (qint64(image.trackFirstSector(index)) * 588 + shift) * 4;
+    const qint64 length = qint64(image.trackSectors(index)) * kRipSectorBytes;
+    QByteArray expected(length, '\0');
+    for (qint64 i = 0; i < length; ++i) {
+        const qint64 at = start + i;
+        if (at >= 0 && at < disc.size()) {
+            expected[i] = disc[at];
+        }
+    }
+    return expected;
+}
+
+// Forgets the simulated damage when a test ends, however it ends.
+struct DamageGuard
+{
+    DamageGuard(const std::vector<int32_t> &sectors, int delayMs = 0)
+    {
+        ripSimulateUnreadableSectors(sectors, delayMs);
+    }
+    ~DamageGuard() { ripSimulateUnreadableSectors({}); }
+};
+
 RipResult rip(RipContext *context, uint32_t number, int stopAtCall = -1)
 {
     RipResult result;
@@ -159,7 +202,7 @@ private slots:
         for (int i = 0; i < m_standard.trackCount(); ++i) {
             const int sectors = m_standard.trackSectors(i);
             const RipResult result = rip(engine.context, uint32_t(i + 1));
-            QCOMPARE(result.status, 0);
+            QVERIFY2(result.status == 0, qPrintable(result.messages.join(QLatin1Char('|'))));
             QVERIFY(result.messages.isEmpty());
             const QByteArray expected = m_standard.trackBytes(i);
             QCOMPARE(expected.size(), sectors * kRipSectorBytes);
@@ -257,6 +300,246 @@ private slots:
             QVERIFY(result.audio == image.trackBytes(i));
             QCOMPARE(result.record.checksumV1,
                      referenceChecksums(result.audio, i == 0, i == image.trackCount() - 1).v1);
+        }
+    }
+
+    void unreadableSectorsFailTheTrack_data()
+    {
+        QTest::addColumn<bool>("plainReads");
+        QTest::addColumn<quint32>("retryCount");
+        QTest::addColumn<int>("lastUnread");
+        // Paranoia moves on past the sectors its skip filled in without a
+        // read; plain reads lose the rest of the drive's 25-sector read.
+        QTest::newRow("full paranoia, retry-limited") << false << 5u << 103;
+        QTest::newRow("full paranoia, unlimited") << false << 0u << 103;
+        QTest::newRow("plain reads") << true << 5u << 124;
+    }
+    void unreadableSectorsFailTheTrack()
+    {
+        QFETCH(bool, plainReads);
+        QFETCH(quint32, retryCount);
+        QFETCH(int, lastUnread);
+        Disc disc = openDisc(m_standard);
+        RipSettings settings = retries(retryCount);
+        settings.disableParanoia = plainReads ? 1 : 0;
+        Engine engine(disc.get(), &settings);
+        const int first = m_standard.trackFirstSector(1);
+        const DamageGuard damage({first + 100, first + 101});
+        QElapsedTimer timer;
+        timer.start();
+        const RipResult result = rip(engine.context, 2);
+        QVERIFY2(timer.elapsed() < 5000, qPrintable(QString::number(timer.elapsed())));
+        QCOMPARE(result.status, 1);
+        const QString expected =
+            QStringLiteral("Track 2: sectors %1-%2 could not be read.").arg(first + 100).arg(first + lastUnread);
+        QCOMPARE(result.messages.last(), expected);
+        // Every sector not named holds the disc's audio.
+        const QByteArray audio(reinterpret_cast<const char *>(result.record.audio),
+                               m_standard.trackSectors(1) * kRipSectorBytes);
+        const QByteArray image = m_standard.trackAudio(1);
+        QVERIFY(audio.left(100 * kRipSectorBytes) == image.left(100 * kRipSectorBytes));
+
+        QCOMPARE(QString::fromStdString(result.record.failure), expected);
+        if (!plainReads) {
+            QVERIFY(result.record.statistics.skips > 0);
+        }
+        QVERIFY(result.record.statistics.readErrors > 0);
+        // The tracks around it are untouched.
+        QCOMPARE(rip(engine.context, 1).audio, m_standard.trackAudio(0));
+        const RipResult after = rip(engine.context, 3);
+        QVERIFY2(after.audio == m_standard.trackAudio(2), qPrintable(after.messages.join(QLatin1Char('|'))));
+    }
+
+    void stopEndsARipStuckOnDamageQuickly()
+    {
+        Disc disc = openDisc(m_standard);
+        const RipSettings settings = retries(5);
+        Engine engine(disc.get(), &settings);
+        const int first = m_standard.trackFirstSector(1);
+        // Each failed read takes 300 ms, so the damaged sector alone would
+        // keep paranoia busy for many seconds.
+        const DamageGuard damage({first + 10}, 300);
+        QElapsedTimer timer;
+        qint64 stopAsked = -1;
+        int nothingCalls = 0;
+        RipTrack *track = ripTrackRecord(engine.context, 2);
+        timer.start();
+        const int status = ripTrack(
+            engine.context, track,
+            [&](int32_t, int32_t, const int16_t *samples, bool *stop) {
+                // The third call without samples comes from inside the stuck read.
+                if (!samples && ++nothingCalls == 3) {
+                    stopAsked = timer.elapsed();
+                    *stop = true;
+                }
+            },
+            nullptr);
+        QCOMPARE(status, 1);
+        QVERIFY(stopAsked >= 0);
+        QVERIFY2(timer.elapsed() - stopAsked < 1000, qPrintable(QString::number(timer.elapsed() - stopAsked)));
+        QVERIFY(track->failure.empty());
+    }
+
+    void damagedAndRemovedDiscsFail()
+    {
+        // The bin ends inside track 2: track 2 runs past the lead-out, track 3
+        // is not on the disc at all.
+        const DiscImage shortImage =
+            DiscImage::create(m_dir.path(), QStringLiteral("short"), DiscImage::audioOptions({300, 300, 300}));
+        QVERIFY(shortImage.isValid());
+        QVERIFY(QFile::resize(shortImage.binPath(), qint64(450) * kRipSectorBytes + 100));
+        {
+            Disc disc = openDisc(shortImage);
+            QVERIFY(disc);
+            Engine engine(disc.get());
+            QCOMPARE(rip(engine.context, 1).audio, shortImage.trackAudio(0));
+            const RipResult second = rip(engine.context, 2);
+            QCOMPARE(second.status, 1);
+            QCOMPARE(second.messages, QStringList{QStringLiteral("Track last frame is larger than last disc frame.")});
+            const RipResult third = rip(engine.context, 3);
+            QCOMPARE(third.status, 1);
+            QVERIFY2(third.messages.value(0).startsWith(QStringLiteral("Track 3 is not on the disc")),
+                     qPrintable(third.messages.value(0)));
+        }
+
+        // The disc goes away in the middle of track 2 (its bin is cut short
+        // after opening): the rest of the track cannot be read.
+        const DiscImage removed =
+            DiscImage::create(m_dir.path(), QStringLiteral("removed"), DiscImage::audioOptions({300, 300}));
+        Disc disc = openDisc(removed);
+        Engine engine(disc.get(), nullptr);
+        QVERIFY(QFile::resize(removed.binPath(), qint64(450) * kRipSectorBytes));
+        QElapsedTimer timer;
+        timer.start();
+        const RipResult result = rip(engine.context, 2);
+        QVERIFY(timer.elapsed() < 5000);
+        QCOMPARE(result.status, 1);
+        // The image layer hands back a few sectors past the cut as read (it
+        // pads a short file read); from there on the drive's error names them.
+        const QRegularExpression failure(QStringLiteral("^Track 2: the drive reported \"007: Unknown, unrecoverable "
+                                                        "error reading data\" reading sectors (\\d+)-599\\.$"));
+        const QRegularExpressionMatch match = failure.match(result.messages.last());
+        QVERIFY2(match.hasMatch(), qPrintable(result.messages.last()));
+        QVERIFY(match.captured(1).toInt() >= 450 && match.captured(1).toInt() < 475);
+        QVERIFY(result.messages.first().startsWith(QStringLiteral("007: ")));
+    }
+
+    void driveTextsStopExceptTheHarmlessOne()
+    {
+        QStringList messages;
+        const RipMessageCallback collect = [&](const char *text) { messages << QString::fromUtf8(text); };
+        bool stop = false;
+        ripForwardDriveText("405: Option not supported by drive\n", collect, &stop);
+        QVERIFY(!stop);
+        QVERIFY(messages.isEmpty());
+        ripForwardDriveText("405: Option not supported by drive\n010: Unable to access sector 12\n", collect, &stop);
+        QVERIFY(stop);
+        QCOMPARE(messages, QStringList{QStringLiteral("010: Unable to access sector 12\n")});
+    }
+
+    void byteOrderComesFromTheImage()
+    {
+        DiscImage::Options options = DiscImage::audioOptions({150, 120});
+        options.bigEndian = true;
+        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("motorola"), options);
+        QVERIFY(image.isValid());
+        QVERIFY(image.trackBytes(0) != image.trackAudio(0));
+        {
+            Disc disc = openDisc(image);
+            Engine engine(disc.get());
+            for (int i = 0; i < image.trackCount(); ++i) {
+                QCOMPARE(rip(engine.context, uint32_t(i + 1)).audio, image.trackAudio(i));
+            }
+        }
+
+        // The same audio through a toc naming its bin relatively, opened from
+        // another working folder as the program opens images.
+        const QString toc = image.writeToc();
+        QVERIFY(!toc.isEmpty());
+        QTemporaryDir elsewhere;
+        const QString previous = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(elsewhere.path()));
+        QVERIFY(DiscImages::insert(toc));
+        const OptionalError opened = PLCAudioCDProcessor::openDeviceForVolume(toc);
+        QVERIFY(QDir::setCurrent(previous));
+        QVERIFY2(!opened, qPrintable(opened ? opened->localizedDescription() : QString()));
+        Engine engine(PLCAudioCDProcessor::cdio());
+        QCOMPARE(engine.status, 0);
+        QCOMPARE(rip(engine.context, 2).audio, image.trackAudio(1));
+        ripFree(&engine.context);
+        PLCAudioCDProcessor::eject(toc);
+    }
+
+    void dataTracksAtEitherEnd()
+    {
+        // Mixed mode (data first) and Enhanced CD (data last).
+        for (const bool dataFirst : {true, false}) {
+            DiscImage::Options options = DiscImage::audioOptions({200, 300, 250});
+            options.tracks[dataFirst ? 0 : 2].data = true;
+            const DiscImage image = DiscImage::create(
+                m_dir.path(), dataFirst ? QStringLiteral("mixed") : QStringLiteral("enhanced"), options);
+            QVERIFY(image.isValid());
+            Disc disc = openDisc(image);
+            const int dataNumber = dataFirst ? 1 : 3;
+            const int firstAudio = dataFirst ? 2 : 1;
+            const int lastAudio = dataFirst ? 3 : 2;
+            QCOMPARE(int(ripFirstAudioTrack(disc.get())), firstAudio);
+            QCOMPARE(int(ripLastAudioTrack(disc.get())), lastAudio);
+            // A negative offset on the audio track after the data track, and
+            // a positive one before it: the data is never read as audio.
+            for (const int shift : {-700, 0, 700}) {
+                RipSettings settings = retries(5);
+                ripSetReadOffset(&settings, shift);
+                Engine engine(disc.get(), &settings);
+                const RipResult data = rip(engine.context, uint32_t(dataNumber));
+                QCOMPARE(data.status, 1);
+                QCOMPARE(
+                    data.messages,
+                    QStringList{
+                        QStringLiteral("Track %1 is a data track, not audio; it cannot be ripped.").arg(dataNumber)});
+                for (int number = firstAudio; number <= lastAudio; ++number) {
+                    QElapsedTimer timer;
+                    timer.start();
+                    const RipResult result = rip(engine.context, uint32_t(number));
+                    QVERIFY(timer.elapsed() < 5000);
+                    QVERIFY2(result.status == 0, qPrintable(result.messages.join(QLatin1Char('|'))));
+                    QVERIFY(result.audio == shiftedTrack(image, number - 1, shift));
+                    const Sums expected = referenceChecksums(result.audio, number == firstAudio, number == lastAudio);
+                    QCOMPARE(result.record.checksumV1, expected.v1);
+                    QCOMPARE(result.record.checksumV2, expected.v2);
+                }
+            }
+        }
+    }
+
+    void readOffsetsShiftTheAudioWithSilentEdges()
+    {
+        Disc disc = openDisc(m_standard);
+        for (const int shift : {-1200, -30, 30, 588, 1300}) {
+            RipSettings settings = retries(5);
+            ripSetReadOffset(&settings, shift);
+            Engine engine(disc.get(), &settings);
+            for (int i = 0; i < m_standard.trackCount(); ++i) {
+                const RipResult result = rip(engine.context, uint32_t(i + 1));
+                QCOMPARE(result.status, 0);
+                QVERIFY2(result.audio == shiftedTrack(m_standard, i, shift),
+                         qPrintable(QStringLiteral("track %1, offset %2").arg(i + 1).arg(shift)));
+            }
+        }
+        // Parts that disagree are refused before anything is read.
+        const QList<QPair<int, int>> wrong = {{30, 0}, {-30, 1}, {700, 1}, {30, -1}, {6000, 11}};
+        for (const auto &[samples, sectors] : wrong) {
+            RipSettings settings = retries(5);
+            settings.offsetSamples = samples;
+            settings.offsetSectors = sectors;
+            Engine engine(disc.get(), &settings);
+            const RipResult result = rip(engine.context, 1);
+            QCOMPARE(result.status, 1);
+            QCOMPARE(result.messages,
+                     QStringList{QStringLiteral("The read offset of %1 samples does not fit its %2 sectors.")
+                                     .arg(samples)
+                                     .arg(sectors)});
+            QVERIFY(!ripTrackRecord(engine.context, 1)->buffer);
         }
     }
 };

@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTextStream>
 
 #include <algorithm>
@@ -148,6 +149,35 @@ QByteArray DiscImage::trackBytes(int index) const
     return bin.read(qint64(trackSectors(index)) * kSectorBytes);
 }
 
+QByteArray DiscImage::trackAudio(int index) const
+{
+    QByteArray bytes = trackBytes(index);
+    if (m_options.bigEndian) {
+        for (qsizetype i = 0; i + 1 < bytes.size(); i += 2) {
+            std::swap(bytes[i], bytes[i + 1]);
+        }
+    }
+    return bytes;
+}
+
+QString DiscImage::writeToc() const
+{
+    QString path = m_cuePath;
+    path.replace(path.size() - 4, 4, QStringLiteral(".toc"));
+    QFile toc(path);
+    if (!m_valid || !toc.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
+        return QString();
+    }
+    QTextStream out(&toc);
+    out << "CD_DA\n";
+    for (int t = 0; t < trackCount(); ++t) {
+        out << "\nTRACK AUDIO\nFILE " << quoted(QFileInfo(m_binPath).fileName()) << " " << msf(trackFirstSector(t))
+            << " " << msf(trackSectors(t)) << "\n";
+    }
+    out.flush();
+    return toc.error() == QFileDevice::NoError ? path : QString();
+}
+
 DiscImage DiscImage::create(const QString &directory, const QString &baseName, const Options &options)
 {
     DiscImage image;
@@ -173,6 +203,11 @@ DiscImage DiscImage::create(const QString &directory, const QString &baseName, c
                     generateDataSector(lsn + done + s, sector);
                 } else {
                     generateAudioSector(options.seed, t, done + s, sector);
+                    if (options.bigEndian) {
+                        for (int i = 0; i < kSectorBytes; i += 2) {
+                            std::swap(sector[i], sector[i + 1]);
+                        }
+                    }
                 }
             }
             if (bin.write(chunk.data(), qint64(count) * kSectorBytes) != qint64(count) * kSectorBytes) {
@@ -196,7 +231,7 @@ DiscImage DiscImage::create(const QString &directory, const QString &baseName, c
     if (!options.title.isEmpty()) {
         out << "TITLE " << quoted(options.title) << "\n";
     }
-    out << "FILE " << quoted(baseName + QStringLiteral(".bin")) << " BINARY\n";
+    out << "FILE " << quoted(baseName + QStringLiteral(".bin")) << (options.bigEndian ? " MOTOROLA\n" : " BINARY\n");
     qint64 start = 0;
     for (int t = 0; t < options.tracks.size(); ++t) {
         const Track &track = options.tracks.at(t);

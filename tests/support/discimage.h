@@ -28,6 +28,7 @@ public:
         QString title; // CD-TEXT of the disc; empty leaves it out
         QString performer;
         quint32 seed = 1;
+        bool bigEndian = false; // samples stored big-endian, the cue saying MOTOROLA
     };
 
     // Audio tracks of the given lengths in sectors, without CD-TEXT.
@@ -50,6 +51,12 @@ public:
     int totalSectors() const;
     // The track's bytes as they stand in the image.
     QByteArray trackBytes(int index) const;
+    // The track's samples as a rip delivers them: little-endian.
+    QByteArray trackAudio(int index) const;
+    // Writes <baseName>.toc beside the image, naming the bin relatively (a
+    // toc's raw audio is big-endian, so the image should be too). Its path,
+    // or empty on failure.
+    QString writeToc() const;
 
 private:
     Options m_options;
