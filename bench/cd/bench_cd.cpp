@@ -110,7 +110,9 @@ double encodeWithFLACEncoder(const DiscImage &image, qint64 *size)
             encoder.processSamples(samples + offset, size_t(std::min<qint64>(1176, got / 2 - offset)));
         }
     }
-    encoder.finish();
+    if (encoder.finish()) {
+        return -1;
+    }
     return timer.nsecsElapsed() / 1e9;
 }
 

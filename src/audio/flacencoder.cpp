@@ -7,6 +7,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QImage>
 #include <QUuid>
 
 #include <cstdio>
@@ -28,15 +29,16 @@ FLACEncoder::FLACEncoder(QObject *parent) : QObject(parent) {}
 
 FLACEncoder::~FLACEncoder()
 {
+    // The encoder holds pointers to the metadata blocks until it is deleted.
+    if (m_encoder) {
+        FLAC__stream_encoder_delete(m_encoder);
+        m_encoder = nullptr;
+    }
     for (FLAC__StreamMetadata *&block : m_metadata) {
         if (block) {
             FLAC__metadata_object_delete(block);
             block = nullptr;
         }
-    }
-    if (m_encoder) {
-        FLAC__stream_encoder_delete(m_encoder);
-        m_encoder = nullptr;
     }
     if (m_filepath.isLocalFile()) {
         QFile::remove(m_filepath.toLocalFile());
@@ -106,8 +108,12 @@ OptionalError FLACEncoder::configureWithSampleCount(uint64_t sampleCount, const 
             appendComment(comments, "genre", *tags.genreText());
         }
         if (tags.track()) {
-            appendComment(comments, "tracknumber",
-                          QString::number(*tags.track()) + QLatin1Char('/') + describeOptional(tags.totalTracks()));
+            // Without a total, the bare number.
+            QString number = QString::number(*tags.track());
+            if (tags.totalTracks()) {
+                number += QLatin1Char('/') + QString::number(*tags.totalTracks());
+            }
+            appendComment(comments, "tracknumber", number);
         }
         if (tags.discNumber()) {
             appendComment(comments, "discnumber", QString::number(*tags.discNumber()));
@@ -124,6 +130,16 @@ OptionalError FLACEncoder::configureWithSampleCount(uint64_t sampleCount, const 
         if (tags.artworkFormat()) {
             QByteArray mimeType = tags.artworkFormat()->toUtf8();
             FLAC__metadata_object_picture_set_mime_type(picture, mimeType.data(), /*copy=*/true);
+        }
+        // Players look for the front cover and its size.
+        picture->data.picture.type = FLAC__STREAM_METADATA_PICTURE_TYPE_FRONT_COVER;
+        if (tags.artwork()) {
+            const QImage image = QImage::fromData(*tags.artwork());
+            if (!image.isNull()) {
+                picture->data.picture.width = FLAC__uint32(image.width());
+                picture->data.picture.height = FLAC__uint32(image.height());
+                picture->data.picture.depth = FLAC__uint32(image.depth());
+            }
         }
     }
 
@@ -161,24 +177,37 @@ OptionalError FLACEncoder::configureWithSampleCount(uint64_t sampleCount, const 
     return std::nullopt;
 }
 
-void FLACEncoder::processSamples(const int16_t *samples, size_t length)
+bool FLACEncoder::processSamples(const int16_t *samples, size_t length)
 {
     if (!m_encoder) {
-        return;
+        return false;
     }
     m_wideSamples.resize(length);
     for (size_t i = 0; i < length; ++i) {
         m_wideSamples[i] = samples[i];
     }
-    FLAC__stream_encoder_process_interleaved(m_encoder, m_wideSamples.data(), unsigned(length / 2));
+    return FLAC__stream_encoder_process_interleaved(m_encoder, m_wideSamples.data(), unsigned(length / 2)) != 0;
 }
 
-void FLACEncoder::finish()
+OptionalError FLACEncoder::finish()
 {
-    if (m_encoder) {
-        FLAC__stream_encoder_finish(m_encoder);
+    if (!m_encoder) {
+        return Error::errorWithMessage(QStringLiteral("Error creating FLAC encoder"));
+    }
+    // The state is read before finishing, which resets it.
+    const FLAC__StreamEncoderState before = FLAC__stream_encoder_get_state(m_encoder);
+    const bool finished = FLAC__stream_encoder_finish(m_encoder) != 0;
+    if (before == FLAC__STREAM_ENCODER_VERIFY_MISMATCH_IN_AUDIO_DATA ||
+        before == FLAC__STREAM_ENCODER_VERIFY_DECODER_ERROR) {
+        return Error::errorWithMessage(
+            QStringLiteral("FLAC verification failed: the encoded audio does not match the ripped audio."));
+    }
+    if (before != FLAC__STREAM_ENCODER_OK || !finished) {
+        return Error::errorWithMessage(QStringLiteral("Error finishing the FLAC file (%1).")
+                                           .arg(QString::fromLatin1(FLAC__StreamEncoderStateString[before])));
     }
     if (m_completedCallback) {
         m_completedCallback(m_filepath);
     }
+    return std::nullopt;
 }

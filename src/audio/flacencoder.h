@@ -38,10 +38,13 @@ public:
                                            ProgressCallback progressCallback, CompletedCallback completedCallback);
 
     // Encodes length interleaved 16-bit values (length / 2 stereo samples).
-    void processSamples(const int16_t *samples, size_t length);
+    // False once the encoder has failed (finish then says why).
+    bool processSamples(const int16_t *samples, size_t length);
 
-    // Ends the stream (writing the final headers) and runs completedCallback.
-    void finish();
+    // Ends the stream (writing the final headers) and, when the file is
+    // complete and its verification matched the samples, runs
+    // completedCallback. Otherwise the error, and the callback is not run.
+    OptionalError finish();
 
     FLAC__StreamEncoder *encoder() const { return m_encoder; }
     const std::array<FLAC__StreamMetadata *, 3> &metadata() const { return m_metadata; }

@@ -1,6 +1,8 @@
 #include "audio/flacencoder.h"
 #include "support/discimage.h"
 
+#include <QBuffer>
+#include <QImage>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -72,7 +74,7 @@ class TestFLACEncoder : public QObject
         for (qsizetype offset = 0; offset < audio.size() / 2; offset += 1176) {
             encoder.processSamples(samples + offset, size_t(std::min<qsizetype>(1176, audio.size() / 2 - offset)));
         }
-        encoder.finish();
+        *error = encoder.finish();
         return completedPath;
     }
 
@@ -131,6 +133,10 @@ private slots:
                                                            "albumartist=Various", "year=1999",   "genre=Jazz",
                                                            "tracknumber=7/9",     "discnumber=2"};
 
+        PLCID3Tag noTotal;
+        noTotal.setTrack(4);
+        QTest::newRow("track without a total") << noTotal << QStringList{"tracknumber=4"};
+
         QTest::newRow("nothing") << PLCID3Tag() << QStringList();
     }
     void commentsInOrderAndOnlyWhenPresent()
@@ -145,6 +151,30 @@ private slots:
         // The picture block is there even without artwork, and the padding block is never written.
         QCOMPARE(blockTypes(path), (QStringList{"STREAMINFO", "VORBIS_COMMENT", "PICTURE"}));
         QVERIFY(runTool("metaflac", {"--export-picture-to=-", path}).isEmpty());
+    }
+
+    void artworkIsTheFrontCoverWithItsSize()
+    {
+        QImage image(40, 24, QImage::Format_RGB32);
+        image.fill(Qt::darkCyan);
+        QByteArray png;
+        QBuffer buffer(&png);
+        buffer.open(QIODevice::WriteOnly);
+        QVERIFY(image.save(&buffer, "PNG"));
+        PLCID3Tag tags;
+        tags.setArtwork(png);
+        tags.setArtworkFormat(QStringLiteral("image/png"));
+        FLACEncoder encoder;
+        OptionalError error;
+        const QString path = encode(encoder, m_audio.left(10 * 2352), tags, &error);
+        QVERIFY(!error);
+        const QString listing = QString::fromUtf8(runTool("metaflac", {"--list", "--block-type=PICTURE", path}));
+        QVERIFY2(listing.contains(QStringLiteral("type: 3 (Cover (front))")), qPrintable(listing));
+        QVERIFY(listing.contains(QStringLiteral("MIME type: image/png")));
+        QVERIFY(listing.contains(QStringLiteral("width: 40")));
+        QVERIFY(listing.contains(QStringLiteral("height: 24")));
+        QVERIFY(listing.contains(QStringLiteral("depth: 32")));
+        QCOMPARE(runTool("metaflac", {"--export-picture-to=-", path}), png);
     }
 };
 
