@@ -3,6 +3,7 @@
 #include <cdio/paranoia/cdda.h>
 #include <cdio/paranoia/paranoia.h>
 
+#include "core/logger.h"
 #include "platform/discimages.h"
 
 #include <QString>
@@ -34,14 +35,13 @@ constexpr auto kStopPollInterval = std::chrono::milliseconds(250);
 constexpr int kMaxBadSectors = 75;
 
 // The engine's lines go to the console, not to the log file.
-void consoleLog(const char *format, ...) __attribute__((format(printf, 1, 2)));
-void consoleLog(const char *format, ...)
+void consolePrintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void consolePrintf(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    std::vfprintf(stderr, format, arguments);
+    consoleWrite(QString::vasprintf(format, arguments));
     va_end(arguments);
-    std::fflush(stderr);
 }
 
 uint32_t readWord(const uint8_t *bytes)
@@ -388,7 +388,7 @@ int ripOpen(RipContext **context, const RipSettings *settings, CdIo_t *disc)
     *context = nullptr;
     auto *ctx = new (std::nothrow) RipContext;
     if (!ctx) {
-        consoleLog("Unable to malloc ctx");
+        consolePrintf("Unable to malloc ctx");
         return 1;
     }
     if (settings) {
@@ -401,11 +401,11 @@ int ripOpen(RipContext **context, const RipSettings *settings, CdIo_t *disc)
     char *searchMessage = nullptr;
     ctx->drive = disc ? cdio_cddap_identify_cdio(disc, CDDA_MESSAGE_FORGETIT, &searchMessage) : nullptr;
     if (!ctx->drive) {
-        consoleLog("Unable to init cddap context");
+        consolePrintf("Unable to init cddap context");
         if (searchMessage) {
-            consoleLog(" - \"%s\"\n", searchMessage);
+            consolePrintf(" - \"%s\"\n", searchMessage);
         } else {
-            consoleLog("!\n");
+            consolePrintf("!\n");
         }
         cdio_cddap_free_messages(searchMessage);
         delete ctx;
@@ -423,9 +423,9 @@ int ripOpen(RipContext **context, const RipSettings *settings, CdIo_t *disc)
         ctx->bigEndianAudio = DiscImages::holdsBigEndianAudio(QString::fromLocal8Bit(imagePath));
     }
     ctx->drive->bigendianp = ctx->bigEndianAudio ? 1 : 0;
-    consoleLog("Opening drive...\n");
+    consolePrintf("Opening drive...\n");
     if (cdio_cddap_open(ctx->drive) != 0) {
-        consoleLog("Unable to open device!\n");
+        consolePrintf("Unable to open device!\n");
         ripFree(&ctx);
         return 1;
     }
@@ -435,13 +435,13 @@ int ripOpen(RipContext **context, const RipSettings *settings, CdIo_t *disc)
     // only what comes up while it reads.
     bool ignored = false;
     passDriveTexts(
-        ctx->drive, [](const char *text) { consoleLog("%s", text); }, &ignored);
+        ctx->drive, [](const char *text) { consolePrintf("%s", text); }, &ignored);
     ctx->driveRead = ctx->drive->read_audio;
     ctx->drive->read_audio = watchedDriveRead;
 
     ctx->paranoia = cdio_paranoia_init(ctx->drive);
     if (!ctx->paranoia) {
-        consoleLog("Unable to init paranoia!\n");
+        consolePrintf("Unable to init paranoia!\n");
         ripFree(&ctx);
         return 1;
     }
@@ -466,7 +466,7 @@ int ripOpen(RipContext **context, const RipSettings *settings, CdIo_t *disc)
     }
     ctx->tracks = new (std::nothrow) RipTrack[ctx->trackCount + 1]();
     if (!ctx->tracks) {
-        consoleLog("Unable to malloc ctx");
+        consolePrintf("Unable to malloc ctx");
         ripFree(&ctx);
         return 1;
     }
@@ -672,7 +672,7 @@ int ripTrack(RipContext *context, RipTrack *track, const RipProgressCallback &pr
                     " sectors were not delivered.");
     }
 
-    consoleLog("Track %i ripped!\n", int(track->number));
+    consolePrintf("Track %i ripped!\n", int(track->number));
 
     track->samples = uint64_t(sectors) * kRipSectorValues;
     // AccurateRip skips the edges of the disc's audio, not of the disc: a

@@ -127,6 +127,11 @@ qint64 Logger::size() const
 
 void consoleLog(const QString &line)
 {
-    std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
+    consoleWrite(line + u'\n');
+}
+
+void consoleWrite(const QString &text)
+{
+    std::fputs(text.toLocal8Bit().constData(), stderr);
     std::fflush(stderr);
 }

@@ -56,5 +56,7 @@ private:
     std::atomic<bool> m_echo{true};
 };
 
-// One line to the system console (standard error), apart from the log file.
+// Text to the system console (standard error), apart from the log file:
+// consoleLog adds the line feed, consoleWrite writes the text as it is.
 void consoleLog(const QString &line);
+void consoleWrite(const QString &text);
