@@ -17,6 +17,13 @@
 
 namespace {
 
+// What a person reads for an absent field (the log's "(null)" is for machines).
+template <typename T>
+QString shown(const std::optional<T> &value)
+{
+    return value ? describeOptional(value) : QStringLiteral("unknown");
+}
+
 constexpr int kCDReadErrorCode = 1000;
 
 void printDiscInfoUsage(QTextStream &out)
@@ -120,13 +127,13 @@ void printText(QTextStream &out, const DiscMetadata &metadata)
         for (const QString &path : metadata.trackPaths) {
             const PLCID3Tag tag = metadata.tags->value(path);
             out << "  " << path << "\n"
-                << "    track " << describeOptional(tag.track()) << "/" << describeOptional(tag.totalTracks())
-                << ", disc " << describeOptional(tag.discNumber()) << ", year " << describeOptional(tag.year()) << "\n"
-                << "    title: " << describeOptional(tag.title()) << "\n"
-                << "    artist: " << describeOptional(tag.artist()) << "\n"
-                << "    album: " << describeOptional(tag.album()) << "\n"
-                << "    album artist: " << describeOptional(tag.albumArtist()) << "\n"
-                << "    genre: " << describeOptional(tag.genreText()) << "\n";
+                << "    track " << shown(tag.track()) << "/" << shown(tag.totalTracks())
+                << ", disc " << shown(tag.discNumber()) << ", year " << shown(tag.year()) << "\n"
+                << "    title: " << shown(tag.title()) << "\n"
+                << "    artist: " << shown(tag.artist()) << "\n"
+                << "    album: " << shown(tag.album()) << "\n"
+                << "    album artist: " << shown(tag.albumArtist()) << "\n"
+                << "    genre: " << shown(tag.genreText()) << "\n";
         }
     }
     const PLCID3Tag *tag = firstTag(metadata);
