@@ -547,7 +547,7 @@ void DevServer::handleDownload(const httplib::Request &req, httplib::Response &r
     if (!account)
         return sendFailure(res, 401, kInvalidSession);
 
-    const QList<StoredFile> files = account->files;
+    const QList<StoredFile> files = m_store.files(account->userId);
     res.set_header("Total-Tracks", std::to_string(files.size()));
     if (kind == Endpoint::Header) {
         res.set_header("Estimated-Content-Length", "0");

@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QSaveFile>
+#include <QSet>
 
 QJsonObject StoredFile::toJson() const
 {
@@ -73,6 +74,7 @@ bool Store::open(QString *error)
     for (const QString &name : incoming.entryList(QDir::Files | QDir::Hidden))
         incoming.remove(name);
 
+    bool compact = false;
     QFile file(m_dataDirectory + "/accounts.json");
     if (file.exists()) {
         if (!file.open(QIODevice::ReadOnly)) {
@@ -93,11 +95,32 @@ bool Store::open(QString *error)
             account.password = object.value("password").toString();
             account.userId = object.value("user_id").toInteger();
             account.token = object.value("token").toString();
+            // Libraries saved by older versions sit in the accounts file.
             for (const QJsonValue &f : object.value("files").toArray())
                 account.files.append(StoredFile::fromJson(f.toObject()));
+            compact = compact || !account.files.isEmpty();
             m_accounts.append(account);
             m_nextUserId = std::max(m_nextUserId, account.userId + 1);
         }
+    }
+    QFile journal(journalPath());
+    if (journal.open(QIODevice::ReadOnly)) {
+        while (!journal.atEnd()) {
+            // A line cut short by a kill is skipped; its upload was never answered.
+            const QJsonObject line = QJsonDocument::fromJson(journal.readLine()).object();
+            const qint64 userId = line.value("user_id").toInteger();
+            for (Account &account : m_accounts) {
+                if (account.userId == userId && line.value("file").isObject())
+                    account.files.append(StoredFile::fromJson(line.value("file").toObject()));
+            }
+        }
+    }
+    if (compact && !rewriteJournalLocked(error))
+        return false;
+    for (const Account &account : m_accounts) {
+        QHash<QString, qsizetype> &index = m_md5Index[account.userId];
+        for (qsizetype i = 0; i < account.files.size(); ++i)
+            index.insert(account.files.at(i).md5, i);
     }
     if (!findLocked(kDemoEmail)) {
         Account demo;
@@ -109,18 +132,47 @@ bool Store::open(QString *error)
     return saveLocked(error);
 }
 
+QString Store::journalPath() const
+{
+    return m_dataDirectory + "/library.jsonl";
+}
+
+QByteArray Store::journalLine(qint64 userId, const StoredFile &file)
+{
+    return QJsonDocument(QJsonObject{{"user_id", userId}, {"file", file.toJson()}}).toJson(QJsonDocument::Compact) +
+           '\n';
+}
+
+bool Store::rewriteJournalLocked(QString *error) const
+{
+    QSaveFile file(journalPath());
+    if (!file.open(QIODevice::WriteOnly)) {
+        if (error)
+            *error = file.errorString();
+        return false;
+    }
+    for (const Account &account : m_accounts) {
+        for (const StoredFile &stored : account.files)
+            file.write(journalLine(account.userId, stored));
+    }
+    if (!file.commit()) {
+        if (error)
+            *error = file.errorString();
+        return false;
+    }
+    return true;
+}
+
 bool Store::saveLocked(QString *error) const
 {
+    // The libraries are in the journal, appended to one line per upload, so a
+    // long run costs the same per file at the end as at the start.
     QJsonArray accounts;
     for (const Account &account : m_accounts) {
-        QJsonArray files;
-        for (const StoredFile &file : account.files)
-            files.append(file.toJson());
         accounts.append(QJsonObject{{"email", account.email},
                                     {"password", account.password},
                                     {"user_id", account.userId},
-                                    {"token", account.token},
-                                    {"files", files}});
+                                    {"token", account.token}});
     }
     QSaveFile file(m_dataDirectory + "/accounts.json");
     if (!file.open(QIODevice::WriteOnly)) {
@@ -166,8 +218,13 @@ std::optional<Account> Store::accountByUserId(qint64 userId) const
 {
     std::lock_guard lock(m_mutex);
     for (const Account &account : m_accounts) {
-        if (account.userId == userId)
-            return account;
+        if (account.userId == userId) {
+            // Without the library: a copy that shares it would make the next
+            // upload copy the whole list.
+            Account credentials = account;
+            credentials.files.clear();
+            return credentials;
+        }
     }
     return std::nullopt;
 }
@@ -231,9 +288,12 @@ QStringList Store::md5List(qint64 userId) const
     for (const Account &account : m_accounts) {
         if (account.userId != userId)
             continue;
+        QSet<QString> seen;
         for (const StoredFile &file : account.files) {
-            if (!list.contains(file.md5))
+            if (!seen.contains(file.md5)) {
+                seen.insert(file.md5);
                 list.append(file.md5);
+            }
         }
     }
     return list;
@@ -252,13 +312,12 @@ Store::AddResult Store::addFile(qint64 userId, const QString &temporaryPath, Sto
         QFile::remove(temporaryPath);
         return AddResult::NoAccount;
     }
+    QHash<QString, qsizetype> &index = m_md5Index[userId];
     if (!allowDuplicate) {
-        for (const StoredFile &existing : account->files) {
-            if (existing.md5 == file.md5) {
-                QFile::remove(temporaryPath);
-                file = existing;
-                return AddResult::Duplicate;
-            }
+        if (const auto existing = index.constFind(file.md5); existing != index.constEnd()) {
+            QFile::remove(temporaryPath);
+            file = account->files.at(*existing);
+            return AddResult::Duplicate;
         }
     }
     const QString folder = m_dataDirectory + "/files/" + QString::number(userId);
@@ -272,17 +331,26 @@ Store::AddResult Store::addFile(qint64 userId, const QString &temporaryPath, Sto
         *error = "cannot store the file in " + folder;
         return AddResult::Failed;
     }
-    account->files.append(file);
-    if (!saveLocked(error)) {
-        account->files.removeLast();
+    QFile journal(journalPath());
+    const QByteArray line = journalLine(userId, file);
+    if (!journal.open(QIODevice::WriteOnly | QIODevice::Append) || journal.write(line) != line.size() ||
+        !journal.flush()) {
+        *error = "cannot record the file: " + journal.errorString();
         QFile::remove(file.storedPath);
         return AddResult::Failed;
     }
+    account->files.append(file);
+    if (!index.contains(file.md5))
+        index.insert(file.md5, account->files.size() - 1);
     return AddResult::Stored;
 }
 
 QList<StoredFile> Store::files(qint64 userId) const
 {
-    std::optional<Account> account = accountByUserId(userId);
-    return account ? account->files : QList<StoredFile>{};
+    std::lock_guard lock(m_mutex);
+    for (const Account &account : m_accounts) {
+        if (account.userId == userId)
+            return account.files;
+    }
+    return {};
 }

@@ -42,8 +42,9 @@ struct Account
     QList<StoredFile> files;
 };
 
-// The accounts and their libraries, kept in `<data>/accounts.json` (rewritten atomically on
-// every change) with the tracks' bytes under `<data>/files/<user id>/`. Thread-safe: every
+// The accounts, kept in `<data>/accounts.json` (rewritten atomically on every change), their
+// libraries in `<data>/library.jsonl` (one line appended per stored file), and the tracks'
+// bytes under `<data>/files/<user id>/`. Thread-safe: every
 // member takes the one lock, and callers get copies.
 class Store
 {
@@ -57,8 +58,9 @@ public:
     QString incomingDirectory() const;
 
     std::optional<Account> accountByEmail(const QString &email) const;
+    // The account without its library (files() has it).
     std::optional<Account> accountByUserId(qint64 userId) const;
-    // The account whose current token is `token`, for that user id.
+    // The account (without its library) whose current token is `token`, for that user id.
     std::optional<Account> authenticate(const QString &userId, const QString &token) const;
 
     // Creates the account, or changes its password when it exists. Returns it.
@@ -83,6 +85,9 @@ public:
 
 private:
     bool saveLocked(QString *error) const;
+    QString journalPath() const;
+    static QByteArray journalLine(qint64 userId, const StoredFile &file);
+    bool rewriteJournalLocked(QString *error) const;
     Account *findLocked(const QString &email);
     static QString newToken();
 
@@ -90,4 +95,6 @@ private:
     mutable std::mutex m_mutex;
     QList<Account> m_accounts;
     qint64 m_nextUserId = 1001;
+    // Per user id: digest -> position of its first file in the library.
+    QHash<qint64, QHash<QString, qsizetype>> m_md5Index;
 };
