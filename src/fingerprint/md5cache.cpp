@@ -8,9 +8,13 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLockFile>
+#include <QSaveFile>
 
 #include <algorithm>
+#include <atomic>
 #include <sys/stat.h>
+#include <utility>
 
 namespace {
 
@@ -36,17 +40,35 @@ QString sharedCacheFile()
 
 } // namespace
 
+namespace {
+std::atomic<MD5Cache *> g_sharedCache{nullptr};
+}
+
 MD5Cache &MD5Cache::sharedCache()
 {
     static MD5Cache instance;
+    g_sharedCache.store(&instance);
     return instance;
+}
+
+MD5Cache *MD5Cache::sharedCacheIfMade()
+{
+    return g_sharedCache.load();
 }
 
 MD5Cache::MD5Cache() : MD5Cache(sharedCacheFile()) {}
 
 MD5Cache::MD5Cache(const QString &filePath) : m_filePath(filePath)
 {
-    load();
+    m_sinceSave.start();
+    if (m_filePath.isEmpty()) {
+        return;
+    }
+    // The stamp first: a file replaced while it is read counts as changed.
+    m_diskStamp = stampOf(m_filePath);
+    if (std::optional<Dictionary> loaded = readFile(m_filePath)) {
+        m_cache = std::move(*loaded);
+    }
 }
 
 QString MD5Cache::locateCacheFile()
@@ -64,19 +86,24 @@ QString MD5Cache::locateCacheFile()
     return folder + QStringLiteral("/MD5Cache.json");
 }
 
-void MD5Cache::load()
+MD5Cache::Stamp MD5Cache::stampOf(const QString &path)
 {
-    m_cache.clear();
-    if (m_filePath.isEmpty()) {
-        return;
+    struct stat info;
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0) {
+        return {};
     }
-    QFile file(m_filePath);
+    return {qint64(info.st_ino), qint64(info.st_size), qint64(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+}
+
+std::optional<MD5Cache::Dictionary> MD5Cache::readFile(const QString &path)
+{
+    QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        return;
+        return std::nullopt;
     }
     const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
     if (!document.isObject()) {
-        return;
+        return std::nullopt;
     }
     // Anything but an object of entry objects with a numeric "ts" is a file of
     // another shape, which counts as no cache at all.
@@ -85,20 +112,51 @@ void MD5Cache::load()
     loaded.reserve(object.size());
     for (auto it = object.constBegin(); it != object.constEnd(); ++it) {
         if (!it.value().isObject()) {
-            return;
+            return std::nullopt;
         }
         const QJsonObject entry = it.value().toObject();
         const QJsonValue ts = entry.value(kTimestampKey);
         if (!ts.isDouble()) {
-            return;
+            return std::nullopt;
         }
         loaded.insert(it.key(), Entry{entry.value(kMD5Key), ts.toDouble()});
     }
-    m_cache = std::move(loaded);
+    return loaded;
+}
+
+MD5Cache::Dictionary MD5Cache::cache() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_cache;
+}
+
+void MD5Cache::setCache(const Dictionary &cache)
+{
+    QMutexLocker locker(&m_lock);
+    for (auto it = m_cache.constBegin(); it != m_cache.constEnd(); ++it) {
+        m_changed.insert(it.key());
+    }
+    for (auto it = cache.constBegin(); it != cache.constEnd(); ++it) {
+        m_changed.insert(it.key());
+    }
+    m_cache = cache;
+}
+
+bool MD5Cache::hasUnsavedChanges() const
+{
+    QMutexLocker locker(&m_lock);
+    return !m_changed.isEmpty();
+}
+
+int MD5Cache::saveCount() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_saveCount;
 }
 
 std::optional<QString> MD5Cache::get(const QString &path)
 {
+    QMutexLocker locker(&m_lock);
     const auto it = m_cache.find(path);
     if (it == m_cache.end()) {
         return std::nullopt;
@@ -106,6 +164,7 @@ std::optional<QString> MD5Cache::get(const QString &path)
     const std::optional<double> modified = modificationTime(path);
     if (!modified || it->ts < *modified) {
         m_cache.erase(it);
+        m_changed.insert(path);
         return std::nullopt;
     }
     // A file whose time moved backwards keeps its digest: only a later time
@@ -120,7 +179,21 @@ void MD5Cache::set(const QString &path, const QString &md5)
 {
     const std::optional<double> modified = modificationTime(path);
     const double ts = modified ? *modified : double(QDateTime::currentMSecsSinceEpoch()) / 1000.0;
+    QMutexLocker locker(&m_lock);
     m_cache.insert(path, Entry{QJsonValue(md5), ts});
+    m_changed.insert(path);
+}
+
+bool MD5Cache::saveIfDue(double seconds)
+{
+    {
+        QMutexLocker locker(&m_lock);
+        if (m_changed.isEmpty() || m_sinceSave.elapsed() < qint64(seconds * 1000)) {
+            return false;
+        }
+    }
+    save();
+    return true;
 }
 
 void MD5Cache::save()
@@ -128,13 +201,47 @@ void MD5Cache::save()
     if (m_filePath.isEmpty()) {
         return;
     }
+    QMutexLocker saving(&m_saveLock);
+    // Other processes (the window and pelicane-cli) take turns through the
+    // lock file; one that cannot be had in time still gets an atomic write.
+    QLockFile lockFile(m_filePath + QStringLiteral(".lock"));
+    lockFile.setStaleLockTime(30000);
+    const bool locked = lockFile.tryLock(10000);
+
+    Dictionary merged;
+    QSet<QString> changed;
+    {
+        QMutexLocker locker(&m_lock);
+        changed = std::exchange(m_changed, {});
+        merged = m_cache;
+        m_sinceSave.restart();
+    }
+    const Stamp onDisk = stampOf(m_filePath);
+    bool diskChanged = false;
+    if (onDisk != m_diskStamp && onDisk.inode >= 0) {
+        // Someone else saved since this instance last looked: their file is
+        // the base, and only what this instance changed goes on top.
+        if (std::optional<Dictionary> disk = readFile(m_filePath)) {
+            for (const QString &path : std::as_const(changed)) {
+                const auto mine = merged.constFind(path);
+                if (mine == merged.constEnd()) {
+                    disk->remove(path);
+                } else {
+                    disk->insert(path, *mine);
+                }
+            }
+            merged = std::move(*disk);
+            diskChanged = true;
+        }
+    }
+
     // Inserting keys in sorted order appends to the object's storage, which
     // keeps building a cache of 100,000 entries linear.
-    QStringList paths = m_cache.keys();
+    QStringList paths = merged.keys();
     std::sort(paths.begin(), paths.end());
     QJsonObject object;
     for (const QString &path : std::as_const(paths)) {
-        const Entry &entry = *m_cache.constFind(path);
+        const Entry &entry = *merged.constFind(path);
         QJsonObject value;
         if (!entry.md5.isUndefined()) {
             value.insert(kMD5Key, entry.md5);
@@ -143,9 +250,28 @@ void MD5Cache::save()
         object.insert(path, value);
     }
     const QByteArray json = QJsonDocument(object).toJson(QJsonDocument::Compact);
-    QFile file(m_filePath);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+    QSaveFile file(m_filePath);
+    file.setDirectWriteFallback(false);
+    const bool written = file.open(QIODevice::WriteOnly) && file.write(json) == json.size() && file.commit();
+    if (locked) {
+        lockFile.unlock();
+    }
+
+    QMutexLocker locker(&m_lock);
+    if (!written) {
+        // Kept for the next save.
+        m_changed.unite(changed);
         return;
     }
-    file.write(json);
+    ++m_saveCount;
+    m_diskStamp = stampOf(m_filePath);
+    if (diskChanged) {
+        // What the others stored becomes visible here too, except where this
+        // instance changed the entry while the file was written.
+        for (auto it = merged.constBegin(); it != merged.constEnd(); ++it) {
+            if (!m_changed.contains(it.key())) {
+                m_cache.insert(it.key(), it.value());
+            }
+        }
+    }
 }

@@ -1,16 +1,23 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QJsonValue>
+#include <QMutex>
+#include <QSet>
 #include <QString>
 
 #include <optional>
 
 // Path -> MD5 digest, kept in "MD5Cache.json" in the data folder and trusted
 // while the file's modification time is not later than the one stored with the
-// digest. Every instance loads the file when it is made; save() writes that
-// instance's whole dictionary over the file, so the last one to save wins.
-// No lock: use an instance from one thread at a time.
+// digest. Every instance loads the file when it is made.
+//
+// save() never loses what another instance or process wrote meanwhile: it
+// writes the file as it is on disk now with this instance's changes since its
+// last save on top, under a lock file, through a temporary file renamed over
+// the old one, so a crash or a second process never leaves a torn file.
+// An instance may be used from several threads.
 class MD5Cache
 {
 public:
@@ -24,6 +31,8 @@ public:
 
     // The process-wide instance, made and loaded on first use.
     static MD5Cache &sharedCache();
+    // The process-wide instance when it has been made, else null (never loads).
+    static MD5Cache *sharedCacheIfMade();
 
     // Loads the cache file of the data folder.
     MD5Cache();
@@ -36,11 +45,16 @@ public:
     std::optional<QString> get(const QString &path);
     // Stores the digest with the file's current modification time.
     void set(const QString &path, const QString &md5);
-    // Writes the whole dictionary to the cache file; failures are silent.
+    // Merges this instance's changes into the cache file; failures are silent.
     void save();
+    // Saves when there are changes and the last save (or the load) is at
+    // least `seconds` old; true when it saved.
+    bool saveIfDue(double seconds);
+    // Entries set or dropped since the last save.
+    bool hasUnsavedChanges() const;
 
-    const Dictionary &cache() const { return m_cache; }
-    void setCache(const Dictionary &cache) { m_cache = cache; }
+    Dictionary cache() const;
+    void setCache(const Dictionary &cache);
 
     // Where the cache file lives, or empty (after a log line) when the data
     // folder cannot be had. Computed on every call; the default constructor
@@ -48,10 +62,27 @@ public:
     static QString locateCacheFile();
 
     QString filePath() const { return m_filePath; }
+    // Full writes of the file so far; the scale tests watch it.
+    int saveCount() const;
 
 private:
-    void load();
+    // What identifies one version of the file on disk.
+    struct Stamp
+    {
+        qint64 inode = -1;
+        qint64 size = -1;
+        qint64 mtimeNs = -1;
+        bool operator==(const Stamp &other) const = default;
+    };
+    static Stamp stampOf(const QString &path);
+    static std::optional<Dictionary> readFile(const QString &path);
 
-    QString m_filePath;
+    const QString m_filePath;
+    mutable QMutex m_lock; // m_cache, m_changed, m_diskStamp, m_sinceSave, m_saveCount
     Dictionary m_cache;
+    QSet<QString> m_changed; // set or dropped since the last save
+    Stamp m_diskStamp;       // the file as this instance last read or wrote it
+    QElapsedTimer m_sinceSave;
+    int m_saveCount = 0;
+    QMutex m_saveLock; // one save of this instance at a time
 };

@@ -13,6 +13,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -191,6 +194,111 @@ private slots:
         cache.set(song, QStringLiteral("ff"));
         cache.save();
         QCOMPARE(MD5Cache(cacheFile).get(song), QStringLiteral("ff"));
+    }
+
+    // Two instances (the check phase and the shared cache, or the window and
+    // pelicane-cli) saving in turn keep each other's entries, also entries
+    // dropped as stale stay dropped; saves from four threads at once lose none.
+    void savesMergeWhatOthersSaved()
+    {
+        const QString cacheFile = m_dir.filePath(QStringLiteral("merge/MD5Cache.json"));
+        const QString a = file(QStringLiteral("merge/a.mp3"));
+        const QString b = file(QStringLiteral("merge/b.mp3"));
+        const QString stale = file(QStringLiteral("merge/stale.mp3"));
+        QVERIFY(setModificationTime(stale, 1600000000));
+        {
+            MD5Cache seed(cacheFile);
+            seed.set(stale, QStringLiteral("5555"));
+            seed.save();
+        }
+        MD5Cache check(cacheFile);
+        MD5Cache shared(cacheFile);
+        check.set(a, QStringLiteral("aaaa"));
+        shared.set(b, QStringLiteral("bbbb"));
+        QVERIFY(setModificationTime(stale, 1700000000));
+        QVERIFY(!shared.get(stale));
+        shared.save();
+        check.save();
+        MD5Cache after(cacheFile);
+        QCOMPARE(after.get(a), QStringLiteral("aaaa"));
+        QCOMPARE(after.get(b), QStringLiteral("bbbb"));
+        QVERIFY(!after.cache().contains(stale));
+        // The instance that saved first learns the others' entries at its next save.
+        shared.set(a, QStringLiteral("a2a2"));
+        shared.save();
+        QCOMPARE(MD5Cache(cacheFile).get(a), QStringLiteral("a2a2"));
+
+        const QString crowded = m_dir.filePath(QStringLiteral("merge/crowded.json"));
+        QList<QString> songs;
+        for (int i = 0; i < 240; ++i) {
+            songs << file(QStringLiteral("merge/songs/%1.mp3").arg(i));
+        }
+        std::vector<std::thread> writers;
+        for (int w = 0; w < 4; ++w) {
+            writers.emplace_back([&, w] {
+                MD5Cache mine(crowded);
+                for (int i = w; i < songs.size(); i += 4) {
+                    mine.set(songs.at(i), QStringLiteral("%1").arg(i, 32, 16, QLatin1Char('0')));
+                    if (i % 20 < 4) {
+                        mine.save();
+                    }
+                }
+                mine.save();
+            });
+        }
+        for (std::thread &writer : writers) {
+            writer.join();
+        }
+        MD5Cache all(crowded);
+        QCOMPARE(all.cache().size(), songs.size());
+    }
+
+    // A save replaces the file through a new one renamed over it, so a reader
+    // or a crash never meets half a file; nothing is left beside it.
+    void saveReplacesTheFileWhole()
+    {
+        QTemporaryDir dir;
+        const QString cacheFile = dir.filePath(QStringLiteral("MD5Cache.json"));
+        const QString song = dir.filePath(QStringLiteral("song.mp3"));
+        QVERIFY(writeFile(song, "x"));
+        MD5Cache cache(cacheFile);
+        cache.set(song, QStringLiteral("aaaa"));
+        cache.save();
+        struct stat before;
+        QCOMPARE(::stat(QFile::encodeName(cacheFile).constData(), &before), 0);
+        const int reader = ::open(QFile::encodeName(cacheFile).constData(), O_RDONLY);
+        QVERIFY(reader >= 0);
+        cache.set(song, QStringLiteral("bbbb"));
+        cache.save();
+        struct stat after;
+        QCOMPARE(::stat(QFile::encodeName(cacheFile).constData(), &after), 0);
+        QVERIFY2(after.st_ino != before.st_ino, "the file was rewritten in place");
+        // The reader that opened the old version still reads it whole.
+        char buffer[4096];
+        const ssize_t n = ::read(reader, buffer, sizeof buffer);
+        ::close(reader);
+        QVERIFY(QJsonDocument::fromJson(QByteArray(buffer, int(n))).isObject());
+        QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden),
+                 QStringList({QStringLiteral("MD5Cache.json"), QStringLiteral("song.mp3")}));
+    }
+
+    // Saving at most every few seconds: a thousand changes in a burst write
+    // the file once, and a save without changes waits for the next change.
+    void saveIfDueWritesAtMostOncePerInterval()
+    {
+        QTemporaryDir dir;
+        const QString cacheFile = dir.filePath(QStringLiteral("MD5Cache.json"));
+        MD5Cache cache(cacheFile);
+        QVERIFY(!cache.saveIfDue(0));
+        for (int i = 0; i < 1000; ++i) {
+            cache.set(dir.filePath(QStringLiteral("%1.mp3").arg(i)), QStringLiteral("ff"));
+            cache.saveIfDue(i == 0 ? 0.0 : 3.0);
+        }
+        QCOMPARE(cache.saveCount(), 1);
+        QVERIFY(cache.hasUnsavedChanges());
+        cache.save();
+        QVERIFY(!cache.hasUnsavedChanges());
+        QCOMPARE(MD5Cache(cacheFile).cache().size(), 1000);
     }
 };
 
