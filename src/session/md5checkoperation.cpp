@@ -5,7 +5,6 @@
 #include "fingerprint/md5cache.h"
 
 #include <QDeadlineTimer>
-#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QMetaObject>
 #include <QMutex>
@@ -86,8 +85,6 @@ void Md5CheckOperation::main()
     runOnMain(handlers.began);
 
     MD5Cache cache;
-    QElapsedTimer sinceSave;
-    sinceSave.start();
     qint64 done = 0;
     const qint64 total = m_snapshot.size();
 
@@ -101,10 +98,7 @@ void Md5CheckOperation::main()
             if (md5) {
                 cache.set(path, *md5);
             }
-            if (sinceSave.elapsed() > qint64(kSaveInterval * 1000)) {
-                cache.save();
-                sinceSave.restart();
-            }
+            cache.saveIfDue(kSaveInterval);
         }
         const bool known = md5 && m_knownDigests.contains(*md5);
         if (!runOnMainAndWait([checked = handlers.checked, path, known, done, total] {

@@ -10,7 +10,10 @@
 
 SessionModel::SessionModel(SessionPrompter *prompter, QObject *parent) : QObject(parent), m_prompter(prompter) {}
 
-SessionModel::~SessionModel() = default;
+SessionModel::~SessionModel()
+{
+    saveDigestCacheNow();
+}
 
 int SessionModel::showAlert(const QString &messageText, const QString &informativeText, const QString &defaultButton,
                             const QString &alternateButton, const QString &otherButton)

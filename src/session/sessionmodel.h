@@ -196,6 +196,11 @@ public:
     void setAudioCDArtworkVisible(bool visible);
     QHash<QString, PLCID3Tag> &audioCDID3Tags() { return m_run.audioCDID3Tags; }
     static int leadingIntValue(const QString &text);
+    // Seconds between two saves of the shared digest cache during a run; the
+    // run's end, a pause and quitting save what is left.
+    static constexpr double kDigestCacheSaveInterval = 3.0;
+    // Waits for the digest workers and saves the shared digest cache (quit).
+    void saveDigestCacheNow();
 
     // --- Service callbacks ---------------------------------------------------
     void lyraboxDidLogin(LyraboxService *service, const OptionalError &error) override;
@@ -274,6 +279,7 @@ private:
 
     // sessionmodel_upload.cpp
     void setMd5CheckProgressItemOnScreen(bool onScreen);
+    void saveDigestCacheSoon();
     void freshDigestTaken(const QString &path, quint64 ticket, const std::optional<QString> &md5);
     void removeUploadListItem(const QString &filePath);
     void clearUploadListItems();

@@ -3,13 +3,13 @@
 // retries, the failure prompts and the Result page.
 #include "session/sessionmodel.h"
 
-#include "core/logger.h"
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
-#include "fingerprint/filehash.h"
-#include "fingerprint/md5cache.h"
 #include "core/appinfo.h"
 #include "core/formatting.h"
+#include "core/logger.h"
+#include "fingerprint/filehash.h"
+#include "fingerprint/md5cache.h"
 #include "service/lyraboxservice.h"
 #include "session/md5checkoperation.h"
 
@@ -40,7 +40,6 @@ const char *const kExternalDriveText =
     "Pelicane app to the list. Contact us if you have any questions at ";
 
 } // namespace
-
 
 UploadRunState::UploadRunState()
 {
@@ -245,6 +244,16 @@ void SessionModel::uploadNextFile()
     QPointer<SessionModel> self(this);
     m_run.digestPool.start([self, path, ticket] {
         const std::optional<QString> md5 = FileHash::md5HashOfFileAtPath(path);
+        // The shared cache is filled and saved here, off the main thread; a
+        // save at most every few seconds keeps a long run linear, and the run's
+        // end (and quitting) saves the rest.
+        if (md5) {
+            MD5Cache &cache = MD5Cache::sharedCache();
+            if (cache.get(path) != md5) {
+                cache.set(path, *md5);
+            }
+            cache.saveIfDue(SessionModel::kDigestCacheSaveInterval);
+        }
         if (self) {
             QMetaObject::invokeMethod(
                 self.data(),
@@ -258,6 +267,25 @@ void SessionModel::uploadNextFile()
     });
 }
 
+void SessionModel::saveDigestCacheSoon()
+{
+    m_run.digestPool.start([] {
+        MD5Cache *cache = MD5Cache::sharedCacheIfMade();
+        if (cache && cache->hasUnsavedChanges()) {
+            cache->save();
+        }
+    });
+}
+
+void SessionModel::saveDigestCacheNow()
+{
+    m_run.digestPool.waitForDone();
+    MD5Cache *cache = MD5Cache::sharedCacheIfMade();
+    if (cache && cache->hasUnsavedChanges()) {
+        cache->save();
+    }
+}
+
 void SessionModel::freshDigestTaken(const QString &path, quint64 ticket, const std::optional<QString> &md5)
 {
     const auto pending = m_run.pendingDigests.constFind(path);
@@ -268,13 +296,6 @@ void SessionModel::freshDigestTaken(const QString &path, quint64 ticket, const s
     const bool isRetry = pending->isRetry;
     m_run.pendingDigests.erase(pending);
 
-    if (md5) {
-        MD5Cache &cache = MD5Cache::sharedCache();
-        if (cache.get(path) != md5) {
-            cache.set(path, *md5);
-            cache.save();
-        }
-    }
     LyraboxService *lyrabox = service();
     if (!lyrabox->reuploadDuplicates() && md5 && lyrabox->getMd5List().contains(*md5)) {
         // Known after all; its row stays on screen until the list is rebuilt.
@@ -374,6 +395,7 @@ void SessionModel::OnPauseUpload()
         m_files.moveAll(FileList::Uploading, FileList::Ready, SessionFileLists::End::Front);
         m_run.pendingDigests.clear();
         m_isUploading = false;
+        saveDigestCacheSoon();
         updateUploadState();
     } else {
         m_isUploading = true;
@@ -513,6 +535,7 @@ void SessionModel::lyraboxDidExperienceExternalDriveError(LyraboxService *)
 
 void SessionModel::showUploadResult()
 {
+    saveDigestCacheSoon();
     setMainPageType(MainPageTypeResult);
     Logger::log(QStringLiteral("Upload Ended"));
     Logger::log(QStringLiteral(" - Found Files: %1").arg(m_files.found().size()));

@@ -5,6 +5,7 @@
 // failed, and none is reported uploaded that the service does not hold.
 #include "runsupport.h"
 
+#include "fingerprint/md5cache.h"
 #include "session/sessionmodel.h"
 #include "support/devserverprocess.h"
 
@@ -89,6 +90,18 @@ private slots:
         QCOMPARE(lastLogBlock(QStringLiteral("Upload Ended"), 7),
                  (QStringList{"Upload Ended", " - Found Files: 0", " - Skipped Files: 0", " - Errored Files: 0",
                               " - Uploading Files: 0", " - Completed Files: 300", " - Retry Files: 0"}));
+
+        // The digest cache is written every few seconds, not once per file,
+        // and after the run's end it holds every file the run digested.
+        MD5Cache *shared = MD5Cache::sharedCacheIfMade();
+        QVERIFY(shared);
+        QTRY_VERIFY_WITH_TIMEOUT(!shared->hasUnsavedChanges(), 10000);
+        QVERIFY2(shared->saveCount() <= 2 + run.elapsed() / 3000,
+                 qPrintable(QStringLiteral("%1 saves in %2 ms").arg(shared->saveCount()).arg(run.elapsed())));
+        const MD5Cache onDisk(MD5Cache::locateCacheFile());
+        for (const QString &path : std::as_const(m_music.paths)) {
+            QCOMPARE(onDisk.cache().value(path).md5.toString(), m_music.md5.value(path));
+        }
         model.detachFromService();
     }
 
