@@ -1,8 +1,8 @@
 #include "service/lyraboxservice.h"
 
+#include "core/formatting.h"
 #include "core/logger.h"
 #include "platform/dispatch.h"
-#include "core/formatting.h"
 #include "platform/operationqueue.h"
 #include "protocol/clientfields.h"
 #include "protocol/endpoints.h"
@@ -103,6 +103,8 @@ LyraboxService &LyraboxService::sharedService()
         if (QCoreApplication *app = QCoreApplication::instance()) {
             service->moveToThread(app->thread());
             service->setParent(app);
+            QMetaObject::invokeMethod(
+                app, [] { TransportError::watchReachability(); }, Qt::AutoConnection);
         }
         return service;
     }();
