@@ -8,9 +8,9 @@
 #include "cli/terminal.h"
 #include "cli/uploadprogress.h"
 
-#include "core/logger.h"
 #include "cd/plcvolumetype.h"
 #include "core/formatting.h"
+#include "core/logger.h"
 #include "service/lyraboxservice.h"
 #include "session/md5checkoperation.h"
 #include "session/sessionmodel.h"
@@ -29,7 +29,7 @@ enum ExitStatus {
     ExitSuccess = 0,     // every file uploaded or already in the library
     ExitFilesFailed = 1, // some file failed, or the run stopped before the end
     ExitUsage = 2,
-    ExitNotStarted = 3, // no sign-in, or the run could not start
+    ExitNotStarted = 3, // no sign-in, the run could not start, or the session expired
     ExitInterrupted = 130,
 };
 
@@ -53,9 +53,16 @@ const char *const kUsage = "Usage: pelicane-cli upload [OPTIONS] FOLDER...\n"
                            "a failed CD track is skipped; every other message is printed and the run\n"
                            "goes on. Ctrl-C stops the run and prints what was done.\n"
                            "\n"
+                           "A file whose upload breaks off for a network reason (a dropped connection,\n"
+                           "a time-out, a server that does not answer) is tried again, 5 seconds later,\n"
+                           "up to 10 attempts in all; after the 10th it counts as failed and the run\n"
+                           "goes on. When the service no longer accepts the session, the run stops\n"
+                           "with \"session expired\".\n"
+                           "\n"
                            "Exit status: 0 when every file was uploaded or already there, 1 when a file\n"
-                           "failed or the run stopped early, 2 for wrong arguments, 3 when signing in or\n"
-                           "starting the run failed, 130 when interrupted.\n";
+                           "failed or the run stopped early (offline included), 2 for wrong arguments,\n"
+                           "3 when signing in or starting the run failed or the session expired, 130\n"
+                           "when interrupted.\n";
 
 struct UploadOptions
 {
@@ -324,15 +331,17 @@ int runUploadCommand(const QStringList &args)
     prompter.onAlert = [&](const QString &message, const QString &informative) {
         if (message == QLatin1String("Error starting upload") || message == QLatin1String("Error Starting Upload")) {
             QTimer::singleShot(0, &loop, [&] { finish(ExitNotStarted); });
-        } else if (message == QLatin1String("Login Error")) {
-            stopReason = QStringLiteral("the session expired");
-            QTimer::singleShot(0, &loop, [&] { finish(running ? ExitFilesFailed : ExitNotStarted); });
         } else if (message == QLatin1String("Upload Error") && running) {
             // The session has paused the run; it ends here with what is done.
             stopReason = informative;
             QTimer::singleShot(0, &loop, [&] { session.OnCancelUpload(); });
         }
     };
+
+    QObject::connect(&session, &SessionModel::sessionExpired, &loop, [&] {
+        stopReason = QStringLiteral("session expired");
+        QTimer::singleShot(0, &loop, [&] { finish(ExitNotStarted); });
+    });
 
     // --- Scan -------------------------------------------------------------------
     session.setMainPageType(MainPageTypeSearch);
@@ -370,7 +379,7 @@ int runUploadCommand(const QStringList &args)
                      [&](const QString &path, const OptionalError &error) {
                          if (!error) {
                              meter.fileCompleted(path);
-                         } else if (error->code() >= 1) {
+                         } else if (error->code() >= 1 && error->code() != SessionModel::kNotAuthenticatedStatus) {
                              status.endLine();
                              err << "Failed: " << path << ": " << error->localizedDescription() << Qt::endl;
                          }

@@ -152,6 +152,16 @@ public:
     static constexpr int kMaxSimultaneousUploads = 6;
     // Failures in a row (codes of 1 and more) that stop a run.
     static constexpr qint64 kSimultaneousErrorLimit = 50;
+    // Attempts per file that fail for transport reasons before it counts as
+    // errored, so a file that always breaks off or a server that stays down
+    // cannot keep a run going for ever. Offline pauses instead.
+    static constexpr int kMaxAttemptsPerFile = 10;
+    static constexpr int kOfflineCode = -1009;
+    // The upload answer of a session the service no longer accepts.
+    static constexpr int kNotAuthenticatedStatus = 401;
+    // True from an offline failure until the run is resumed or a file gets through.
+    bool isOffline() const { return m_run.offline; }
+    int failedAttempts(const QString &filePath) const { return m_run.failedAttempts.value(filePath); }
     // The List page's upload button, with the texts of its simultaneous-count,
     // playlist and tag fields. A count that is not a number reads as 0.
     void OnUploadFiles(const QString &threadCountText, const QString &playlistName, const QString &tagName);
@@ -244,6 +254,14 @@ signals:
     void uploadEnded();
     // The service reported the end of one file's upload, before it is filed.
     void uploadFinished(const QString &filePath, const OptionalError &error);
+    // The connection failed for one file, which goes again: attempt `attempt`
+    // of kMaxAttemptsPerFile failed with `error` ("connection lost, retrying").
+    void uploadRetrying(const QString &filePath, int attempt, const Error &error);
+    // The run paused because the machine is offline (true), or that is over.
+    void offlineChanged(bool offline);
+    // The service no longer accepts the session: the run is paused and the
+    // sign-in page is up. Emitted before the alert.
+    void sessionExpired();
 
 private:
     void setLoggingIn(bool loggingIn);
@@ -279,6 +297,7 @@ private:
 
     // sessionmodel_upload.cpp
     void setMd5CheckProgressItemOnScreen(bool onScreen);
+    void setOffline(bool offline);
     void saveDigestCacheSoon();
     void freshDigestTaken(const QString &path, quint64 ticket, const std::optional<QString> &md5);
     void removeUploadListItem(const QString &filePath);

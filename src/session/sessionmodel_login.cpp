@@ -82,6 +82,7 @@ void SessionModel::lyraboxDidReceiveAuthorizationError(LyraboxService *service)
     }
     stopWaitingAnimation();
     setMainPageType(MainPageTypeLogin);
+    emit sessionExpired();
     showAlert(QStringLiteral("Login Error"), QStringLiteral("Your login session has expired. Please login again."),
               QStringLiteral("OK"));
 }

@@ -126,8 +126,17 @@ void SessionModel::setupUploadContainerView()
     beginUploading();
 }
 
+void SessionModel::setOffline(bool offline)
+{
+    if (m_run.offline != offline) {
+        m_run.offline = offline;
+        emit offlineChanged(offline);
+    }
+}
+
 void SessionModel::beginUploading()
 {
+    setOffline(false);
     startWaitingAnimation(QStringLiteral("Preparing upload..."));
     service()->verifyLogin();
 }
@@ -466,21 +475,55 @@ void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &fileP
         return;
     }
 
-    // Transport failures go again, before any ready file. A cancel goes
-    // nowhere: the pause that asked for it has put the file back already.
+    // A refused session may be a revoked one: the run stops at once and the
+    // session is verified before another file is sent. The file is not
+    // counted as failed for it; once the session proves valid, a second
+    // refusal of the same file is the file's own failure.
+    if (error && error->code() == kNotAuthenticatedStatus && m_isUploading &&
+        !m_run.refusedAfterVerification.contains(filePath)) {
+        Logger::log(QStringLiteral("%1 - %2").arg(lastPathComponent(filePath), error->localizedDescription()));
+        m_run.refusedAfterVerification.insert(filePath);
+        m_files.move(filePath, FileList::Uploading, FileList::Retry);
+        removeUploadListItem(filePath);
+        Logger::log(QStringLiteral("Upload refused as not authenticated; verifying the session"));
+        // Pausing ends every other transfer; resuming verifies the session
+        // first and goes on only when it is valid, or the session-expired
+        // path takes over.
+        OnPauseUpload();
+        OnPauseUpload();
+        return;
+    }
+
+    // Transport failures go again, before any ready file, up to a bound per
+    // file. A cancel goes nowhere: the pause that asked for it has put the
+    // file back already. Offline pauses the run instead of spending attempts.
     if (error) {
         Logger::log(QStringLiteral("%1 - %2").arg(lastPathComponent(filePath), error->localizedDescription()));
         if (error->code() >= 1) {
             m_files.move(filePath, FileList::Uploading, FileList::Errored);
             ++m_run.simultaneousErrors;
         } else if (!error->isCancelled() && m_isUploading) {
-            m_files.move(filePath, FileList::Uploading, FileList::Retry);
+            const int attempts = error->code() == kOfflineCode ? 0 : ++m_run.failedAttempts[filePath];
+            if (attempts >= kMaxAttemptsPerFile) {
+                Logger::log(QStringLiteral("%1 - gave up after %2 attempts")
+                                .arg(lastPathComponent(filePath))
+                                .arg(kMaxAttemptsPerFile));
+                m_run.failedAttempts.remove(filePath);
+                m_files.move(filePath, FileList::Uploading, FileList::Errored);
+            } else {
+                m_files.move(filePath, FileList::Uploading, FileList::Retry);
+                if (error->code() != kOfflineCode) {
+                    emit uploadRetrying(filePath, attempts, *error);
+                }
+            }
         } else {
             m_files.remove(filePath, FileList::Uploading);
         }
     } else {
         m_run.simultaneousErrors = 0;
+        m_run.failedAttempts.remove(filePath);
         m_files.move(filePath, FileList::Uploading, FileList::Completed);
+        setOffline(false);
     }
     removeUploadListItem(filePath);
 
@@ -497,10 +540,11 @@ void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &fileP
         }
     }
 
-    if (error && error->code() == -1009) {
+    if (error && error->code() == kOfflineCode) {
         if (m_isUploading) {
             OnPauseUpload();
         }
+        setOffline(true);
         if (!hasVisibleAlert()) {
             showAlert(QStringLiteral("Upload Error"), QStringLiteral("The internet connection appears to be offline."),
                       QStringLiteral("OK"));
@@ -562,6 +606,9 @@ void SessionModel::OnRetryErrors()
 {
     m_files.moveAll(FileList::Errored, FileList::Ready);
     m_run.simultaneousErrors = 0;
+    // Asked for by the user: every file gets its attempts afresh.
+    m_run.failedAttempts.clear();
+    m_run.refusedAfterVerification.clear();
     setMainPageType(MainPageTypeUpload);
 }
 

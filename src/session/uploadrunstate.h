@@ -6,6 +6,7 @@
 
 #include <QHash>
 #include <QList>
+#include <QSet>
 #include <QString>
 #include <QThreadPool>
 
@@ -28,6 +29,15 @@ struct UploadRunState
     qint64 foundFilesCountCache = 0;
     // Failures in a row with a code of 1 or more, across runs.
     qint64 simultaneousErrors = 0;
+
+    // Failed attempts per file for transport reasons (offline excepted); the
+    // run gives a file up at the bound.
+    QHash<QString, int> failedAttempts;
+    // Files refused as not authenticated once; after the session proved
+    // valid, a second refusal counts as the file's own failure.
+    QSet<QString> refusedAfterVerification;
+    // The last upload failed because the machine is offline.
+    bool offline = false;
 
     // Shown during a CD run; its visibility is what marks one.
     bool audioCDArtworkVisible = false;

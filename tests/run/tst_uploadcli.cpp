@@ -134,6 +134,62 @@ private slots:
         QVERIFY(all.out.contains(QStringLiteral("Not uploaded: \t5 files")));
         QCOMPARE(libraryField(m_server.library(other)).size(), 0);
     }
+
+    // The help says how often a file is tried; a session revoked mid-run
+    // stops the run with "session expired" and exit 3, no file failed for it.
+    void revokedSessionStopsWithSessionExpired()
+    {
+        QProcess help;
+        help.start(QStringLiteral(PELICANE_CLI_PATH), {QStringLiteral("upload"), QStringLiteral("--help")});
+        QVERIFY(help.waitForFinished(10000));
+        QVERIFY(help.readAllStandardOutput().contains("up to 10 attempts in all"));
+
+        const QString email = QStringLiteral("revoked-cli@lyrabox.test");
+        QVERIFY(m_server.createAccount(email, QStringLiteral("pw")));
+        const MusicFolder music = MusicFolder::make(m_files.filePath(QStringLiteral("revoked")), 60, 100, 400, 44);
+        QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"count", 0}, {"latency_ms", 100}}));
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PELICANE_EMAIL"), email);
+        environment.insert(QStringLiteral("PELICANE_PASSWORD"), QStringLiteral("pw"));
+        process.setProcessEnvironment(environment);
+        process.setStandardInputFile(QProcess::nullDevice());
+        process.start(QStringLiteral(PELICANE_CLI_PATH), {QStringLiteral("upload"), music.root});
+        QTRY_VERIFY_WITH_TIMEOUT(libraryField(m_server.library(email)).size() >= 3, 20000);
+        QVERIFY(m_server.revokeToken(email));
+        QVERIFY(process.waitForFinished(20000));
+        QVERIFY(m_server.clearFaults());
+        const QString out = QString::fromUtf8(process.readAllStandardOutput());
+        const QString err = QString::fromUtf8(process.readAllStandardError());
+        QCOMPARE(process.exitCode(), 3);
+        QVERIFY2(err.contains(QStringLiteral("session expired")), qPrintable(err));
+        QVERIFY2(!err.contains(QStringLiteral("Failed:")) && !out.contains(QStringLiteral("failed:")), qPrintable(err));
+    }
+
+    // With no network at all the program says it is offline. Needs a network
+    // namespace of its own (unshare, as root); the mapping has its own tests.
+    void noNetworkSaysOffline()
+    {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PELICANE_EMAIL"), QString::fromLatin1(DevServerProcess::kDemoEmail));
+        environment.insert(QStringLiteral("PELICANE_PASSWORD"), QStringLiteral("demo"));
+        environment.insert(QStringLiteral("PELICANE_API_URL"), QStringLiteral("http://10.9.9.9:8080/s/JSON/"));
+        environment.insert(QStringLiteral("PELICANE_UPLOAD_URL"), QStringLiteral("http://10.9.9.9:8080/upload/"));
+        process.setProcessEnvironment(environment);
+        process.setStandardInputFile(QProcess::nullDevice());
+        process.start(QStringLiteral("unshare"), {QStringLiteral("-n"), QStringLiteral(PELICANE_CLI_PATH),
+                                                  QStringLiteral("upload"), m_files.path()});
+        if (!process.waitForFinished(30000)) {
+            QSKIP("unshare is not available");
+        }
+        const QString err = QString::fromUtf8(process.readAllStandardError());
+        if (err.startsWith(QStringLiteral("unshare:"))) {
+            QSKIP(qPrintable(QStringLiteral("no network namespace here: ") + err.trimmed()));
+        }
+        QCOMPARE(process.exitCode(), 3);
+        QVERIFY2(err.contains(QStringLiteral("The Internet connection appears to be offline.")), qPrintable(err));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestUploadCli)

@@ -7,6 +7,7 @@
 #include "session/sessionmodel.h"
 #include "support/devserverprocess.h"
 
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -100,7 +101,8 @@ private slots:
         ScriptedPrompter prompter;
         SessionModel model(&prompter);
         startRunning(model);
-        model.fileLists().add(FileList::Uploading, QStringList{QStringLiteral("/a"), QStringLiteral("/b"), QStringLiteral("/c")});
+        model.fileLists().add(FileList::Uploading,
+                              QStringList{QStringLiteral("/a"), QStringLiteral("/b"), QStringLiteral("/c")});
         model.fileLists().add(FileList::Ready, QStringLiteral("/d"));
         model.fileLists().add(FileList::Retry, QStringLiteral("/t"));
 
@@ -163,6 +165,67 @@ private slots:
         model.OnPauseUpload();
     }
 
+    // Only failures in a row count: one success between them starts the
+    // count again, so scattered failures in a long run never stop it.
+    void aSuccessResetsTheFailuresInARow()
+    {
+        ScriptedPrompter prompter;
+        SessionModel model(&prompter);
+        startRunning(model);
+        auto finish = [&](const QString &path, const OptionalError &error) {
+            model.fileLists().add(FileList::Uploading, path);
+            model.lyraboxDidFinishUpload(nullptr, path, error);
+        };
+        for (int i = 0; i < 30; ++i) {
+            finish(QStringLiteral("/f%1").arg(i), failure(1));
+        }
+        finish(QStringLiteral("/ok"), std::nullopt);
+        QCOMPARE(model.simultaneousErrors(), 0);
+        for (int i = 30; i < 79; ++i) {
+            finish(QStringLiteral("/f%1").arg(i), failure(1));
+        }
+        QVERIFY(prompter.alerts.isEmpty());
+        QVERIFY(model.isUploading());
+        QCOMPARE(model.simultaneousErrors(), 49);
+        model.OnPauseUpload();
+    }
+
+    // A file whose every attempt breaks off goes again up to the bound, then
+    // counts as errored, so the run can end; the count is per file, offline
+    // spends none, and retrying the errors gives every file its attempts back.
+    void transportFailuresAreBoundedPerFile()
+    {
+        ScriptedPrompter prompter;
+        SessionModel model(&prompter);
+        startRunning(model);
+        const QString broken = writeFile(QStringLiteral("broken.mp3"), "broken");
+        const Error lost = failure(-1005, QStringLiteral("The network connection was lost."));
+        QList<int> retrying;
+        connect(&model, &SessionModel::uploadRetrying, this,
+                [&](const QString &, int attempt, const Error &) { retrying << attempt; });
+        LogWatch log;
+        for (int attempt = 1; attempt < SessionModel::kMaxAttemptsPerFile; ++attempt) {
+            model.fileLists().relocate(broken, FileList::Uploading);
+            model.lyraboxDidFinishUpload(nullptr, broken, lost);
+            QVERIFY(model.erroredFiles().isEmpty());
+            QCOMPARE(model.failedAttempts(broken), attempt);
+        }
+        QCOMPARE(retrying.size(), 9);
+        QCOMPARE(retrying.last(), 9);
+        model.fileLists().relocate(broken, FileList::Uploading);
+        model.lyraboxDidFinishUpload(nullptr, broken, lost);
+        QCOMPARE(model.erroredFiles().toList(), QStringList{broken});
+        QVERIFY(!model.retryFiles().contains(broken) && !model.uploadingFiles().contains(broken));
+        QVERIFY(log.lines().contains(QStringLiteral("broken.mp3 - gave up after 10 attempts")));
+        // Transport failures are not failures in a row of the service.
+        QCOMPARE(model.simultaneousErrors(), 0);
+        model.OnPauseUpload();
+
+        model.OnRetryErrors();
+        QCOMPARE(model.failedAttempts(broken), 0);
+        model.OnPauseUpload();
+    }
+
     void transportFailuresGoAgainFirst()
     {
         ScriptedPrompter prompter;
@@ -194,7 +257,8 @@ private slots:
         ScriptedPrompter prompter;
         SessionModel model(&prompter);
         startRunning(model);
-        model.fileLists().add(FileList::Uploading, QStringList{QStringLiteral("/a"), QStringLiteral("/b"), QStringLiteral("/c")});
+        model.fileLists().add(FileList::Uploading,
+                              QStringList{QStringLiteral("/a"), QStringLiteral("/b"), QStringLiteral("/c")});
         model.fileLists().add(FileList::Ready, QStringLiteral("/d"));
         const Error offline = failure(-1009, QStringLiteral("The Internet connection appears to be offline."));
         // A second offline failure while the first prompt is up asks nothing more.
@@ -210,6 +274,55 @@ private slots:
         QCOMPARE(model.retryFiles().toList(), QStringList{QStringLiteral("/a")});
         QCOMPARE(model.readyFiles().toList(), (QStringList{"/b", "/c", "/d"}));
         QCOMPARE(model.simultaneousErrors(), 0);
+        // Offline spends none of the file's attempts, and is a state the
+        // window can show until the run goes on.
+        QCOMPARE(model.failedAttempts(QStringLiteral("/a")), 0);
+        QVERIFY(model.isOffline());
+        QSignalSpy offlineChanged(&model, &SessionModel::offlineChanged);
+        model.OnPauseUpload();
+        QVERIFY(!model.isOffline());
+        QCOMPARE(offlineChanged.size(), 1);
+        model.OnPauseUpload();
+    }
+
+    // A session revoked mid-run: the first refusal stops the run and checks
+    // the session; it is gone, so the sign-in page comes back with the run
+    // paused, and no file is counted as failed for it.
+    void revokedSessionTakesTheExpiredPath()
+    {
+        const QString email = QStringLiteral("revoked@lyrabox.test");
+        QVERIFY(m_server.createAccount(email, QStringLiteral("pw")));
+        const MusicFolder music = MusicFolder::make(m_files.filePath(QStringLiteral("revoked")), 40, 100, 400, 5);
+        ScriptedPrompter prompter;
+        SessionModel model(&prompter);
+        QSignalSpy expired(&model, &SessionModel::sessionExpired);
+        model.attachToService();
+        model.setEmail(email);
+        model.setPassword(QStringLiteral("pw"));
+        model.OnLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(model.mainPageType(), quint32(MainPageTypeSearch), 10000);
+        model.setSearchFolderPath({music.root});
+        model.OnSearchFolder();
+        QTRY_VERIFY_WITH_TIMEOUT(!model.isFileSearchInProgress() && model.isBeginUploadEnabled(), 10000);
+        QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"count", 0}, {"latency_ms", 100}}));
+        model.OnUploadFiles(QStringLiteral("3"), QString(), QString());
+        QTRY_VERIFY_WITH_TIMEOUT(model.completedFiles().size() >= 3, 10000);
+        const qint64 uploadsBefore = m_server.requestCounts().value(QStringLiteral("upload")).toInteger();
+        QVERIFY(m_server.revokeToken(email));
+
+        QTRY_COMPARE_WITH_TIMEOUT(model.mainPageType(), quint32(MainPageTypeLogin), 10000);
+        QVERIFY(m_server.clearFaults());
+        QCOMPARE(expired.size(), 1);
+        QVERIFY(!model.isUploading());
+        QVERIFY2(model.erroredFiles().isEmpty(), qPrintable(model.erroredFiles().toList().join(", ")));
+        QCOMPARE(model.simultaneousErrors(), 0);
+        QVERIFY(prompter.titles().contains(QStringLiteral("Login Error")));
+        QVERIFY(!prompter.titles().contains(QStringLiteral("Upload Error")));
+        // Only the uploads already under way (and those that were being
+        // started) met the refusal.
+        const qint64 refused = m_server.requestCounts().value(QStringLiteral("upload")).toInteger() - uploadsBefore;
+        QVERIFY2(refused <= 6, qPrintable(QString::number(refused)));
+        model.detachFromService();
     }
 };
 
