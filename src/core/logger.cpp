@@ -6,10 +6,52 @@
 #include <QDir>
 #include <QFile>
 #include <QMutexLocker>
+#include <QRegularExpression>
 
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+
+const QString kRedacted = QStringLiteral("<redacted>");
+
+// Tokens and passwords in a URL's query or a form ("_token=...", "password=...")
+// and in JSON ("token":"...").
+const QRegularExpression
+    kQuerySecret(QStringLiteral("((?:^|[?&;,\\s\"'(])(?:_?token|_?password|user_token|passwd)=)[^&;,\\s\"')]+"),
+                 QRegularExpression::CaseInsensitiveOption);
+const QRegularExpression kJsonSecret(QStringLiteral("(\"(?:_?token|password|user_token)\"\\s*:\\s*\")[^\"]*\""),
+                                     QRegularExpression::CaseInsensitiveOption);
+
+} // namespace
+
+QString Logger::redacted(const QString &message) const
+{
+    QMutexLocker locker(&m_lock);
+    QString text = message;
+    for (const QString &secret : m_secrets) {
+        text.replace(secret, kRedacted);
+    }
+    if (text.contains(QLatin1String("oken")) || text.contains(QLatin1String("assw"))) {
+        text.replace(kQuerySecret, QStringLiteral("\\1") + kRedacted);
+        text.replace(kJsonSecret, QStringLiteral("\\1") + kRedacted + QLatin1Char('"'));
+    }
+    return text;
+}
+
+void Logger::addSecret(const QString &secret)
+{
+    // Short values would blank out ordinary words.
+    if (secret.size() < 8) {
+        return;
+    }
+    QMutexLocker locker(&m_lock);
+    if (!m_secrets.contains(secret)) {
+        m_secrets.append(secret);
+    }
+}
 
 Logger &Logger::shared()
 {
@@ -49,7 +91,8 @@ QUrl Logger::fileURL()
         return {};
     }
     const QString folder = supportDir + QLatin1Char('/') + Paths::applicationIdentifier();
-    if (!QDir().mkpath(folder)) {
+    // Owner-only: the folder holds the log, the digest cache and crash reports.
+    if (!QDir().mkpath(folder) || ::chmod(QFile::encodeName(folder).constData(), 0700) != 0) {
         showAlert(QStringLiteral("You don’t have permission to save the file “%1” in the folder “%2”.")
                       .arg(Paths::applicationIdentifier(), QFileInfo(supportDir).fileName()),
                   QStringLiteral("ok (2)"));
@@ -70,9 +113,10 @@ void Logger::setEchoToStandardError(bool echo)
     m_echo = echo;
 }
 
-void Logger::logMessage(const QString &message)
+void Logger::logMessage(const QString &rawMessage)
 {
     QMutexLocker locker(&m_lock);
+    const QString message = redacted(rawMessage);
     if (m_echo) {
         const QByteArray echo = message.toUtf8() + '\n';
         std::fwrite(echo.constData(), 1, size_t(echo.size()), stderr);
@@ -85,16 +129,18 @@ void Logger::logMessage(const QString &message)
             return;
         }
         const QByteArray path = QFile::encodeName(url.toLocalFile());
-        // Created empty when missing, then opened for writing at its end.
-        m_writeHandle = ::open(path.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        // Created empty and owner-only when missing; opened for appending,
+        // so the window and pelicane-cli writing at once never overwrite each
+        // other's lines. A file left readable by an older version is closed up.
+        m_writeHandle = ::open(path.constData(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         if (m_writeHandle < 0) {
             return;
         }
-        ::lseek(m_writeHandle, 0, SEEK_END);
+        ::fchmod(m_writeHandle, 0600);
     }
 
+    // One write per line: with O_APPEND the kernel puts it whole at the end.
     const QByteArray line = (timestamp() + QStringLiteral(": ") + message + QLatin1Char('\n')).toUtf8();
-    off_t end = ::lseek(m_writeHandle, 0, SEEK_END);
     qint64 written = 0;
     while (written < line.size()) {
         const ssize_t n = ::write(m_writeHandle, line.constData() + written, size_t(line.size() - written));
@@ -104,7 +150,10 @@ void Logger::logMessage(const QString &message)
         written += n;
     }
     ::fsync(m_writeHandle);
-    m_position.store(qint64(end) + written);
+    struct stat info;
+    if (::fstat(m_writeHandle, &info) == 0) {
+        m_position.store(qint64(info.st_size));
+    }
 }
 
 void Logger::clear()

@@ -2,13 +2,15 @@
 
 #include <QRecursiveMutex>
 #include <QString>
+#include <QStringList>
 #include <QUrl>
 
 #include <atomic>
 #include <functional>
 
 // The program's one log file. Every line is synced to disk before the call
-// returns, so the file tells what happened even after a crash.
+// returns, so the file tells what happened even after a crash. The file is
+// owner-only and never holds a token or password.
 //
 // The static functions are the shortcuts the whole program uses; they go to
 // the shared instance. (C++ cannot overload on staticness, so the instance
@@ -38,6 +40,13 @@ public:
     // front end that draws its own progress turns it off.
     void setEchoToStandardError(bool echo);
 
+    // A value never to be written out (a session token): every line has it
+    // replaced. Tokens and passwords in query, form and JSON text are
+    // replaced whatever their value.
+    void addSecret(const QString &secret);
+    // The message as it is written: secrets replaced by "<redacted>".
+    QString redacted(const QString &message) const;
+
     // The date prefix of every line, e.g. "2026-11-14 23:43:41 +0000".
     static QString timestamp();
 
@@ -53,6 +62,7 @@ private:
     int m_writeHandle = -1;
     std::atomic<qint64> m_position{0};
     AlertHandler m_alertHandler;
+    QStringList m_secrets;
     std::atomic<bool> m_echo{true};
 };
 

@@ -388,11 +388,18 @@ void LyraboxService::logResponse(const Response &response) const
                          response.error ? response.error->localizedDescription() : nullable(response.message)));
 }
 
+void LyraboxService::setUserToken(const QString &userToken)
+{
+    m_userToken = userToken;
+    Logger::shared().addSecret(userToken);
+}
+
 void LyraboxService::storeCredentials(const QJsonObject &envelope)
 {
     const QJsonObject user = envelope.value("user").toObject();
     m_userId = textValue(user.value("id"));
     m_userToken = textValue(user.value("token"));
+    Logger::shared().addSecret(m_userToken);
     for (const QJsonValue &format : envelope.value("supported").toArray()) {
         const QJsonValue extension = format.toObject().value("extension");
         if (extension.isString())

@@ -75,7 +75,7 @@ public:
     QString userId() const { return m_userId; }
     void setUserId(const QString &userId) { m_userId = userId; }
     QString userToken() const { return m_userToken; }
-    void setUserToken(const QString &userToken) { m_userToken = userToken; }
+    void setUserToken(const QString &userToken);
 
     // Upload settings the session sets before a run. A null name means none.
     uint simultaneousUploadCount() const { return m_simultaneousUploadCount; }

@@ -1,11 +1,14 @@
 #include "core/logger.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QTest>
 #include <QThread>
 
+#include <sys/stat.h>
 #include <vector>
 
 namespace {
@@ -32,6 +35,23 @@ class TestLogger : public QObject
     Q_OBJECT
 
 private slots:
+    // Tokens and passwords never reach the file or the console, whether in a
+    // URL's query, a form, JSON, or anywhere once the token is known.
+    void secretsAreRedacted()
+    {
+        Logger::shared().addSecret(QStringLiteral("0f1e2d3c4b5a69788796a5b4c3d2e1f0"));
+        Logger::shared().addSecret(QStringLiteral("pw"));
+        const QString redacted = Logger::shared().redacted(QStringLiteral(
+            "GET: http://h/download/?_user_id=1001&_token=0f1e2d3c4b5a69788796a5b4c3d2e1f0&_v=2 "
+            "user_id=1001&token=abcdefabcdef&client=x {\"token\":\"zzzzzzzzzz\",\"password\":\"hunter22\"} "
+            "password=hunter22 echo 0f1e2d3c4b5a69788796a5b4c3d2e1f0 pw"));
+        QCOMPARE(redacted, QStringLiteral("GET: http://h/download/?_user_id=1001&_token=<redacted>&_v=2 "
+                                          "user_id=1001&token=<redacted>&client=x {\"token\":\"<redacted>\","
+                                          "\"password\":\"<redacted>\"} password=<redacted> echo <redacted> pw"));
+        QCOMPARE(Logger::shared().redacted(QStringLiteral("Login (demo@lyrabox.test)")),
+                 QStringLiteral("Login (demo@lyrabox.test)"));
+    }
+
     void beforeTheFirstLineOfThisRun()
     {
         QVERIFY(QDir().mkpath(QFileInfo(logPath()).absolutePath()));
@@ -64,6 +84,41 @@ private slots:
         QCOMPARE(lines[5], QStringLiteral("and two lines"));
         QCOMPARE(lines[6], QString());
         QCOMPARE(Logger::logSize(), log.size());
+    }
+
+    // Owner-only, also a file an earlier version left readable to all; and
+    // the redaction holds in the file itself.
+    void fileAndFolderAreOwnerOnly()
+    {
+        Logger::log(QStringLiteral("token=0f1e2d3c4b5a69788796a5b4c3d2e1f0"));
+        QVERIFY(!readLog().contains("0f1e2d3c4b5a69788796a5b4c3d2e1f0"));
+        struct stat file;
+        QCOMPARE(::stat(QFile::encodeName(logPath()).constData(), &file), 0);
+        QCOMPARE(file.st_mode & 0777, mode_t(0600));
+        struct stat folder;
+        QCOMPARE(::stat(QFile::encodeName(QFileInfo(logPath()).absolutePath()).constData(), &folder), 0);
+        QCOMPARE(folder.st_mode & 0777, mode_t(0700));
+    }
+
+    // Two processes (the window and pelicane-cli) logging at once: every
+    // line of both arrives whole, none overwritten.
+    void twoProcessesAppendWithoutLoss()
+    {
+        const qint64 before = readLog().count('\n');
+        QProcess first;
+        QProcess second;
+        first.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--write-lines"), QStringLiteral("A")});
+        second.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--write-lines"), QStringLiteral("B")});
+        for (int i = 0; i < 400; ++i) {
+            Logger::log(QStringLiteral("C line %1").arg(i));
+        }
+        QVERIFY(first.waitForFinished(30000) && second.waitForFinished(30000));
+        const QByteArray log = readLog();
+        QCOMPARE(log.count('\n') - before, 1200);
+        for (const char *tag : {"A", "B", "C"}) {
+            QCOMPARE(log.count(QByteArray(QByteArray(tag) + " line ")), 400);
+        }
+        QVERIFY(log.contains("A line 399\n") && log.contains("B line 399\n"));
     }
 
     void clearStartsAgainAtOffsetZero()
@@ -116,5 +171,23 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestLogger)
+// A second process appending while this one does: run as a child by
+// twoProcessesAppendWithoutLoss.
+static int writeLinesAsChild(const char *tag)
+{
+    for (int i = 0; i < 400; ++i) {
+        Logger::log(QStringLiteral("%1 line %2").arg(QLatin1String(tag)).arg(i));
+    }
+    return 0;
+}
+
+int main(int argc, char *argv[])
+{
+    if (argc == 3 && qstrcmp(argv[1], "--write-lines") == 0) {
+        return writeLinesAsChild(argv[2]);
+    }
+    QCoreApplication app(argc, argv);
+    TestLogger test;
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_logger.moc"

@@ -166,6 +166,34 @@ private slots:
         QVERIFY2(!err.contains(QStringLiteral("Failed:")) && !out.contains(QStringLiteral("failed:")), qPrintable(err));
     }
 
+    // After a sign-in, an upload and a library download, the account's token
+    // is nowhere in the log, though every download URL carries it.
+    void theLogNeverHoldsTheToken()
+    {
+        const QString email = QStringLiteral("secret@lyrabox.test");
+        QVERIFY(m_server.createAccount(email, QStringLiteral("pw")));
+        const MusicFolder music = MusicFolder::make(m_files.filePath(QStringLiteral("secret")), 3, 100, 400, 45);
+        QCOMPARE(run({music.root}, email).exitCode, 0);
+        QProcess download;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PELICANE_EMAIL"), email);
+        environment.insert(QStringLiteral("PELICANE_PASSWORD"), QStringLiteral("pw"));
+        download.setProcessEnvironment(environment);
+        download.setStandardInputFile(QProcess::nullDevice());
+        download.start(QStringLiteral(PELICANE_CLI_PATH),
+                       {QStringLiteral("download-library"), m_files.filePath(QStringLiteral("secret-library"))});
+        QVERIFY(download.waitForFinished(60000));
+        QCOMPARE(download.exitCode(), 0);
+
+        const QString token = m_server.library(email).value(QStringLiteral("token")).toString();
+        QVERIFY(token.size() >= 16);
+        QFile log(qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/com.lyrabox.pelicane/Pelicane.log"));
+        QVERIFY(log.open(QIODevice::ReadOnly));
+        const QByteArray lines = log.readAll();
+        QVERIFY(lines.contains("_token=<redacted>"));
+        QVERIFY(!lines.contains(token.toLatin1()));
+    }
+
     // With no network at all the program says it is offline. Needs a network
     // namespace of its own (unshare, as root); the mapping has its own tests.
     void noNetworkSaysOffline()
