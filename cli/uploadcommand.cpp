@@ -412,6 +412,8 @@ int runUploadCommand(const QStringList &args)
     interrupts.reset();
     status.endLine();
     session.detachFromService();
+    // Transfers still going (a run stopped early) end before the summary.
+    LyraboxService::sharedService().shutdown();
 
     if (!ended) {
         if (!stopReason.isEmpty()) {

@@ -1,8 +1,8 @@
 #include "app/appdelegate.h"
 
-#include "core/logger.h"
 #include "app/splashwindowcontroller.h"
 #include "core/appinfo.h"
+#include "core/logger.h"
 #include "platform/crashreporter.h"
 #include "platform/dispatch.h"
 #include "service/lyraboxservice.h"
@@ -77,5 +77,10 @@ void AppDelegate::showMainWindow()
 
 void AppDelegate::applicationWillTerminate()
 {
-    LyraboxService::sharedService().stopService();
+    // Every transfer ends now, not after the event loop is gone (a worker
+    // would wait for it for ever), and the digests taken so far are saved.
+    LyraboxService::sharedService().shutdown();
+    if (m_mainWindowController) {
+        m_mainWindowController->session()->saveDigestCacheNow();
+    }
 }

@@ -12,6 +12,8 @@
 
 #include <QCoreApplication>
 #include <QCryptographicHash>
+#include <QDeadlineTimer>
+#include <QEventLoop>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QMutex>
@@ -272,6 +274,26 @@ void LyraboxService::stopUploads()
         abortTasks();
         m_uploadProgresses.clear();
     });
+}
+
+bool LyraboxService::shutdown(int timeoutMs)
+{
+    m_fileLoadOperationQueue->cancelAllOperations();
+    abortTasks();
+    m_uploadProgresses.clear();
+    // The operations end on their own threads; their last reports come here
+    // and are let run, so no worker waits for a main thread that has stopped.
+    const QDeadlineTimer deadline(timeoutMs);
+    while (!m_fileLoadOperationQueue->operations().isEmpty()) {
+        if (deadline.hasExpired()) {
+            Logger::log(QStringLiteral("Quit: %1 uploads did not end in time")
+                            .arg(m_fileLoadOperationQueue->operations().size()));
+            return false;
+        }
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        QThread::msleep(5);
+    }
+    return true;
 }
 
 void LyraboxService::reset()

@@ -65,6 +65,10 @@ public:
     // Cancels every queued and running upload, then stopService(), then forgets the
     // uploads' progress records.
     void stopUploads();
+    // For quitting, on the service's thread: cancels every upload and request
+    // at once and waits (running queued work meanwhile) until the uploads have
+    // ended or `timeoutMs` has passed. Returns whether all ended.
+    bool shutdown(int timeoutMs = 1500);
     // Forgets the playlist and tag settings and the playlist positions handed out.
     void reset();
 
