@@ -64,6 +64,12 @@ QUrl discogsURL()
     return QUrl(fromEnvironment("PELICANE_DISCOGS_URL", "https://api.discogs.com"));
 }
 
+QUrl accurateRipURL()
+{
+    // The public database answers over plain http only.
+    return QUrl(fromEnvironment("PELICANE_ACCURATERIP_URL", "http://www.accuraterip.com"));
+}
+
 QUrl libraryDownloadURL(const QString &userId, const QString &token, const std::optional<LibrarySegment> &segment)
 {
     const QString shortVersion = AppInfo::shortVersion();

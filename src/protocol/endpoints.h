@@ -17,6 +17,8 @@ QString musicBrainzHost(); // PELICANE_MUSICBRAINZ_SERVER as host:port
 int musicBrainzPort();
 QUrl coverArtURL();       // PELICANE_COVERART_URL
 QUrl discogsURL();        // PELICANE_DISCOGS_URL
+// PELICANE_ACCURATERIP_URL: the AccurateRip database root, before "accuraterip/a/b/c/dBAR-….bin"
+QUrl accurateRipURL();
 
 // A run of `length` library tracks from `offset`.
 struct LibrarySegment
