@@ -1,5 +1,6 @@
 #include "devserver.h"
 
+#include "accuraterip.h"
 #include "discservices.h"
 #include "multipartparser.h"
 #include "uploadreceiver.h"
@@ -329,6 +330,7 @@ int DevServer::bind(int port)
 
     // The outside services of the CD road.
     DiscServices::registerRoutes(svr, m_store.dataDirectory());
+    AccurateRipService::registerRoutes(svr, m_store.dataDirectory());
 
     if (port == 0)
         m_port = svr.bind_to_any_port("127.0.0.1");

@@ -5,7 +5,8 @@
 # installed. Every file has a different tone, so every file has its own MD5
 # digest. It also writes a sample audio CD image with CD-TEXT,
 # DIR/Sample CD/sample-cd.cue (and .bin), and, given the local service's data
-# folder, the MusicBrainz release and cover art that service answers for it.
+# folder, the MusicBrainz release, the cover art and the AccurateRip database
+# entry that service answers for it.
 # Needs only bash, awk and coreutils; the output is the same on every run.
 set -euo pipefail
 export LC_ALL=C
@@ -194,4 +195,57 @@ XML
       printf "\\x%02x\\x%02x\\x%02x", 96 + x * 2, 40 + y * 3, 160 - x }')"
   } > "$bmp"
   echo "Sample CD metadata: release $release and its cover in $devserver_data"
+
+  # The AccurateRip entry. The disc ids: id1 the sum of the track starts and
+  # the lead-out (in sectors from 0), id2 the sum of each start (at least 1)
+  # times its position, the lead-out counting as track 4; the freedb id
+  # from the starts in seconds (LBA / 75).
+  starts=(0 $sectors $((2 * sectors)))
+  lead_out=$((3 * sectors))
+  id1=$lead_out id2=$((lead_out * 4)) digits=0
+  for i in 0 1 2; do
+    start=${starts[i]}
+    id1=$((id1 + start))
+    id2=$((id2 + (start > 0 ? start : 1) * (i + 1)))
+    for ((s = (start + 150) / 75; s > 0; s /= 10)); do digits=$((digits + s % 10)); done
+  done
+  freedb=$((((digits % 255) << 24) | (((lead_out + 150) / 75 - 150 / 75) << 8) | 3))
+  name=$(printf 'dBAR-003-%08x-%08x-%08x.bin' $((id1 & 0xffffffff)) $((id2 & 0xffffffff)) "$freedb")
+  ar_dir="$devserver_data/accuraterip/$(printf '%x/%x/%x' $((id1 & 15)) $((id1 >> 4 & 15)) $((id1 >> 8 & 15)))"
+  mkdir -p "$ar_dir"
+  # Each track's v1 and v2 sums straight from the tones written above (the
+  # same awk sine): v1 sums word x position, v2 the high and low halves of
+  # that product, both modulo 2^32, positions from 1; the first track skips
+  # its first 2939 samples, the last its final 2940.
+  sums=$(awk -v n=$((sectors * 588)) 'BEGIN {
+    two32 = 4294967296
+    split("441 525 630", frequencies, " ")
+    for (t = 1; t <= 3; t++) {
+      period = 44100 / frequencies[t]
+      for (i = 0; i < period; i++) {
+        v = int(sin(2 * 3.14159265358979 * i / period) * 12000)
+        if (v < 0) v += 65536
+        word[i] = v + v * 65536
+      }
+      first = t == 1 ? 2940 : 1; last = t == 3 ? n - 2940 : n
+      v1 = 0; v2 = 0
+      for (m = first; m <= last; m++) {
+        p = word[(m - 1) % period] * m
+        hi = int(p / two32); lo = p - hi * two32
+        v1 = (v1 + lo) % two32
+        v2 = (v2 + lo + hi) % two32
+      }
+      printf "%.0f %.0f\n", v1, v2
+    }
+  }')
+  # Two entries, as the database holds a pressing: one of v1 sums seen 12
+  # times, one of v2 sums seen 5 times; the sector-450 sums are not checked.
+  header="$(le 3 1)$(le $id1 4)$(le $id2 4)$(le $freedb 4)"
+  v1_entry=$header v2_entry=$header
+  while read -r v1 v2; do
+    v1_entry+="$(le 12 1)$(le "$v1" 4)$(le 0 4)"
+    v2_entry+="$(le 5 1)$(le "$v2" 4)$(le 0 4)"
+  done <<< "$sums"
+  printf "$v1_entry$v2_entry" > "$ar_dir/$name"
+  echo "Sample CD AccurateRip entry: $ar_dir/$name"
 fi
