@@ -7,3 +7,4 @@
 int runUploadCommand(const QStringList &args);
 int runDownloadLibraryCommand(const QStringList &args);
 int runDiscInfoCommand(const QStringList &args);
+int runRipCommand(const QStringList &args);

@@ -1,6 +1,6 @@
-#include "core/logger.h"
 #include "cli/commands.h"
 #include "core/appinfo.h"
+#include "core/logger.h"
 
 #include <QCoreApplication>
 #include <QTextStream>
@@ -22,6 +22,9 @@ void printUsage(QTextStream &out)
            "  disc-info DEVICE-OR-IMAGE        look up an audio CD (a drive or a .cue/.toc image)\n"
            "      --json                        print one JSON object\n"
            "      --release MBID                use this MusicBrainz release\n"
+           "  rip DEVICE-OR-IMAGE --out FOLDER rip the audio tracks to tagged FLAC files\n"
+           "      --tracks LIST                 only these tracks, e.g. 1,3-5\n"
+           "      --read-offset SAMPLES         the drive's read offset (default: the setting, else 0)\n"
            "  --version                        print the version\n"
            "\n"
            "The log is written to the log file of the desktop program; --verbose also\n"
@@ -66,6 +69,9 @@ int main(int argc, char *argv[])
     }
     if (command == QLatin1String("disc-info")) {
         return runDiscInfoCommand(args);
+    }
+    if (command == QLatin1String("rip")) {
+        return runRipCommand(args);
     }
     err << "pelicane-cli: unknown command '" << command << "'\n\n";
     printUsage(err);

@@ -1,0 +1,395 @@
+// pelicane-cli rip DEVICE-OR-IMAGE --out FOLDER [--tracks LIST]
+// [--read-offset SAMPLES]: rips audio tracks to tagged FLAC files, checks them
+// against AccurateRip and writes the rip log.
+#include "cli/commands.h"
+
+#include "audio/accuraterip.h"
+#include "audio/cdripper.h"
+#include "audio/flacencoder.h"
+#include "audio/riplog.h"
+#include "cd/plcaudiocdprocessor.h"
+#include "cd/plcvolumetype.h"
+#include "cli/terminal.h"
+#include "platform/discimages.h"
+#include "platform/settings.h"
+#include "protocol/endpoints.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QMap>
+#include <QTextStream>
+#include <QUrl>
+
+#include <set>
+
+namespace {
+
+constexpr int ExitSuccess = 0;
+constexpr int ExitTracksFailed = 1;
+constexpr int ExitUsage = 2;
+constexpr int kReadRetries = 5;
+constexpr int kAccurateRipTimeoutMs = 15000;
+constexpr int kMetadataTimeoutMs = 15000;
+constexpr int kMaxOffsetSamples = kRipMaxOffsetSectors * 588;
+
+const char kUsage[] = "usage: pelicane-cli rip DEVICE-OR-IMAGE --out FOLDER [--tracks LIST] [--read-offset SAMPLES]\n";
+
+// "1,3-5" as track numbers; false when it is not such a list.
+bool parseTrackList(const QString &text, std::set<int> *tracks)
+{
+    for (const QString &part : text.split(u',')) {
+        const QStringList bounds = part.trimmed().split(u'-');
+        bool okLow = false;
+        bool okHigh = false;
+        const int low = bounds.first().toInt(&okLow);
+        const int high = bounds.size() == 2 ? bounds.last().toInt(&okHigh) : low;
+        if (bounds.size() > 2 || !okLow || (bounds.size() == 2 && !okHigh) || low < 1 || high > 99 || low > high) {
+            return false;
+        }
+        for (int n = low; n <= high; ++n) {
+            tracks->insert(n);
+        }
+    }
+    return !tracks->empty();
+}
+
+QString safeFileName(QString name)
+{
+    static const QString kRefused = QStringLiteral("/\\:*?\"<>|");
+    for (QChar &c : name) {
+        if (kRefused.contains(c) || c.unicode() < 0x20) {
+            c = u'_';
+        }
+    }
+    name = name.trimmed();
+    if (name.startsWith(u'.')) {
+        name.replace(0, 1, u'_');
+    }
+    return name.left(150);
+}
+
+QString twoDigits(int number)
+{
+    return QStringLiteral("%1").arg(number, 2, 10, QLatin1Char('0'));
+}
+
+// Encodes the ripped audio and copies the file into the folder. Nothing on
+// success, else the error; file holds the path written.
+OptionalError encodeTrack(const RipTrack &track, const PLCID3Tag &tags, const QString &target,
+                          const std::function<void(uint64_t, uint64_t)> &progress)
+{
+    const uint64_t values = uint64_t(track.lastSector - track.firstSector + 1) * kRipSectorValues;
+    FLACEncoder encoder;
+    OptionalError copyError;
+    if (OptionalError error = encoder.configureWithSampleCount(values / 2, tags, {}, [&](const QUrl &fileURL) {
+            QFile::remove(target);
+            if (!QFile::copy(fileURL.toLocalFile(), target)) {
+                copyError = Error::errorWithMessage(QStringLiteral("%1 could not be written.").arg(target), 200);
+            }
+        })) {
+        return error;
+    }
+    const auto *samples = reinterpret_cast<const int16_t *>(track.audio);
+    constexpr uint64_t kChunk = uint64_t(kRipSectorValues) * 75;
+    for (uint64_t at = 0; at < values; at += kChunk) {
+        if (!encoder.processSamples(samples + at, size_t(std::min(kChunk, values - at)))) {
+            break;
+        }
+        progress(at, values);
+    }
+    if (OptionalError error = encoder.finish()) {
+        return error;
+    }
+    return copyError;
+}
+
+} // namespace
+
+int runRipCommand(const QStringList &args)
+{
+    QTextStream out(stdout);
+    QTextStream err(stderr);
+    QString target;
+    QString folder;
+    std::set<int> chosen;
+    std::optional<int> offsetArgument;
+    for (int i = 0; i < args.size(); ++i) {
+        const QString &arg = args.at(i);
+        const bool hasValue = i + 1 < args.size();
+        if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
+            out << kUsage;
+            return ExitSuccess;
+        } else if (arg == QLatin1String("--out") && hasValue && !args.at(i + 1).isEmpty()) {
+            folder = args.at(++i);
+        } else if (arg == QLatin1String("--tracks") && hasValue) {
+            if (!parseTrackList(args.at(++i), &chosen)) {
+                err << "pelicane-cli rip: --tracks takes a list such as 1,3-5, not '" << args.at(i) << "'\n";
+                return ExitUsage;
+            }
+        } else if (arg == QLatin1String("--read-offset") && hasValue) {
+            bool ok = false;
+            const int value = args.at(++i).toInt(&ok);
+            if (!ok || value < -kMaxOffsetSamples || value > kMaxOffsetSamples) {
+                err << "pelicane-cli rip: --read-offset takes samples from " << -kMaxOffsetSamples << " to "
+                    << kMaxOffsetSamples << ", not '" << args.at(i) << "'\n";
+                return ExitUsage;
+            }
+            offsetArgument = value;
+        } else if (!arg.startsWith(u'-') && target.isEmpty()) {
+            target = arg;
+        } else {
+            err << "pelicane-cli rip: unexpected argument '" << arg << "'\n" << kUsage;
+            return ExitUsage;
+        }
+    }
+    if (target.isEmpty() || folder.isEmpty()) {
+        err << kUsage;
+        return ExitUsage;
+    }
+    if (!QFileInfo::exists(target)) {
+        err << "pelicane-cli rip: no such drive or image: " << target << "\n";
+        return ExitUsage;
+    }
+    // The drive's offset as the user set it, unless given for this rip.
+    const int readOffset = offsetArgument.value_or(Settings::value(kSettingsReadOffset, 0).toInt());
+    if (readOffset < -kMaxOffsetSamples || readOffset > kMaxOffsetSamples) {
+        err << "pelicane-cli rip: the read offset setting (" << readOffset << " samples) is out of range\n";
+        return ExitUsage;
+    }
+
+    StatusLine status;
+    // Opening an image is inserting it, as choosing it in the program does.
+    QString volume = target;
+    if (DiscImages::isDiscImageFile(target) && DiscImages::insert(target)) {
+        volume = DiscImages::normalizedPath(target);
+    }
+    status.show(QStringLiteral("Reading the disc..."));
+    QMap<int, QString> trackPaths;
+    if (const auto tracks = PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(volume))) {
+        for (const PLCVolumeType::TrackFile &track : *tracks) {
+            trackPaths.insert(track.trackNumber, track.path);
+        }
+    }
+    DiscMetadataOptions options;
+    options.timeoutMs = kMetadataTimeoutMs;
+    options.standardOutput = [&](const QString &line) {
+        status.endLine();
+        err << line << Qt::endl;
+    };
+    status.show(QStringLiteral("Looking the disc up..."));
+    const DiscMetadata metadata = PLCAudioCDProcessor::compileDiscMetadata(volume, trackPaths.values(), options, {});
+    CdIo_t *disc = PLCAudioCDProcessor::cdio();
+    if (!disc) {
+        if (OptionalError error = PLCAudioCDProcessor::openDeviceForVolume(volume)) {
+            status.endLine();
+            err << "pelicane-cli rip: " << error->localizedDescription() << "\n";
+            return ExitTracksFailed;
+        }
+        disc = PLCAudioCDProcessor::cdio();
+    }
+
+    const track_t firstTrack = cdio_get_first_track_num(disc);
+    const track_t lastTrack = cdio_get_last_track_num(disc);
+    if (chosen.empty()) {
+        for (track_t n = firstTrack; n <= lastTrack && n != CDIO_INVALID_TRACK; ++n) {
+            if (ripIsAudioTrack(disc, n)) {
+                chosen.insert(int(n));
+            }
+        }
+    }
+    for (int n : chosen) {
+        if (n < firstTrack || n > lastTrack) {
+            status.endLine();
+            err << "pelicane-cli rip: the disc has no track " << n << " (it has tracks " << int(firstTrack) << " to "
+                << int(lastTrack) << ")\n";
+            return ExitUsage;
+        }
+    }
+    if (!QDir().mkpath(folder)) {
+        status.endLine();
+        err << "pelicane-cli rip: the folder " << folder << " could not be made\n";
+        return ExitTracksFailed;
+    }
+
+    RipLog log;
+    log.started = QDateTime::currentDateTime();
+    log.source = PLCAudioCDProcessor::deviceName().isEmpty() ? volume : PLCAudioCDProcessor::deviceName();
+    log.isImage = PLCAudioCDProcessor::isDiscImageOpen();
+    log.readOffset = readOffset;
+    log.discId = metadata.discId;
+    const auto tagsOf = [&](int number) {
+        PLCID3Tag tag;
+        if (metadata.tags && trackPaths.contains(number)) {
+            tag = metadata.tags->value(trackPaths.value(number));
+        }
+        if (!tag.track()) {
+            tag.setTrack(number);
+        }
+        if (!tag.totalTracks()) {
+            tag.setTotalTracks(int(trackPaths.size()));
+        }
+        return tag;
+    };
+    if (!trackPaths.isEmpty()) {
+        const PLCID3Tag first = tagsOf(trackPaths.firstKey());
+        log.album = first.album().value_or(QString());
+        log.artist = first.albumArtist().value_or(first.artist().value_or(QString()));
+    }
+
+    // AccurateRip first: each track's verdict is known as soon as it is ripped.
+    AccurateRip::TableOfContents toc;
+    AccurateRip::DiscIds ids;
+    if (AccurateRip::readTableOfContents(disc, &toc)) {
+        ids = AccurateRip::discIds(toc);
+    }
+    AccurateRip::Lookup lookup;
+    if (ids.isValid()) {
+        status.show(QStringLiteral("Asking AccurateRip..."));
+        log.accurateRipId = ids.text();
+        lookup = AccurateRip::fetch(ids, Endpoints::accurateRipURL(), kAccurateRipTimeoutMs);
+    } else {
+        lookup.error = QStringLiteral("the disc's table of contents could not be read");
+    }
+    switch (lookup.status) {
+    case AccurateRip::Lookup::Status::Found:
+        log.accurateRipLookup = QStringLiteral("%1 entries").arg(lookup.entries.size());
+        break;
+    case AccurateRip::Lookup::Status::NotInDatabase:
+        log.accurateRipLookup = QStringLiteral("not in database");
+        break;
+    case AccurateRip::Lookup::Status::Failed:
+        log.accurateRipLookup = QStringLiteral("not checked: ") + lookup.error;
+        break;
+    }
+    status.endLine();
+    out << "Disc: " << (log.album.isEmpty() ? QStringLiteral("(unknown album)") : log.album)
+        << (log.artist.isEmpty() ? QString() : QStringLiteral(" / ") + log.artist) << ", "
+        << (log.discId.isEmpty() ? QStringLiteral("disc id unknown") : QStringLiteral("disc id ") + log.discId)
+        << "\nAccurateRip: " << (log.accurateRipId.isEmpty() ? QStringLiteral("-") : log.accurateRipId) << ", "
+        << log.accurateRipLookup << "\nRead offset: " << readOffset << " samples\n"
+        << Qt::flush;
+
+    RipSettings settings;
+    settings.readRetries = kReadRetries;
+    ripSetReadOffset(&settings, readOffset);
+    RipContext *context = nullptr;
+    if (ripOpen(&context, &settings, disc) != 0) {
+        err << "pelicane-cli rip: the disc could not be opened for reading\n";
+        PLCAudioCDProcessor::closeDevice();
+        return ExitTracksFailed;
+    }
+
+    bool interrupted = false;
+    const InterruptWatcher interrupts([&] { interrupted = true; });
+    const track_t firstAudio = ripFirstAudioTrack(disc);
+    int failures = 0;
+    int done = 0;
+    QElapsedTimer sinceShown;
+    sinceShown.start();
+    const qint64 showEveryMs = status.isTerminal() ? 100 : 2000;
+    for (int number : chosen) {
+        ++done;
+        const QString name = twoDigits(number);
+        const QString prefix = QStringLiteral("Track %1 (%2 of %3): ").arg(name).arg(done).arg(chosen.size());
+        RipLogTrack entry;
+        entry.number = number;
+        entry.firstSector = uint32_t(std::max<lsn_t>(0, cdio_get_track_lsn(disc, track_t(number))));
+        entry.lastSector = uint32_t(std::max<lsn_t>(0, cdio_get_track_last_lsn(disc, track_t(number))));
+        RipTrack *track = ripTrackRecord(context, uint32_t(number));
+        QString lastMessage;
+        const auto show = [&](const QString &text, bool force) {
+            if (force || sinceShown.elapsed() >= showEveryMs) {
+                sinceShown.restart();
+                status.show(prefix + text);
+            }
+        };
+        show(QStringLiteral("reading"), true);
+        const int result =
+            track ? ripTrack(
+                        context, track,
+                        [&](int32_t current, int32_t total, const int16_t *, bool *stop) {
+                            QCoreApplication::processEvents();
+                            if (interrupted) {
+                                *stop = true;
+                            }
+                            if (total > 0) {
+                                show(QStringLiteral("reading %1%").arg(qint64(current) * 100 / total), false);
+                            }
+                        },
+                        [&](const char *text) { lastMessage = QString::fromLocal8Bit(text).trimmed(); })
+                  : 1;
+        if (track) {
+            entry.statistics = track->statistics;
+        }
+        if (result == 0) {
+            const uint32_t sectors = track->lastSector - track->firstSector + 1;
+            entry.checksumV1 = track->checksumV1;
+            entry.checksumV2 = track->checksumV2;
+            entry.crc32 = ripCrc32(track->audio, size_t(sectors) * kRipSectorBytes);
+            const PLCID3Tag tags = tagsOf(number);
+            const QString title = tags.title().value_or(QString()).trimmed();
+            const QString stem =
+                title.isEmpty() ? QString(QStringLiteral("Track ") + name) : QString(name + u' ' + title);
+            const QString file = QDir(folder).filePath(safeFileName(stem) + QStringLiteral(".flac"));
+            show(QStringLiteral("encoding"), true);
+            if (OptionalError error = encodeTrack(*track, tags, file, [&](uint64_t at, uint64_t total) {
+                    show(QStringLiteral("encoding %1%").arg(at * 100 / std::max<uint64_t>(total, 1)), false);
+                })) {
+                entry.message = error->localizedDescription();
+            } else {
+                entry.ripped = true;
+                entry.file = QFileInfo(file).absoluteFilePath();
+            }
+            // The database lists the audio tracks only, in order.
+            int index = 0;
+            for (int n = int(firstAudio); n < number; ++n) {
+                index += ripIsAudioTrack(disc, track_t(n)) ? 1 : 0;
+            }
+            entry.accurateRip = AccurateRip::verify(lookup, index, entry.checksumV1, entry.checksumV2).text();
+        } else {
+            entry.message = track && !track->failure.empty() ? QString::fromStdString(track->failure)
+                            : interrupted                    ? QStringLiteral("Stopped.")
+                            : lastMessage.isEmpty() ? QStringLiteral("Track %1 could not be ripped.").arg(number)
+                                                    : lastMessage;
+            entry.accurateRip = QStringLiteral("not checked: the track was not ripped");
+        }
+        if (track) {
+            ripReleaseTrack(track);
+        }
+        status.endLine();
+        if (entry.ripped) {
+            out << "Track " << name << ": ripped, " << entry.accurateRip << " -> " << QFileInfo(entry.file).fileName()
+                << "\n";
+        } else {
+            ++failures;
+            out << "Track " << name << ": FAILED: " << entry.message << "\n";
+        }
+        out.flush();
+        log.tracks.append(entry);
+        if (interrupted) {
+            break;
+        }
+    }
+    ripFree(&context);
+    PLCAudioCDProcessor::closeDevice();
+
+    QString logPath;
+    if (OptionalError error = writeRipLog(log, &logPath)) {
+        err << "pelicane-cli rip: " << error->localizedDescription() << "\n";
+    } else {
+        out << "Rip log: " << logPath << "\n";
+    }
+    const int skipped = int(chosen.size()) - int(log.tracks.size());
+    out << (failures == 0 && skipped == 0
+                ? QStringLiteral("%1 tracks ripped to %2\n").arg(done).arg(QDir(folder).absolutePath())
+                : QStringLiteral("%1 of %2 tracks failed%3; the others are in %4\n")
+                      .arg(failures + skipped)
+                      .arg(chosen.size())
+                      .arg(interrupted ? QStringLiteral(" (stopped)") : QString())
+                      .arg(QDir(folder).absolutePath()));
+    out.flush();
+    return failures == 0 && skipped == 0 ? ExitSuccess : ExitTracksFailed;
+}
