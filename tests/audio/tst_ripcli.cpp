@@ -1,0 +1,225 @@
+#include "support/devserverprocess.h"
+#include "support/discimage.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+struct Run
+{
+    int exitCode = -1;
+    QString standardOutput;
+    QString standardError;
+    qint64 elapsedMs = 0;
+};
+
+Run runTool(const QString &program, const QStringList &arguments, const QProcessEnvironment &environment)
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    QElapsedTimer timer;
+    timer.start();
+    process.start(program, arguments);
+    Run run;
+    if (process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit) {
+        run.exitCode = process.exitCode();
+    }
+    run.elapsedMs = timer.elapsed();
+    run.standardOutput = QString::fromUtf8(process.readAllStandardOutput());
+    run.standardError = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
+// The samples of a FLAC file as the reference decoder reads them.
+QByteArray decode(const QString &path)
+{
+    QProcess process;
+    process.start(QStringLiteral("flac"),
+                  {"-d", "-s", "-c", "--force-raw-format", "--endian=little", "--sign=signed", path});
+    if (!process.waitForFinished(60000) || process.exitCode() != 0) {
+        return {};
+    }
+    return process.readAllStandardOutput();
+}
+
+QStringList tags(const QString &path)
+{
+    QProcess process;
+    process.start(QStringLiteral("metaflac"), {QStringLiteral("--export-tags-to=-"), path});
+    process.waitForFinished(60000);
+    return QString::fromUtf8(process.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts);
+}
+
+QString readAll(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+} // namespace
+
+// pelicane-cli rip on the sample disc of scripts/make-samples.sh, whose
+// AccurateRip entry the script computes from the tones it writes, and on
+// generated discs the service does not know or that fail.
+class TestRipCli : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    DevServerProcess m_server;
+    QString m_image;
+    QProcessEnvironment m_environment;
+
+    Run rip(const QStringList &arguments, const QProcessEnvironment &environment)
+    {
+        return runTool(QStringLiteral(PELICANE_CLI_PATH), QStringList{QStringLiteral("rip")} + arguments, environment);
+    }
+    Run rip(const QStringList &arguments) { return rip(arguments, m_environment); }
+
+    QString ripLogOf(const Run &run)
+    {
+        const QRegularExpressionMatch match =
+            QRegularExpression(QStringLiteral("^Rip log: (.+)$"), QRegularExpression::MultilineOption)
+                .match(run.standardOutput);
+        return match.hasMatch() ? match.captured(1) : QString();
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_server.start());
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PELICANE_SAMPLE_SECONDS"), QStringLiteral("1"));
+        const Run samples = runTool(QStringLiteral(PELICANE_SOURCE_DIR "/scripts/make-samples.sh"),
+                                    {m_dir.filePath(QStringLiteral("music")), m_server.dataDirectory()}, environment);
+        QCOMPARE(samples.exitCode, 0);
+        m_image = m_dir.filePath(QStringLiteral("music/Sample CD/sample-cd.cue"));
+        QVERIFY(QFile::exists(m_image));
+
+        m_environment = QProcessEnvironment::systemEnvironment();
+        m_environment.insert(QStringLiteral("PELICANE_MUSICBRAINZ_SERVER"),
+                             QStringLiteral("127.0.0.1:%1").arg(m_server.port()));
+        m_environment.insert(QStringLiteral("PELICANE_COVERART_URL"), m_server.baseUrl());
+        m_environment.insert(QStringLiteral("PELICANE_DISCOGS_URL"), m_server.baseUrl());
+        m_environment.insert(QStringLiteral("PELICANE_ACCURATERIP_URL"), m_server.baseUrl());
+    }
+
+    void sampleDiscRipsVerifiedAndTagged()
+    {
+        const QString out = m_dir.filePath(QStringLiteral("out-sample"));
+        const Run run = rip({m_image, QStringLiteral("--out"), out});
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.elapsedMs < 20000, qPrintable(QString::number(run.elapsedMs)));
+        const QStringList names{QStringLiteral("01 Morning Tide.flac"), QStringLiteral("02 Gull Song.flac"),
+                                QStringLiteral("03 Lantern Walk.flac")};
+        for (int i = 0; i < 3; ++i) {
+            QVERIFY2(run.standardOutput.contains(
+                         QStringLiteral("Track %1: ripped, accurately ripped (confidence 12) -> %2\n")
+                             .arg(i + 1, 2, 10, QLatin1Char('0'))
+                             .arg(names[i])),
+                     qPrintable(run.standardOutput));
+        }
+        // Bit-exact against the image, and tagged from the release.
+        QFile bin(m_dir.filePath(QStringLiteral("music/Sample CD/sample-cd.bin")));
+        QVERIFY(bin.open(QIODevice::ReadOnly));
+        const QByteArray audio = bin.readAll();
+        for (int i = 0; i < 3; ++i) {
+            QVERIFY(decode(QDir(out).filePath(names[i])) == audio.mid(i * 300 * 2352, 300 * 2352));
+        }
+        const QStringList second = tags(QDir(out).filePath(names[1]));
+        QVERIFY2(second.contains(QStringLiteral("title=Gull Song")), qPrintable(second.join(u',')));
+        QVERIFY(second.contains(QStringLiteral("album=Harbour Lights")));
+        QVERIFY(second.contains(QStringLiteral("tracknumber=2/3")));
+
+        // The rip log, beside the application log and named after the album.
+        const QString log = ripLogOf(run);
+        QVERIFY2(log.contains(QStringLiteral("/rips/Harbour Lights ")), qPrintable(run.standardOutput));
+        const QString text = readAll(log);
+        QVERIFY(text.contains(QStringLiteral("Image:        ") + QFileInfo(m_image).absoluteFilePath()));
+        QVERIFY(text.contains(QStringLiteral("AccurateRip:  003-00000708-00001771-09000c03\n")));
+        QVERIFY(text.contains(QStringLiteral("Track 03\n  Sectors:      600-899 (300)\n")));
+        QCOMPARE(text.count(QStringLiteral("Verification: accurately ripped (confidence 12)")), 3);
+        QVERIFY(text.contains(QStringLiteral("All 3 tracks ripped without error.")));
+        QVERIFY(readAll(QFileInfo(log).absolutePath() + QStringLiteral("/../Pelicane.log"))
+                    .contains(QStringLiteral("Rip log written to ") + log));
+
+        // Chosen tracks only, with an offset: the audio moves by it, so the
+        // database no longer vouches for it.
+        const QString chosen = m_dir.filePath(QStringLiteral("out-chosen"));
+        const Run some = rip({m_image, QStringLiteral("--out"), chosen, QStringLiteral("--tracks"), QStringLiteral("2"),
+                              QStringLiteral("--read-offset"), QStringLiteral("30")});
+        QCOMPARE(some.exitCode, 0);
+        QCOMPARE(QDir(chosen).entryList(QDir::Files), QStringList{names[1]});
+        QVERIFY2(some.standardOutput.contains(QStringLiteral("Track 02: ripped, no match")),
+                 qPrintable(some.standardOutput));
+        QVERIFY(decode(QDir(chosen).filePath(names[1])) == audio.mid(300 * 2352 + 30 * 4, 300 * 2352));
+    }
+
+    void wrongArguments()
+    {
+        const QString out = m_dir.filePath(QStringLiteral("out-wrong"));
+        for (const QStringList &arguments :
+             {QStringList{m_image}, QStringList{QStringLiteral("--out"), out},
+              QStringList{m_image, QStringLiteral("--out"), out, QStringLiteral("--tracks"), QStringLiteral("2-x")},
+              QStringList{m_image, QStringLiteral("--out"), out, QStringLiteral("--tracks"), QStringLiteral("9")},
+              QStringList{m_image, QStringLiteral("--out"), out, QStringLiteral("--read-offset"),
+                          QStringLiteral("99999")},
+              QStringList{m_image, QStringLiteral("--out"), out, QStringLiteral("--loud")},
+              QStringList{m_dir.filePath(QStringLiteral("nothing.cue")), QStringLiteral("--out"), out}}) {
+            const Run run = rip(arguments);
+            QVERIFY2(run.exitCode == 2, qPrintable(arguments.join(u' ') + u' ' + QString::number(run.exitCode)));
+            QVERIFY(!run.standardError.isEmpty());
+        }
+        QVERIFY(!QFileInfo::exists(out));
+    }
+
+    // A disc cut short: track 1 is kept, tracks 2 and 3 fail, and the exit
+    // status says so. The service knows no such disc; an unreachable database
+    // is a check not made, never a verdict.
+    void failedTracksAndUnknownDiscs()
+    {
+        const DiscImage image =
+            DiscImage::create(m_dir.path(), QStringLiteral("cut"), DiscImage::audioOptions({300, 300, 300}));
+        QVERIFY(image.isValid());
+        QVERIFY(QFile::resize(image.binPath(), qint64(450) * 2352 + 100));
+        const QString out = m_dir.filePath(QStringLiteral("out-cut"));
+        const Run run = rip({image.cuePath(), QStringLiteral("--out"), out});
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.standardOutput.contains(QStringLiteral("Track 01: ripped, not in database -> Track 01.flac\n")),
+                 qPrintable(run.standardOutput));
+        QVERIFY(run.standardOutput.contains(
+            QStringLiteral("Track 02: FAILED: Track last frame is larger than last disc frame.\n")));
+        QVERIFY(run.standardOutput.contains(QStringLiteral("Track 03: FAILED: Track 3 is not on the disc")));
+        QVERIFY(run.standardOutput.contains(QStringLiteral("2 of 3 tracks failed")));
+        QCOMPARE(QDir(out).entryList(QDir::Files), QStringList{QStringLiteral("Track 01.flac")});
+        QVERIFY(decode(QDir(out).filePath(QStringLiteral("Track 01.flac"))) == image.trackAudio(0));
+        const QString text = readAll(ripLogOf(run));
+        QCOMPARE(text.count(QStringLiteral("Result:       FAILED")), 2);
+        QVERIFY(text.contains(QStringLiteral("Message:      Track last frame is larger than last disc frame.")));
+        QVERIFY(text.contains(QStringLiteral("2 of 3 tracks failed.")));
+
+        QTcpServer closed;
+        QVERIFY(closed.listen(QHostAddress::LocalHost));
+        QProcessEnvironment unreachable = m_environment;
+        unreachable.insert(QStringLiteral("PELICANE_ACCURATERIP_URL"),
+                           QStringLiteral("http://127.0.0.1:%1").arg(closed.serverPort()));
+        closed.close();
+        const DiscImage whole =
+            DiscImage::create(m_dir.path(), QStringLiteral("whole"), DiscImage::audioOptions({200, 200}));
+        const Run unchecked =
+            rip({whole.cuePath(), QStringLiteral("--out"), m_dir.filePath(QStringLiteral("out-u"))}, unreachable);
+        QCOMPARE(unchecked.exitCode, 0);
+        QVERIFY2(unchecked.standardOutput.contains(
+                     QStringLiteral("Track 02: ripped, not checked: the database could not be reached")),
+                 qPrintable(unchecked.standardOutput));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestRipCli)
+#include "tst_ripcli.moc"
