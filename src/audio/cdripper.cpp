@@ -574,8 +574,11 @@ int ripTrack(RipContext *context, RipTrack *track, const RipProgressCallback &pr
     watch.context = context;
     watch.first = readFirst;
     watch.last = readLast;
-    watch.runFirst = runFirst;
-    watch.runLast = runLast;
+    // The drive is asked for this track's sectors only: paranoia reads far
+    // ahead, and with the whole disc open to it every track would read on to
+    // the end of the disc (twice, to verify), making a disc's rip quadratic.
+    watch.runFirst = readFirst;
+    watch.runLast = readLast;
     watch.state.assign(size_t(toRead), 0);
     watch.pollStop = [&] {
         report(0, toRead, nullptr);

@@ -216,6 +216,13 @@ private slots:
             QCOMPARE(result.record.firstSector, uint32_t(m_standard.trackFirstSector(i)));
             QCOMPARE(result.record.lastSector, uint32_t(m_standard.trackFirstSector(i) + sectors - 1));
             QCOMPARE(result.record.samples, uint64_t(sectors) * 1176);
+            // The drive is asked for this track only (twice over, to verify),
+            // never for the rest of the disc behind it.
+            QVERIFY2(result.record.statistics.sectorsRead <= uint32_t(2 * sectors + 64),
+                     qPrintable(QStringLiteral("track %1: %2 sectors read for %3")
+                                    .arg(i + 1)
+                                    .arg(result.record.statistics.sectorsRead)
+                                    .arg(sectors)));
         }
     }
 
