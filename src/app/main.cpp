@@ -1,5 +1,6 @@
 #include "app/appdelegate.h"
 #include "app/reportexceptionapplication.h"
+#include "widgets/appearance.h"
 
 #include <QFileInfo>
 
@@ -11,6 +12,7 @@ int main(int argc, char *argv[])
     // The splash closes before the main window opens; the program ends when
     // the main window is closed, not when the last window happens to go.
     application.setQuitOnLastWindowClosed(false);
+    applyApplicationAppearance(&application);
 
     AppDelegate::installLogAlertHandler();
     AppDelegate delegate;

@@ -1,5 +1,6 @@
 #include "widgets/alert.h"
 
+#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -10,14 +11,25 @@ QPalette darkPalette(QPalette palette)
     palette.setColor(QPalette::Base, QColor(0x1b, 0x1b, 0x1b));
     palette.setColor(QPalette::AlternateBase, QColor(0x2e, 0x2e, 0x2e));
     palette.setColor(QPalette::Text, Qt::white);
-    palette.setColor(QPalette::PlaceholderText, QColor(0x8a, 0x8a, 0x8a));
+    palette.setColor(QPalette::PlaceholderText, QColor(0x9a, 0x9a, 0x9a));
     palette.setColor(QPalette::Button, QColor(0x3a, 0x3a, 0x3a));
     palette.setColor(QPalette::ButtonText, Qt::white);
     palette.setColor(QPalette::Highlight, QColor(0x2f, 0x9b, 0xe0));
     palette.setColor(QPalette::HighlightedText, Qt::white);
-    palette.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x80));
-    palette.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x80, 0x80));
-    palette.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x80));
+    palette.setColor(QPalette::ToolTipBase, QColor(0x3a, 0x3a, 0x3a));
+    palette.setColor(QPalette::ToolTipText, Qt::white);
+    palette.setColor(QPalette::BrightText, Qt::white);
+    palette.setColor(QPalette::Link, QColor(0x5c, 0xb3, 0xea));
+    palette.setColor(QPalette::LinkVisited, QColor(0xa8, 0x8b, 0xe0));
+    // The shades the style draws frames and bevels with.
+    palette.setColor(QPalette::Light, QColor(0x4a, 0x4a, 0x4a));
+    palette.setColor(QPalette::Midlight, QColor(0x3e, 0x3e, 0x3e));
+    palette.setColor(QPalette::Mid, QColor(0x30, 0x30, 0x30));
+    palette.setColor(QPalette::Dark, QColor(0x1e, 0x1e, 0x1e));
+    palette.setColor(QPalette::Shadow, QColor(0x10, 0x10, 0x10));
+    palette.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x9a, 0x9a, 0x9a));
+    palette.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x9a, 0x9a, 0x9a));
+    palette.setColor(QPalette::Disabled, QPalette::Text, QColor(0x9a, 0x9a, 0x9a));
     return palette;
 }
 
@@ -28,8 +40,11 @@ int runAlert(QWidget *parent, const AlertText &text, QStringList buttons, bool d
     if (dark) {
         alert.setPalette(darkPalette(alert.palette()));
     }
-    alert.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_label { font-weight: bold; min-width: 300px; }"
-                                       "QLabel#qt_msgbox_informativelabel { min-width: 300px; }"));
+    // The message is bold through the label's own font, not a style sheet:
+    // the box measures its labels with their fonts before a style sheet would
+    // apply, and a bolder text than measured is cut off at the right.
+    alert.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_label, QLabel#qt_msgbox_informativelabel"
+                                       " { min-width: 300px; }"));
     alert.setWindowModality(Qt::ApplicationModal);
     alert.setWindowTitle(text.windowTitle);
     alert.setIcon(QMessageBox::NoIcon);
@@ -39,6 +54,11 @@ int runAlert(QWidget *parent, const AlertText &text, QStringList buttons, bool d
     if (!text.informativeText.isEmpty()) {
         alert.setInformativeText(text.informativeText);
     }
+    if (auto *label = alert.findChild<QLabel *>(QStringLiteral("qt_msgbox_label"))) {
+        QFont bold = label->font();
+        bold.setBold(true);
+        label->setFont(bold);
+    }
     buttons.removeAll(QString());
     if (buttons.isEmpty()) {
         buttons.append(QStringLiteral("OK"));
@@ -47,7 +67,7 @@ int runAlert(QWidget *parent, const AlertText &text, QStringList buttons, bool d
     for (const QString &title : std::as_const(buttons)) {
         added.append(alert.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::ActionRole));
     }
-    alert.setDefaultButton(qobject_cast<QPushButton *>(added.first()));
+    alert.setDefaultButton(qobject_cast<QPushButton *>(text.cautiousDefault ? added.last() : added.first()));
     alert.setEscapeButton(added.last());
 
     if (visible) {

@@ -17,7 +17,16 @@ DownloadLibraryController::DownloadLibraryController(const QUrl &URL, const QStr
                                                      QWidget *parent)
     : QDialog(parent), m_ui(std::make_unique<Ui::DownloadLibraryController>()),
       m_model(std::make_unique<DownloadLibraryModel>(URL, userId, userToken, this)),
-      m_folderOpener([](const QUrl &folder) { QDesktopServices::openUrl(folder); })
+      m_folderOpener([this](const QUrl &folder) {
+          if (!QDesktopServices::openUrl(folder)) {
+              // Without a file manager nothing opens; the user still needs the place.
+              runAlert(this,
+                       {windowTitle(), QStringLiteral("The folder could not be opened."),
+                        QStringLiteral("No file manager could be started. Your library is in:\n%1")
+                            .arg(folder.toLocalFile())},
+                       {QStringLiteral("OK")});
+          }
+      })
 {
     m_ui->setupUi(this);
     windowDidLoad();
@@ -50,7 +59,11 @@ void DownloadLibraryController::updateView()
     m_ui->actionTextField->setText(view.actionText);
     m_ui->progressTextField->setText(view.progressText);
     m_ui->progressTextField->setVisible(!view.progressTextHidden);
-    if (view.progressDeterminate) {
+    if (m_model->isComplete()) {
+        // Finished: a full bar, not a busy one.
+        m_ui->progressIndicator->setRange(0, kProgressSteps);
+        m_ui->progressIndicator->setValue(kProgressSteps);
+    } else if (view.progressDeterminate) {
         m_ui->progressIndicator->setRange(0, kProgressSteps);
         m_ui->progressIndicator->setValue(int(view.progressValue * kProgressSteps));
     } else {
@@ -60,15 +73,26 @@ void DownloadLibraryController::updateView()
     m_ui->cancelButton->setEnabled(view.cancelEnabled);
     // Return presses the button once it reads "Open Folder".
     m_ui->cancelButton->setDefault(view.cancelIsDefault);
+    // The error line stays only until a segment arrives after it: the retry
+    // worked, and the download goes on normally.
+    if (m_model->downloadErrorCount() != m_errorCountShown) {
+        m_errorCountShown = m_model->downloadErrorCount();
+        m_completedAtError = m_model->downloadsCompleted();
+    }
+    const bool recovered = m_model->downloadsCompleted() > m_completedAtError || m_model->isComplete();
+    const bool errorVisible = view.errorInfoVisible && !recovered;
     m_ui->errorInfoTextField->setText(view.errorInfoText);
-    m_ui->errorInfoTextField->setVisible(view.errorInfoVisible);
-    m_ui->errorInfoButton->setVisible(view.errorInfoVisible);
+    m_ui->errorInfoTextField->setVisible(errorVisible);
+    m_ui->errorInfoButton->setVisible(errorVisible);
 }
 
 int DownloadLibraryController::showAlert(const QString &title, const QString &text, const QStringList &buttons,
                                          Appearance appearance)
 {
-    return runAlert(this, {title, title, text}, buttons, appearance == Appearance::Dark);
+    // A yes/no question here is whether to throw the download away: Return
+    // keeps it going.
+    const bool cautious = buttons.size() == 2 && buttons.last() == QStringLiteral("No");
+    return runAlert(this, {title, title, text, cautious}, buttons, appearance == Appearance::Dark);
 }
 
 void DownloadLibraryController::reject()

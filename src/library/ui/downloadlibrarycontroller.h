@@ -59,4 +59,6 @@ private:
     std::function<void(const QUrl &)> m_folderOpener;
     bool m_closing = false;
     bool m_inCloseEvent = false;
+    int m_errorCountShown = 0;
+    int m_completedAtError = 0;
 };

@@ -1,8 +1,8 @@
 #include "session/ui/mainwindowcontroller.h"
 
 #include "core/logger.h"
-#include "widgets/alert.h"
 #include "ui_MainWindowController.h"
+#include "widgets/alert.h"
 
 #include <QCloseEvent>
 #include <QDesktopServices>
@@ -20,31 +20,6 @@ constexpr qint64 kClearLogThreshold = 20971520; // 20 MiB
 const QColor kMaskColor(0x99, 0x99, 0x99, 0x70);
 
 const QColor kLogLinkColor(60, 60, 60);
-
-// The window's dark look. Alerts parented to the window take its style sheet
-// but not its palette (palettes stop at windows), so they are given it too.
-void applyDarkAppearance(QWidget *window)
-{
-    window->setPalette(darkPalette(window->palette()));
-    window->setStyleSheet(QStringLiteral(
-        "QLabel { color: #e6e6e6; }"
-        "QLineEdit { background: #1b1b1b; color: white; border: 1px solid #555555; border-radius: 4px;"
-        "  padding: 4px 6px; selection-background-color: #2f9be0; }"
-        "QLineEdit:focus { border-color: #2f9be0; }"
-        "QPushButton { background: #3a3a3a; color: white; border: 1px solid #5a5a5a; border-radius: 4px;"
-        "  padding: 5px 14px; }"
-        "QPushButton:hover { background: #474747; }"
-        "QPushButton:pressed { background: #2f2f2f; }"
-        "QPushButton:default { border-color: #2f9be0; }"
-        "QPushButton:disabled { color: #7a7a7a; border-color: #444444; }"
-        "QCheckBox::indicator { width: 13px; height: 13px; border: 1px solid #8a8a8a; border-radius: 3px;"
-        "  background: #1b1b1b; }"
-        "QCheckBox::indicator:checked { background: #2f9be0; border-color: #2f9be0; }"
-        "QTableView { background: #1b1b1b; color: white; border: 1px solid #444444; }"
-        "#logBarView { background-color: #d9d9d9; }"
-        "#logBarView QPushButton { background: transparent; border: none; color: rgb(60, 60, 60); padding: 2px; }"
-        "#logBarView QPushButton:hover { text-decoration: underline; }"));
-}
 
 void paintTitleWhite(QWidget *widget)
 {
@@ -64,7 +39,6 @@ MainWindowController::MainWindowController(QWidget *parent)
     : QMainWindow(parent), m_ui(std::make_unique<Ui::MainWindowController>()), m_session(new SessionModel(this, this))
 {
     m_ui->setupUi(this);
-    applyDarkAppearance(this);
     m_ui->maskContainerView->raise();
     paintTitleWhite(m_ui->rememberMeCheckbox);
 
