@@ -1,7 +1,9 @@
 #include "app/appdelegate.h"
 
+#include "app/desktopnotifier.h"
 #include "app/splashwindowcontroller.h"
 #include "core/appinfo.h"
+#include "core/formatting.h"
 #include "core/logger.h"
 #include "platform/crashreporter.h"
 #include "platform/dispatch.h"
@@ -68,6 +70,20 @@ void AppDelegate::showMainWindow()
     // Closing the main window ends the program; nothing reopens it.
     connect(m_mainWindowController, &MainWindowController::windowWillClose, qApp, &QCoreApplication::quit,
             Qt::QueuedConnection);
+    // A run that ends while the user is elsewhere is worth a word from the desktop.
+    MainWindowController *window = m_mainWindowController;
+    connect(window->session(), &SessionModel::uploadEnded, this, [window] {
+        if (window->isActiveWindow()) {
+            return;
+        }
+        const SessionModel *session = window->session();
+        const QString body = QStringLiteral("%1 uploaded, %2 failed. %3")
+                                 .arg(groupedNumber(session->completedFiles().size()),
+                                      groupedNumber(session->erroredFiles().size()), session->resultDetailsText());
+        if (!DesktopNotifier::notify(session->resultTitleText(), body)) {
+            Logger::log(QStringLiteral("No desktop notification service; the run's end is shown in the window only"));
+        }
+    });
     m_mainWindowController->showWindow();
     if (!m_startFolders.isEmpty()) {
         m_mainWindowController->session()->setSearchFolderPath(m_startFolders);

@@ -8,7 +8,10 @@
 
 #include <cstdio>
 
-SessionModel::SessionModel(SessionPrompter *prompter, QObject *parent) : QObject(parent), m_prompter(prompter) {}
+SessionModel::SessionModel(SessionPrompter *prompter, QObject *parent) : QObject(parent), m_prompter(prompter)
+{
+    connectRunRecord();
+}
 
 SessionModel::~SessionModel()
 {

@@ -5,6 +5,7 @@
 #include "session/folderscan.h"
 #include "session/sessionfilelists.h"
 #include "session/sessionprompter.h"
+#include "session/uploadrunrecord.h"
 #include "session/uploadrunstate.h"
 
 #include <QObject>
@@ -31,7 +32,10 @@ enum MainPageType : quint32 {
 // The behaviour is spread over several files by area: sessionmodel.cpp (pages,
 // lists, prompts, service callbacks of the sign-in and run start),
 // sessionmodel_login.cpp (sign-in), sessionmodel_scan.cpp (folders, scan, disc
-// watch) and sessionmodel_upload.cpp (the run, results and retries).
+// watch), sessionmodel_list.cpp (taking files off the list),
+// sessionmodel_upload.cpp (the run, results and retries) and
+// sessionmodel_progress.cpp (overall progress, the connection and the run's
+// record for the Result page).
 class SessionModel : public QObject, public LyraboxServiceDelegate
 {
     Q_OBJECT
@@ -116,6 +120,9 @@ public:
     bool isBeginUploadEnabled() const { return m_beginUploadEnabled; }
     // Takes one file off the list (a click on its row).
     void removeFoundFile(const QString &path);
+    // Takes files off the list and keeps the count above it true
+    // (sessionmodel_list.cpp).
+    void removeFoundFiles(const QStringList &paths);
     // Lets tests wait for background scans.
     FolderScanRunner &folderScanRunner() { return m_folderScanRunner; }
 
@@ -212,6 +219,36 @@ public:
     // Waits for the digest workers and saves the shared digest cache (quit).
     void saveDigestCacheNow();
 
+    // --- Overall progress and the run's record (sessionmodel_progress.cpp) ---
+    using Connection = UploadRunRecord::Connection;
+    // Bytes sent of the total, speed and time left; see RunTransferMeter.
+    const RunTransferMeter &progressMeter() const { return m_record.meter; }
+    bool areFileSizesKnown() const { return m_record.sizesKnown; }
+    // The run's progress in whole percent: by bytes once the sizes are known,
+    // by files before (and for runs whose files have no size, such as a CD).
+    int overallPercent() const;
+    // "12.5 MB of 40.0 MB", then the speed and the time left when known.
+    QString transferText() const;
+    Connection connection() const { return m_record.connection; }
+    // "Connection lost, retrying in 5 s…" and the like; empty while connected.
+    QString connectionText() const;
+    // The rows the last pause interrupted, shown marked while paused.
+    const QList<UploadListItem> &pausedListItems() const { return m_record.pausedRows; }
+    // On the Upload page with files still to send, paused or not.
+    bool isRunInProgress() const;
+    // Cancel that remembers it: the Result page then says so.
+    void cancelRun();
+    bool wasRunCancelled() const { return m_record.cancelled; }
+    qint64 notUploadedCount() const { return m_record.notUploadedCount; }
+    // Time spent uploading in the last run, pauses left out.
+    qint64 runDurationSeconds() const;
+    qint64 bytesUploaded() const { return m_record.completed.bytes; }
+    // The errored files with the reason each failed, in list order.
+    QList<std::pair<QString, QString>> failedFiles() const;
+    // The Result page's headline and its line on time and size.
+    QString resultTitleText() const;
+    QString resultDetailsText() const;
+
     // --- Service callbacks ---------------------------------------------------
     void lyraboxDidLogin(LyraboxService *service, const OptionalError &error) override;
     void lyraboxDidReceiveAuthorizationError(LyraboxService *service) override;
@@ -262,6 +299,9 @@ signals:
     // The service no longer accepts the session: the run is paused and the
     // sign-in page is up. Emitted before the alert.
     void sessionExpired();
+    // Bytes, speed or time left changed (also once a second during a run).
+    void transferProgressChanged();
+    void connectionChanged();
 
 private:
     void setLoggingIn(bool loggingIn);
@@ -303,4 +343,16 @@ private:
     void removeUploadListItem(const QString &filePath);
     void clearUploadListItems();
     UploadRunState m_run;
+
+    // sessionmodel_progress.cpp
+    void connectRunRecord();
+    void runPageEntered(quint32 type);
+    void runListsChanged();
+    void runRowsChanged();
+    void runFileFinished(const QString &filePath, const OptionalError &error);
+    void measureRunFiles();
+    void sumTail(UploadRunRecord::TailSum &sum, const OrderedPathSet &list);
+    void refreshTransferProgress();
+    void setConnection(Connection connection);
+    UploadRunRecord m_record;
 };

@@ -41,6 +41,9 @@ public:
     QString progressLabelText() const;
     double barFraction() const { return m_barFraction; }
     bool isRip() const { return m_isRip; }
+    // A row a pause interrupted: kept on screen, marked, until the run goes on.
+    bool isPaused() const { return m_paused; }
+    void setPaused(bool paused) { m_paused = paused; }
 
 private:
     QString m_path;
@@ -50,4 +53,5 @@ private:
     qint64 m_progress = 0;
     double m_barFraction = 0;
     bool m_isRip = false;
+    bool m_paused = false;
 };

@@ -245,7 +245,8 @@ private slots:
         window.stopWaitingAnimation();
 
         window.ui()->pageStack->setCurrentWidget(window.ui()->filesContainerView);
-        window.tableViewItemClicked(window.filesTableModel()->index(0, 0));
+        window.ui()->filesTableView->selectRow(0);
+        window.removeSelectedFiles();
         QVERIFY(window.removeFilePrompt());
         failures << lowContrastTexts(window.removeFilePrompt(), QStringLiteral("remove prompt"));
         window.removeFilePrompt()->noClicked();

@@ -3,7 +3,11 @@
 #include "session/sessionmodel.h"
 #include "ui_FileListItemViewController.h"
 
+#include <QLabel>
 #include <QPainter>
+
+#include <algorithm>
+#include <limits>
 
 FileListItemView::FileListItemView(QWidget *parent)
     : QWidget(parent), m_ui(std::make_unique<Ui::FileListItemViewController>())
@@ -34,7 +38,7 @@ FoundFilesTableModel::FoundFilesTableModel(SessionModel *session, QObject *paren
 
 int FoundFilesTableModel::rowCount(const QModelIndex &parent) const
 {
-    return parent.isValid() ? 0 : m_rowCount;
+    return parent.isValid() ? 0 : int(std::min<qsizetype>(m_paths.size(), std::numeric_limits<int>::max()));
 }
 
 int FoundFilesTableModel::columnCount(const QModelIndex &parent) const
@@ -47,25 +51,35 @@ QVariant FoundFilesTableModel::data(const QModelIndex &index, int role) const
     if (!index.isValid() || (role != Qt::DisplayRole && role != Qt::ToolTipRole)) {
         return {};
     }
-    const OrderedPathSet &files = m_session->foundFiles();
-    return index.row() < files.size() ? QVariant(files.at(index.row())) : QVariant();
+    return index.row() < m_paths.size() ? QVariant(m_paths.at(index.row())) : QVariant();
+}
+
+bool FoundFilesTableModel::pathLessThan(const QString &a, const QString &b)
+{
+    const int folded = a.compare(b, Qt::CaseInsensitive);
+    return folded != 0 ? folded < 0 : a < b;
 }
 
 void FoundFilesTableModel::reloadData()
 {
     beginResetModel();
-    m_rowCount = int(std::min<qsizetype>(m_session->foundFiles().size(), std::numeric_limits<int>::max()));
+    m_paths = m_session->foundFiles().toList();
+    std::sort(m_paths.begin(), m_paths.end(), &FoundFilesTableModel::pathLessThan);
     endResetModel();
 }
 
-void FoundFilesTableModel::removeRow(qsizetype row)
+void FoundFilesTableModel::removePaths(const QStringList &paths)
 {
-    if (row < 0 || row >= m_rowCount) {
-        return;
+    for (const QString &path : paths) {
+        const auto it = std::lower_bound(m_paths.cbegin(), m_paths.cend(), path, &FoundFilesTableModel::pathLessThan);
+        if (it == m_paths.cend() || *it != path) {
+            continue;
+        }
+        const int row = int(it - m_paths.cbegin());
+        beginRemoveRows(QModelIndex(), row, row);
+        m_paths.removeAt(row);
+        endRemoveRows();
     }
-    beginRemoveRows(QModelIndex(), int(row), int(row));
-    --m_rowCount;
-    endRemoveRows();
 }
 
 FileListItemDelegate::FileListItemDelegate(QObject *parent)
@@ -76,11 +90,18 @@ FileListItemDelegate::~FileListItemDelegate() = default;
 
 void FileListItemDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const
 {
-    m_view->pathLabel()->setText(index.data().toString());
-    // Grey under the pointer: a click takes the file off the list.
-    m_view->setHighlighted(option.state.testFlag(QStyle::State_MouseOver));
     m_view->resize(option.rect.size());
+    // Cut in the middle: the folder's start and the file's name stay readable.
+    QLabel *label = m_view->pathLabel();
+    label->setText(label->fontMetrics().elidedText(index.data().toString(), Qt::ElideMiddle,
+                                                   std::max(0, option.rect.width() - 12)));
+    // Grey under the pointer, as the row the next click selects.
+    m_view->setHighlighted(option.state.testFlag(QStyle::State_MouseOver) &&
+                           !option.state.testFlag(QStyle::State_Selected));
     painter->save();
+    if (option.state.testFlag(QStyle::State_Selected)) {
+        painter->fillRect(option.rect, option.palette.color(QPalette::Active, QPalette::Highlight).darker(150));
+    }
     m_view->render(painter, painter->deviceTransform().map(option.rect.topLeft()), QRegion(), QWidget::DrawChildren);
     painter->restore();
 }

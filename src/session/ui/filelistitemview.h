@@ -33,10 +33,10 @@ private:
     bool m_highlighted = false;
 };
 
-// The rows of the file list: one per entry of the session's foundFiles. The
-// row count is taken when the table is reloaded (setupListContainerView) and
-// changes only by removals, so a scan filling foundFiles meanwhile does not
-// move the table under the user.
+// The rows of the file list: the session's foundFiles sorted by path, taken
+// when the table is reloaded (setupListContainerView) and changed only by
+// removals, so a scan filling foundFiles meanwhile does not move the table
+// under the user.
 class FoundFilesTableModel : public QAbstractTableModel
 {
     Q_OBJECT
@@ -52,14 +52,18 @@ public:
     // The path of the row (Qt::DisplayRole).
     QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
 
-    // Takes the row count afresh.
+    // Takes the files afresh and sorts them.
     void reloadData();
-    // The row of a removed file goes (foundFileRemoved).
-    void removeRow(qsizetype row);
+    // The rows of these paths go.
+    void removePaths(const QStringList &paths);
+    QString pathAt(int row) const { return row >= 0 && row < m_paths.size() ? m_paths.at(row) : QString(); }
+    // Folders first by name, ignoring case, so 01 comes before 02 and
+    // "Beatles" before "beck" sorts as a person expects.
+    static bool pathLessThan(const QString &a, const QString &b);
 
 private:
     SessionModel *m_session;
-    int m_rowCount = 0;
+    QStringList m_paths;
 };
 
 // Draws every row with one reused FileListItemView, which keeps a list of a

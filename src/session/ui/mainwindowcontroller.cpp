@@ -4,6 +4,7 @@
 #include "ui_MainWindowController.h"
 #include "widgets/alert.h"
 
+#include <QAction>
 #include <QCloseEvent>
 #include <QDesktopServices>
 #include <QFileInfo>
@@ -43,6 +44,14 @@ MainWindowController::MainWindowController(QWidget *parent)
     paintTitleWhite(m_ui->rememberMeCheckbox);
 
     connect(m_session, &SessionModel::mainPageTypeChanged, this, &MainWindowController::showPageArea);
+    // The log link is for the mouse: keyboard focus goes to the page's own controls.
+    m_ui->logFileButton->setFocusPolicy(Qt::NoFocus);
+    m_ui->clearLogFileButton->setFocusPolicy(Qt::NoFocus);
+    auto *quit = new QAction(QStringLiteral("Quit"), this);
+    quit->setShortcut(QKeySequence::Quit);
+    quit->setShortcutContext(Qt::ApplicationShortcut);
+    connect(quit, &QAction::triggered, this, &QWidget::close);
+    addAction(quit);
     connect(m_ui->logFileButton, &QPushButton::clicked, this, &MainWindowController::OnLogClicked);
     connect(m_ui->clearLogFileButton, &QPushButton::clicked, this, &MainWindowController::OnClearLogClicked);
     // The disc watch rests while an alert is up, as the session expects.
@@ -130,6 +139,37 @@ void MainWindowController::showPageArea(quint32 type)
                         m_ui->uploadContainerView, m_ui->resultContainerView};
     if (type < std::size(pages)) {
         m_ui->pageStack->setCurrentWidget(pages[type]);
+        focusPage(type);
+    }
+    updateWindowTitle();
+}
+
+void MainWindowController::focusPage(quint32 type)
+{
+    // Where the keyboard goes on each page: the control a user would reach
+    // for first, never whatever happens to follow the hidden page.
+    QWidget *target = nullptr;
+    switch (type) {
+    case MainPageTypeLogin:
+        target = m_ui->emailField->text().isEmpty() ? m_ui->emailField : m_ui->passwdField;
+        break;
+    case MainPageTypeSearch:
+        target = m_ui->searchFolderPathTextField;
+        break;
+    case MainPageTypeList:
+        target = m_ui->filesTableView;
+        break;
+    case MainPageTypeUpload:
+        target = m_ui->uploadButton;
+        break;
+    case MainPageTypeResult:
+        target = m_ui->resultsStartOverButton;
+        break;
+    default:
+        break;
+    }
+    if (target) {
+        target->setFocus(Qt::OtherFocusReason);
     }
 }
 
@@ -139,8 +179,9 @@ int MainWindowController::showAlertWithMessageText(const QString &messageText, c
                                                    const QString &defaultButton, const QString &alternateButton,
                                                    const QString &otherButton)
 {
-    return runAlert(this, {windowTitle(), messageText, informativeText}, {defaultButton, alternateButton, otherButton},
-                    true, &m_visibleAlert);
+    // The window's title carries the run's progress; alerts keep the name.
+    return runAlert(this, {QStringLiteral("Pelicane"), messageText, informativeText},
+                    {defaultButton, alternateButton, otherButton}, true, &m_visibleAlert);
 }
 
 void MainWindowController::setupMaskContainerView()
@@ -258,6 +299,10 @@ void MainWindowController::OnRememberMeChecked(bool checked)
 
 void MainWindowController::closeEvent(QCloseEvent *event)
 {
+    if (!confirmStoppingRun(QStringLiteral("Quit while uploading?"), QStringLiteral("Quit"))) {
+        event->ignore();
+        return;
+    }
     QMainWindow::closeEvent(event);
     if (event->isAccepted()) {
         m_audioCDMonitorTimer.stop();

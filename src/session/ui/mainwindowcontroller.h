@@ -95,8 +95,10 @@ public:
     // The folder chooser: folders only, several at once, new folders allowed.
     void OnBrowseFolder();
     void OnSearchFolder() { m_session->OnSearchFolder(); }
-    // A click on a row of the file list: asks, then takes the file off.
-    void tableViewItemClicked(const QModelIndex &index);
+    // The files selected in the list.
+    QStringList selectedFiles() const;
+    // Asks (unless told not to), then takes the selected files off the list.
+    void removeSelectedFiles();
     FoundFilesTableModel *filesTableModel() const { return m_filesTableModel; }
     FileListItemDelegate *filesTableDelegate() const { return m_filesTableDelegate; }
     // The remove prompt of the last click, while it is open.
@@ -125,6 +127,11 @@ private:
     void createUploadListState();
     void tearDownUploadListState();
     void updateUploadPageLabels();
+    void updateTransferViews();
+    void updateWindowTitle();
+    // Asks before a run with files still to send is stopped; true to go on.
+    bool confirmStoppingRun(const QString &question, const QString &action);
+    void focusPage(quint32 type);
 
     std::unique_ptr<Ui::MainWindowController> m_ui;
     SessionModel *m_session = nullptr;

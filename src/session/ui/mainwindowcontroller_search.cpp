@@ -7,6 +7,7 @@
 #include "session/ui/removefilepromptcontroller.h"
 #include "ui_MainWindowController.h"
 
+#include <QAction>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFileDialog>
@@ -14,6 +15,8 @@
 #include <QListView>
 #include <QMimeData>
 #include <QTreeView>
+
+#include <algorithm>
 
 namespace {
 
@@ -120,7 +123,22 @@ void MainWindowController::connectSearchPages()
     table->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
     table->verticalHeader()->setMinimumSectionSize(FoundFilesTableModel::kRowHeight);
     table->verticalHeader()->setDefaultSectionSize(FoundFilesTableModel::kRowHeight);
-    connect(table, &QTableView::clicked, this, &MainWindowController::tableViewItemClicked);
+    // A click selects (Shift and Ctrl add to it); Delete, the context menu or
+    // the Remove button take the selected files off.
+    auto *remove = new QAction(QStringLiteral("Remove from List"), table);
+    remove->setShortcuts({QKeySequence::Delete, QKeySequence(Qt::Key_Backspace)});
+    remove->setShortcutContext(Qt::WidgetShortcut);
+    remove->setEnabled(false);
+    connect(remove, &QAction::triggered, this, &MainWindowController::removeSelectedFiles);
+    table->addAction(remove);
+    connect(m_ui->removeFilesButton, &QPushButton::clicked, this, &MainWindowController::removeSelectedFiles);
+    connect(table->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this, remove] {
+        const bool any = m_ui->filesTableView->selectionModel()->hasSelection();
+        remove->setEnabled(any);
+        m_ui->removeFilesButton->setEnabled(any);
+    });
+    // Return in the folder field searches, as the Search button promises.
+    connect(m_ui->searchFolderPathTextField, &QLineEdit::returnPressed, this, &MainWindowController::OnSearchFolder);
 
     connect(m_session, &SessionModel::fileCountLabelTextChanged, m_ui->fileCountLabel, &QLabel::setText);
     connect(m_session, &SessionModel::fileSearchInProgressChanged, this, [this](bool inProgress) {
@@ -136,7 +154,6 @@ void MainWindowController::connectSearchPages()
         m_ui->uploadThreadCountField->setText(QStringLiteral("3"));
         m_filesTableModel->reloadData();
     });
-    connect(m_session, &SessionModel::foundFileRemoved, m_filesTableModel, &FoundFilesTableModel::removeRow);
 }
 
 void MainWindowController::OnBrowseFolder()
@@ -161,22 +178,43 @@ void MainWindowController::OnBrowseFolder()
     m_session->chooseSearchFolders(dialog.selectedFiles());
 }
 
-void MainWindowController::tableViewItemClicked(const QModelIndex &index)
+QStringList MainWindowController::selectedFiles() const
 {
-    auto *prompt = new RemoveFilePromptController(this);
-    const int row = index.isValid() ? index.row() : -1;
-    const OrderedPathSet &files = m_session->foundFiles();
-    const QString path = row >= 0 && row < files.size() ? files.at(row) : QString();
-    if (row >= 0 && Settings::boolean(DontAskToRemoveFilesKey)) {
-        delete prompt;
-        m_session->removeFoundFile(path);
+    QStringList paths;
+    for (const QModelIndex &index : m_ui->filesTableView->selectionModel()->selectedRows()) {
+        paths << m_filesTableModel->pathAt(index.row());
+    }
+    paths.removeAll(QString());
+    return paths;
+}
+
+void MainWindowController::removeSelectedFiles()
+{
+    const QStringList paths = selectedFiles();
+    if (paths.isEmpty()) {
         return;
     }
+    auto remove = [this, paths] {
+        // The row after the removed ones keeps the selection, so Delete can go on.
+        const QModelIndexList rows = m_ui->filesTableView->selectionModel()->selectedRows();
+        int next = rows.isEmpty() ? 0 : rows.last().row() - int(paths.size()) + 1;
+        m_session->removeFoundFiles(paths);
+        m_filesTableModel->removePaths(paths);
+        next = std::clamp(next, 0, m_filesTableModel->rowCount() - 1);
+        if (next >= 0) {
+            m_ui->filesTableView->selectRow(next);
+        }
+    };
+    if (Settings::boolean(DontAskToRemoveFilesKey)) {
+        remove();
+        return;
+    }
+    auto *prompt = new RemoveFilePromptController(this);
     prompt->setAttribute(Qt::WA_DeleteOnClose);
-    prompt->setPath(path);
-    connect(prompt, &QDialog::finished, this, [this, path](int result) {
+    prompt->setPaths(paths);
+    connect(prompt, &QDialog::finished, this, [remove](int result) {
         if (result == 1) {
-            m_session->removeFoundFile(path);
+            remove();
         }
     });
     m_removeFilePrompt = prompt;

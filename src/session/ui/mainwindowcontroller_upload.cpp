@@ -2,9 +2,15 @@
 // rows over the session's run.
 #include "session/ui/mainwindowcontroller.h"
 
+#include "core/formatting.h"
+
 #include "session/ui/uploadlistpresenter.h"
 #include "ui_MainWindowController.h"
+#include "widgets/alert.h"
 #include "widgets/tabcolumnlabel.h"
+
+#include <QClipboard>
+#include <QGuiApplication>
 
 void MainWindowController::connectUploadPages()
 {
@@ -30,6 +36,15 @@ void MainWindowController::connectUploadPages()
     connect(m_ui->reuploadCheckbox, &QCheckBox::clicked, this, &MainWindowController::OnReuploadChecked);
 
     connect(m_session, &SessionModel::uploadStateChanged, this, &MainWindowController::updateUploadPageLabels);
+    connect(m_session, &SessionModel::transferProgressChanged, this, &MainWindowController::updateTransferViews);
+    connect(m_session, &SessionModel::connectionChanged, this, [this] {
+        const QString text = m_session->connectionText();
+        m_ui->connectionLabel->setText(text);
+        m_ui->connectionLabel->setHidden(text.isEmpty());
+    });
+    m_ui->connectionLabel->hide();
+    connect(m_ui->copyFailedFilesButton, &QPushButton::clicked, this,
+            [this] { QGuiApplication::clipboard()->setText(m_ui->failedFilesView->toPlainText()); });
     connect(m_session, &SessionModel::audioCDArtworkVisibleChanged, m_ui->audioCDArtworkImageView,
             &QWidget::setVisible);
 }
@@ -64,6 +79,59 @@ void MainWindowController::updateUploadPageLabels()
     m_ui->skippedLabel->setText(m_session->skippedLabelText());
     m_ui->errorsLabel->setText(m_session->errorsLabelText());
     m_ui->resultsRetryErrorsButton->setVisible(m_session->isResultsRetryErrorsButtonVisible());
+
+    m_ui->resultTitleLabel->setText(m_session->resultTitleText());
+    m_ui->resultDetailsLabel->setText(m_session->resultDetailsText());
+    QStringList failed;
+    for (const auto &[path, reason] : m_session->failedFiles()) {
+        failed << (reason.isEmpty() ? path : QStringLiteral("%1 — %2").arg(path, reason));
+    }
+    const bool anyFailed = !failed.isEmpty();
+    if (m_ui->failedFilesView->toPlainText() != failed.join(QLatin1Char('\n'))) {
+        m_ui->failedFilesView->setPlainText(failed.join(QLatin1Char('\n')));
+    }
+    m_ui->failedFilesLabel->setVisible(anyFailed);
+    m_ui->copyFailedFilesButton->setVisible(anyFailed);
+    m_ui->failedFilesView->setVisible(anyFailed);
+    m_ui->resultSpacer->changeSize(0, 0, QSizePolicy::Minimum, anyFailed ? QSizePolicy::Fixed : QSizePolicy::Expanding);
+    m_ui->resultLayout->invalidate();
+    updateTransferViews();
+}
+
+void MainWindowController::updateTransferViews()
+{
+    const int percent = m_session->overallPercent();
+    m_ui->overallProgressBar->setValue(percent);
+    m_ui->transferLabel->setText(m_session->transferText());
+    updateWindowTitle();
+}
+
+void MainWindowController::updateWindowTitle()
+{
+    QString title = QStringLiteral("Pelicane");
+    if (m_session->mainPageType() == MainPageTypeUpload) {
+        const int percent = m_session->overallPercent();
+        title = m_session->isUploading() ? QStringLiteral("%1% — Pelicane").arg(percent)
+                                         : QStringLiteral("Paused at %1% — Pelicane").arg(percent);
+    }
+    if (windowTitle() != title) {
+        setWindowTitle(title);
+    }
+}
+
+bool MainWindowController::confirmStoppingRun(const QString &question, const QString &action)
+{
+    if (!m_session->isRunInProgress()) {
+        return true;
+    }
+    const qint64 left = m_session->fileLists().remaining() + m_session->retryFiles().size();
+    const QString detail =
+        QStringLiteral("%1 %2 not been uploaded yet.")
+            .arg(groupedNumber(left), left == 1 ? QStringLiteral("file has") : QStringLiteral("files have"));
+    // Return and Escape both keep the run going: only a deliberate click stops it.
+    const int answer = runAlert(this, {QStringLiteral("Pelicane"), question, detail, true},
+                                {action, QStringLiteral("Keep Uploading")}, true, &m_visibleAlert);
+    return answer == kAlertFirstButtonReturn;
 }
 
 void MainWindowController::OnUploadFiles()
@@ -79,12 +147,16 @@ void MainWindowController::OnPauseUpload()
 
 void MainWindowController::OnCancelUpload()
 {
-    m_session->OnCancelUpload();
+    if (confirmStoppingRun(QStringLiteral("Cancel the upload?"), QStringLiteral("Cancel Upload"))) {
+        m_session->cancelRun();
+    }
 }
 
 void MainWindowController::OnStartOver()
 {
-    m_session->OnStartOver();
+    if (confirmStoppingRun(QStringLiteral("Stop the upload and start over?"), QStringLiteral("Start Over"))) {
+        m_session->OnStartOver();
+    }
 }
 
 void MainWindowController::OnRetryErrors()

@@ -17,6 +17,16 @@ RemoveFilePromptController::RemoveFilePromptController(QWidget *parent)
 
 RemoveFilePromptController::~RemoveFilePromptController() = default;
 
+void RemoveFilePromptController::setPaths(const QStringList &paths)
+{
+    if (paths.size() == 1) {
+        setPath(paths.first());
+        return;
+    }
+    m_ui->messageLabel->setText(QStringLiteral("Remove %1 files from the list?").arg(paths.size()));
+    m_ui->messageLabel->setToolTip(paths.mid(0, 20).join(QLatin1Char('\n')));
+}
+
 void RemoveFilePromptController::setPath(const QString &path)
 {
     m_ui->messageLabel->setText(QStringLiteral("Remove “%1” from the list?").arg(QFileInfo(path).fileName()));

@@ -24,6 +24,8 @@ public:
 
     // Names the file in the question.
     void setPath(const QString &path);
+    // Names the file, or counts the files, in the question.
+    void setPaths(const QStringList &paths);
 
     QCheckBox *rememberCheckbox() const;
     QPushButton *yesButton() const;

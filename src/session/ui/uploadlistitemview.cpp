@@ -11,8 +11,9 @@ namespace {
 const QColor kBackgroundColor(0x25, 0x25, 0x25);
 const QColor kProgressBackgroundColor(0x46, 0x46, 0x46);
 const QColor kProgressBarColor(0x2f, 0x9b, 0xe0);
+const QColor kPausedBarColor(0x8a, 0x8a, 0x8a);
 constexpr int kBarHeight = 5;
-constexpr int kPercentWidth = 52;
+constexpr int kPercentWidth = 60;
 constexpr int kInset = 8;
 
 } // namespace
@@ -36,7 +37,8 @@ void UploadListItemView::setItem(const UploadListItem &item)
 {
     m_item = item;
     m_ui->pathLabel->setToolTip(item.pathLabelText());
-    m_ui->progressLabel->setText(item.progressLabelText());
+    m_ui->progressLabel->setText(item.isPaused() ? QStringLiteral("Paused") : item.progressLabelText());
+    m_ui->progressBarView->setBackgroundColor(item.isPaused() ? kPausedBarColor : kProgressBarColor);
     layoutSubviews();
 }
 

@@ -51,7 +51,9 @@ void UploadListPresenter::syncRows()
     if (!m_area) {
         return;
     }
-    const QList<UploadListItem> &rows = m_session->uploadListItems();
+    // While paused the interrupted rows stay, marked.
+    const QList<UploadListItem> &rows =
+        m_session->uploadListItems().isEmpty() ? m_session->pausedListItems() : m_session->uploadListItems();
     // Rows come and go at both ends and in the middle; views are cheap, so
     // the list is matched by position and each view shows its row afresh.
     while (m_rowViews.size() > rows.size()) {
