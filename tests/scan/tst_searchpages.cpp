@@ -2,6 +2,7 @@
 
 #include "platform/settings.h"
 #include "service/lyraboxservice.h"
+#include "session/ui/filelistitemview.h"
 #include "session/ui/mainwindowcontroller.h"
 #include "session/ui/removefilepromptcontroller.h"
 #include "support/devserverprocess.h"
@@ -14,6 +15,8 @@
 #include <QPushButton>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <algorithm>
 
 using namespace ScanTree;
 
@@ -80,7 +83,7 @@ private slots:
 
     void cleanup() { Settings::remove(DontAskToRemoveFilesKey); }
 
-    void dropFillsTheListWhereClicksRemoveFiles()
+    void dropFillsTheListWhereSelectedFilesAreRemoved()
     {
         MainWindowController window;
         window.loadWindow();
@@ -106,42 +109,65 @@ private slots:
         QCOMPARE(ui->uploadThreadCountField->text(), QStringLiteral("3"));
         QTableView *table = ui->filesTableView;
         QCOMPARE(table->model()->rowCount(), 30);
-        QCOMPARE(table->model()->index(0, 0).data().toString(), window.session()->foundFiles().at(0));
+        // Sorted by path, whatever order the disk gave.
+        QStringList sorted = window.session()->foundFiles().toList();
+        std::sort(sorted.begin(), sorted.end(), &FoundFilesTableModel::pathLessThan);
+        QStringList shown;
+        for (int row = 0; row < 30; ++row) {
+            shown << table->model()->index(row, 0).data().toString();
+        }
+        QCOMPARE(shown, sorted);
 
-        // Clicking a row asks before removing it.
-        const QString label = ui->fileCountLabel->text();
-        const auto clickRow = [table](int row) {
-            QTest::mouseClick(table->viewport(), Qt::LeftButton, Qt::NoModifier,
+        const auto clickRow = [table](int row, Qt::KeyboardModifiers modifiers = Qt::NoModifier) {
+            QTest::mouseClick(table->viewport(), Qt::LeftButton, modifiers,
                               table->visualRect(table->model()->index(row, 0)).center());
         };
 
-        // "No" keeps the file.
-        const QString second = window.session()->foundFiles().at(1);
+        // A click selects and asks nothing; Shift extends, Ctrl adds.
         clickRow(1);
+        QVERIFY(!window.removeFilePrompt());
+        QVERIFY(ui->removeFilesButton->isEnabled());
+        clickRow(3, Qt::ShiftModifier);
+        clickRow(6, Qt::ControlModifier);
+        QCOMPARE(window.selectedFiles(), (QStringList{shown[1], shown[2], shown[3], shown[6]}));
+
+        // Delete asks first; "No" keeps the files.
+        window.activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(&window));
+        table->setFocus();
+        QTest::keyClick(table, Qt::Key_Delete);
         QTRY_VERIFY(window.removeFilePrompt() && window.removeFilePrompt()->isVisible());
         window.removeFilePrompt()->noButton()->click();
         QTRY_VERIFY(!window.removeFilePrompt());
-        QCOMPARE(window.session()->foundFiles().at(1), second);
         QCOMPARE(table->model()->rowCount(), 30);
 
-        // "Yes" takes it off; with "Don't ask again" later clicks do at once.
-        clickRow(1);
+        // "Yes" takes them off the list and the count follows.
+        QTest::keyClick(table, Qt::Key_Delete);
         QTRY_VERIFY(window.removeFilePrompt() && window.removeFilePrompt()->isVisible());
         window.removeFilePrompt()->rememberCheckbox()->setChecked(true);
         window.removeFilePrompt()->yesButton()->click();
         QTRY_VERIFY(!window.removeFilePrompt());
-        QVERIFY(!window.session()->foundFiles().contains(second));
-        QCOMPARE(table->model()->rowCount(), 29);
+        for (int i : {1, 2, 3, 6}) {
+            QVERIFY(!window.session()->foundFiles().contains(shown[i]));
+        }
+        QCOMPARE(table->model()->rowCount(), 26);
+        QCOMPARE(ui->fileCountLabel->text(),
+                 QStringLiteral("26 files were found. Click a filename to remove it from the list."));
         QVERIFY(Settings::boolean(DontAskToRemoveFilesKey));
 
-        const QString first = window.session()->foundFiles().at(0);
+        // Told not to ask, the button removes at once.
         clickRow(0);
+        ui->removeFilesButton->click();
         QVERIFY(!window.removeFilePrompt());
-        QVERIFY(!window.session()->foundFiles().contains(first));
-        QCOMPARE(table->model()->rowCount(), 28);
-        QCOMPARE(table->model()->index(0, 0).data().toString(), window.session()->foundFiles().at(0));
-        // The count stays as the scan left it.
-        QCOMPARE(window.ui()->fileCountLabel->text(), label);
+        QVERIFY(!window.session()->foundFiles().contains(shown[0]));
+        QCOMPARE(table->model()->rowCount(), 25);
+        QCOMPARE(ui->fileCountLabel->text(),
+                 QStringLiteral("25 files were found. Click a filename to remove it from the list."));
+        QCOMPARE(table->model()->index(0, 0).data().toString(), shown[4]);
+
+        // The page fits a small laptop's screen.
+        QVERIFY2(window.minimumSizeHint().width() <= 640,
+                 qPrintable(QString::number(window.minimumSizeHint().width())));
     }
 };
 

@@ -53,6 +53,43 @@ private slots:
         QCOMPARE(lists.remove(QStringLiteral("/a"), FileList::Ready), 1);
         QVERIFY(lists.invariantViolation().isEmpty());
     }
+
+    // The run's meter: speed over the last five seconds only, time left from
+    // it, bytes that fall back (a file starting over) not counted as sent.
+    void transferMeterAveragesOverRecentSeconds()
+    {
+        RunTransferMeter meter;
+        meter.restart(0.0);
+        meter.update(0, 10'000'000, 0.0);
+        QCOMPARE(meter.speed(), -1.0);
+        QCOMPARE(meter.secondsLeft(), qint64(-1));
+        QCOMPARE(meter.percent(), 0);
+
+        // 1 MB/s for ten seconds, then 3 MB/s for five: the speed is the last five seconds'.
+        for (int second = 1; second <= 10; ++second) {
+            meter.update(second * 1'000'000LL / 2, 10'000'000, second); // fills half of it
+        }
+        QCOMPARE(qint64(meter.speed()), qint64(500'000));
+        meter.update(4'000'000, 10'000'000, 11.0); // fell back: a file starts over
+        QCOMPARE(meter.doneBytes(), qint64(4'000'000));
+        for (int second = 12; second <= 16; ++second) {
+            meter.update(4'000'000 + (second - 11) * 1'000'000LL, 10'000'000, second);
+        }
+        QCOMPARE(qint64(meter.speed()), qint64(1'000'000));
+        QCOMPARE(meter.percent(), 90);
+        QCOMPARE(meter.secondsLeft(), qint64(1));
+
+        // A pause forgets the history: no speed until a second has passed again.
+        meter.restart(100.0);
+        meter.update(9'000'000, 10'000'000, 100.5);
+        QCOMPARE(meter.speed(), -1.0);
+
+        QCOMPARE(RunTransferMeter::formatBytes(999), QStringLiteral("999 bytes"));
+        QCOMPARE(RunTransferMeter::formatBytes(1'250'000), QStringLiteral("1.25 MB"));
+        QCOMPARE(RunTransferMeter::formatBytes(125'000'000), QStringLiteral("125 MB"));
+        QCOMPARE(RunTransferMeter::formatDuration(185), QStringLiteral("3 min 05 s"));
+        QCOMPARE(RunTransferMeter::formatDuration(7620), QStringLiteral("2 h 07 min"));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestSessionModel)

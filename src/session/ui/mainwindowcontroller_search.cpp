@@ -12,11 +12,13 @@
 #include <QDropEvent>
 #include <QFileDialog>
 #include <QHeaderView>
+#include <QKeyEvent>
 #include <QListView>
 #include <QMimeData>
 #include <QTreeView>
 
 #include <algorithm>
+#include <functional>
 
 namespace {
 
@@ -76,6 +78,29 @@ private:
     DragDropView *m_dropArea;
 };
 
+// Delete and Backspace on the file list take the selection off.
+class DeleteKeyFilter : public QObject
+{
+public:
+    DeleteKeyFilter(std::function<void()> remove, QObject *parent) : QObject(parent), m_remove(std::move(remove)) {}
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        if (event->type() == QEvent::KeyPress) {
+            const int key = static_cast<QKeyEvent *>(event)->key();
+            if (key == Qt::Key_Delete || key == Qt::Key_Backspace) {
+                m_remove();
+                return true;
+            }
+        }
+        return QObject::eventFilter(watched, event);
+    }
+
+private:
+    std::function<void()> m_remove;
+};
+
 } // namespace
 
 void MainWindowController::connectSearchPages()
@@ -131,6 +156,8 @@ void MainWindowController::connectSearchPages()
     remove->setEnabled(false);
     connect(remove, &QAction::triggered, this, &MainWindowController::removeSelectedFiles);
     table->addAction(remove);
+    // Keys that reach the table without passing the shortcut map do the same.
+    table->installEventFilter(new DeleteKeyFilter([this] { removeSelectedFiles(); }, table));
     connect(m_ui->removeFilesButton, &QPushButton::clicked, this, &MainWindowController::removeSelectedFiles);
     connect(table->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this, remove] {
         const bool any = m_ui->filesTableView->selectionModel()->hasSelection();
