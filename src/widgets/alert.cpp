@@ -4,6 +4,8 @@
 #include <QMessageBox>
 #include <QPushButton>
 
+#include <algorithm>
+
 QPalette darkPalette(QPalette palette)
 {
     palette.setColor(QPalette::Window, QColor(0x26, 0x26, 0x26));
@@ -43,8 +45,7 @@ int runAlert(QWidget *parent, const AlertText &text, QStringList buttons, bool d
     // The message is bold through the label's own font, not a style sheet:
     // the box measures its labels with their fonts before a style sheet would
     // apply, and a bolder text than measured is cut off at the right.
-    alert.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_label, QLabel#qt_msgbox_informativelabel"
-                                       " { min-width: 300px; }"));
+    alert.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_informativelabel { min-width: 300px; }"));
     alert.setWindowModality(Qt::ApplicationModal);
     alert.setWindowTitle(text.windowTitle);
     alert.setIcon(QMessageBox::NoIcon);
@@ -58,6 +59,10 @@ int runAlert(QWidget *parent, const AlertText &text, QStringList buttons, bool d
         QFont bold = label->font();
         bold.setBold(true);
         label->setFont(bold);
+        // As wide as the message up to a readable measure, wrapping beyond it.
+        label->setWordWrap(true);
+        const int width = QFontMetrics(bold).horizontalAdvance(text.messageText) + 4;
+        label->setMinimumWidth(std::clamp(width, 300, 480));
     }
     buttons.removeAll(QString());
     if (buttons.isEmpty()) {

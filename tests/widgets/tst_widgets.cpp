@@ -3,11 +3,12 @@
 #include "widgets/tabcolumnlabel.h"
 
 #include <QApplication>
+#include <QLabel>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QPushButton>
-#include <QTimer>
 #include <QTest>
+#include <QTimer>
 
 class TestWidgets : public QObject
 {
@@ -42,14 +43,60 @@ private slots:
         QCOMPARE(answerAlert({"Yes", "No"}, close), 1001);
         QCOMPARE(answerAlert({"OK"}, escape), 1000);
         QCOMPARE(answerAlert(retrySkipCancel, [](QMessageBox *box) { QTest::keyClick(box, Qt::Key_Return); }), 1000);
-        QCOMPARE(answerAlert(retrySkipCancel, [](QMessageBox *box) {
-                     for (QAbstractButton *button : box->buttons()) {
-                         if (button->text() == QLatin1String("Skip")) {
-                             button->click();
-                         }
-                     }
-                 }), 1001);
+        QCOMPARE(answerAlert(retrySkipCancel,
+                             [](QMessageBox *box) {
+                                 for (QAbstractButton *button : box->buttons()) {
+                                     if (button->text() == QLatin1String("Skip")) {
+                                         button->click();
+                                     }
+                                 }
+                             }),
+                 1001);
         QCOMPARE(answerAlert({QString(), QString()}, close), 1000); // no titles: a plain "OK"
+    }
+
+    // The bold message is measured bold, so the alert is wide (or tall)
+    // enough for all of it; a question that throws work away may make the
+    // cautious button the one Return presses.
+    void alertFitsItsTextAndMayDefaultToTheCautiousButton()
+    {
+        const QString message = QStringLiteral("Simultaneous upload count should be between 1 and 6.");
+        bool fits = false;
+        QString measured;
+        QPointer<QMessageBox> visible;
+        QTimer poll;
+        QObject::connect(&poll, &QTimer::timeout, [&] {
+            if (!visible || !visible->isVisible()) {
+                return;
+            }
+            poll.stop();
+            auto *label = visible->findChild<QLabel *>(QStringLiteral("qt_msgbox_label"));
+            const QRect room = label->contentsRect();
+            const QRect needed =
+                QFontMetrics(label->font()).boundingRect(room, Qt::TextWordWrap | label->alignment(), label->text());
+            fits = label->font().bold() && needed.width() <= room.width() && needed.height() <= room.height();
+            measured = QStringLiteral("%1x%2 in %3x%4")
+                           .arg(needed.width())
+                           .arg(needed.height())
+                           .arg(room.width())
+                           .arg(room.height());
+            QTest::keyClick(visible, Qt::Key_Return);
+        });
+        poll.start(10);
+        QCOMPARE(runAlert(nullptr, {QStringLiteral("Pelicane"), message, QString()}, {"OK"}, true, &visible), 1000);
+        QVERIFY2(fits, qPrintable(measured));
+
+        poll.disconnect();
+        QObject::connect(&poll, &QTimer::timeout, [&] {
+            if (visible && visible->isVisible()) {
+                poll.stop();
+                QTest::keyClick(visible, Qt::Key_Return);
+            }
+        });
+        poll.start(10);
+        AlertText question{QStringLiteral("Pelicane"), QStringLiteral("Abort Download"),
+                           QStringLiteral("Are you sure you want to abort the download?"), true};
+        QCOMPARE(runAlert(nullptr, question, {"Yes", "No"}, true, &visible), 1001);
     }
 
     void dragDropViewHandsOverLocalPaths()
