@@ -3,6 +3,7 @@
 #include "widgets/appearance.h"
 
 #include <QFileInfo>
+#include <QIcon>
 
 int main(int argc, char *argv[])
 {
@@ -13,6 +14,9 @@ int main(int argc, char *argv[])
     // the main window is closed, not when the last window happens to go.
     application.setQuitOnLastWindowClosed(false);
     applyApplicationAppearance(&application);
+    application.setWindowIcon(QIcon(QStringLiteral(":/icons/com.lyrabox.pelicane.png")));
+    // Lets the desktop match the windows to the installed entry and its icon.
+    QGuiApplication::setDesktopFileName(QStringLiteral("com.lyrabox.pelicane"));
 
     AppDelegate::installLogAlertHandler();
     AppDelegate delegate;
