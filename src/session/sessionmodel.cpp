@@ -15,6 +15,10 @@ SessionModel::SessionModel(SessionPrompter *prompter, QObject *parent) : QObject
 
 SessionModel::~SessionModel()
 {
+    // The run record follows the session's own signals; the members that
+    // may still signal while they go must not reach it half destroyed.
+    m_record.tick.stop();
+    disconnect(this, nullptr, this, nullptr);
     saveDigestCacheNow();
 }
 

@@ -28,6 +28,14 @@ void SessionModel::connectRunRecord()
     connect(this, &SessionModel::uploadListViewChanged, this, &SessionModel::runRowsChanged);
     connect(this, &SessionModel::uploadListItemChanged, this, &SessionModel::runRowsChanged);
     connect(this, &SessionModel::uploadFinished, this, &SessionModel::runFileFinished);
+    connect(this, &SessionModel::uploadRetrying, this, [this](const QString &, int attempt, const Error &) {
+        m_record.connectionLostAt = m_record.clock.elapsed();
+        m_record.retryAttempt = attempt;
+        setConnection(Connection::Lost);
+        emit connectionChanged(); // restarts the countdown when already lost
+    });
+    connect(this, &SessionModel::offlineChanged, this,
+            [this](bool offline) { setConnection(offline ? Connection::Offline : Connection::Connected); });
 }
 
 void SessionModel::runPageEntered(quint32 type)
@@ -180,14 +188,8 @@ void SessionModel::runFileFinished(const QString &filePath, const OptionalError 
     if (error->isCancelled()) {
         return;
     }
+    // Lost connections and offline are told by their own signals.
     m_record.failureReasons.insert(filePath, error->localizedDescription());
-    if (error->code() == -1009) {
-        setConnection(Connection::Offline);
-    } else if (error->code() <= 0 && m_isUploading) {
-        m_record.connectionLostAt = m_record.clock.elapsed();
-        setConnection(Connection::Lost);
-        emit connectionChanged(); // restarts the countdown when already lost
-    }
 }
 
 void SessionModel::setConnection(Connection connection)
@@ -208,8 +210,12 @@ QString SessionModel::connectionText() const
     case Connection::Lost: {
         const qint64 waited = m_record.clock.elapsed() - m_record.connectionLostAt;
         const qint64 seconds = (kRetryWaitMilliseconds - waited + 999) / 1000;
-        return seconds > 0 ? QStringLiteral("Connection lost, retrying in %1 s…").arg(seconds)
-                           : QStringLiteral("Connection lost, retrying…");
+        QString text = seconds > 0 ? QStringLiteral("Connection lost, retrying in %1 s…").arg(seconds)
+                                   : QStringLiteral("Connection lost, retrying…");
+        if (m_record.retryAttempt > 1) {
+            text += QStringLiteral(" (attempt %1 of %2)").arg(m_record.retryAttempt + 1).arg(kMaxAttemptsPerFile);
+        }
+        return text;
     }
     }
     return QString();
@@ -254,9 +260,9 @@ QString SessionModel::transferText() const
     if (!m_record.sizesKnown) {
         return QStringLiteral("Measuring files…");
     }
-    QString text = QStringLiteral("%1 of %2")
-                       .arg(RunTransferMeter::formatBytes(meter.doneBytes()),
-                            RunTransferMeter::formatBytes(meter.totalBytes()));
+    QString text =
+        QStringLiteral("%1 of %2")
+            .arg(RunTransferMeter::formatBytes(meter.doneBytes()), RunTransferMeter::formatBytes(meter.totalBytes()));
     if (!m_isUploading) {
         return text + QStringLiteral(" — paused");
     }

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "session/uploadlistitem.h"
 #include "session/runtransfermeter.h"
+#include "session/uploadlistitem.h"
 
 #include <QElapsedTimer>
 #include <QHash>
@@ -52,8 +52,10 @@ struct UploadRunRecord
     // The last failure of each file, by path.
     QHash<QString, QString> failureReasons;
 
-    // A transport failure was reported and the file waits for its retry.
+    // Lost: a transport failure was reported and the file waits for its
+    // retry. Offline: the run paused because the machine is offline.
     enum class Connection { Connected, Lost, Offline };
     Connection connection = Connection::Connected;
     qint64 connectionLostAt = 0; // clock milliseconds
+    int retryAttempt = 0;        // attempts of the file that failed last
 };
