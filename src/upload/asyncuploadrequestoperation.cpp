@@ -1,9 +1,10 @@
 #include "upload/asyncuploadrequestoperation.h"
 
-#include "core/logger.h"
+#include "audio/flacencoder.h"
 #include "cd/plcvolumetype.h"
-#include "platform/dispatch.h"
 #include "core/formatting.h"
+#include "core/logger.h"
+#include "platform/dispatch.h"
 #include "protocol/httpstatuscodemap.h"
 #include "protocol/transporterror.h"
 #include "upload/uploadbodydevice.h"
@@ -106,6 +107,8 @@ void AsyncUploadRequestOperation::reportSuccess()
 void AsyncUploadRequestOperation::finishOperation()
 {
     m_stopReadingCD = true;
+    // The temporary FLAC file goes with its encoder, whatever the outcome.
+    m_encoder.reset();
     setExecuting(false);
     setFinished(true);
 }

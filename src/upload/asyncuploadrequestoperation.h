@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/operationqueue.h"
 #include "core/error.h"
+#include "platform/operationqueue.h"
 #include "upload/asyncuploadrequestconfiguration.h"
 
 #include <QByteArray>
@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 
+class FLACEncoder;
 class QEventLoop;
 class QNetworkReply;
 class QNetworkRequest;
@@ -73,6 +74,14 @@ public:
     bool didWriteFooter() const { return m_didWriteFooter.load(); }
     bool didExecuteCallbackBlock() const { return m_didExecuteCallbackBlock.load(); }
 
+    // The 44-byte header of a WAV file holding sampleValueCount 16-bit values
+    // of 44.1 kHz stereo PCM, in a buffer with room for the samples after it.
+    static QByteArray WAVHeaderForSampleCount(quint32 sampleValueCount);
+
+    // Sectors of the CD track read so far and in all (1 before the rip).
+    qint32 framesRead() const { return m_framesRead.load(); }
+    qint32 frameCount() const { return m_frameCount.load(); }
+
     // Writes "<file name>: <message>" to the log.
     void logMessage(const QString &message) const;
     static QString mimeTypeForPath(const QString &path);
@@ -107,6 +116,12 @@ private:
     std::atomic<bool> m_didExecuteCallbackBlock{false};
     std::atomic<bool> m_stopReadingCD{false};
     std::atomic<bool> m_didFinishReadingCD{false};
+    std::atomic<qint32> m_framesRead{0};
+    std::atomic<qint32> m_frameCount{1};
+    QMutex m_cdDataLock;
+    // The CD track's FLAC file lives as long as its encoder: kept until the
+    // transfer is over, dropped (with the file) when the operation finishes.
+    std::unique_ptr<FLACEncoder> m_encoder;
     std::atomic<double> m_operationStartTime{0};
     std::atomic<double> m_lastKnownProgress{0};
     std::atomic<qint64> m_fileSize{0};
