@@ -8,3 +8,4 @@ int runUploadCommand(const QStringList &args);
 int runDownloadLibraryCommand(const QStringList &args);
 int runDiscInfoCommand(const QStringList &args);
 int runRipCommand(const QStringList &args);
+int runUploadCDCommand(const QStringList &args);

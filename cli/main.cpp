@@ -18,6 +18,13 @@ void printUsage(QTextStream &out)
            "      --reupload                    upload files the library already holds\n"
            "      --threads N                   simultaneous uploads, 1 to 6 (default 3)\n"
            "      --dry-run                     list what would be uploaded, upload nothing\n"
+           "  upload-cd [OPTIONS] DEVICE-OR-IMAGE\n"
+           "                                   rip an audio CD (a drive or a .cue/.toc image) to\n"
+           "                                   tagged FLAC and upload it track by track\n"
+           "      --album T, --artist A, --disc N   the album data (default: the disc's metadata)\n"
+           "      --release MBID                use this MusicBrainz release\n"
+           "      --playlist NAME, --tag NAME   as for upload\n"
+           "      --yes                         do not ask for missing album data\n"
            "  download-library FOLDER          download the whole library into FOLDER\n"
            "  disc-info DEVICE-OR-IMAGE        look up an audio CD (a drive or a .cue/.toc image)\n"
            "      --json                        print one JSON object\n"
@@ -63,6 +70,9 @@ int main(int argc, char *argv[])
     }
     if (command == QLatin1String("upload")) {
         return runUploadCommand(args);
+    }
+    if (command == QLatin1String("upload-cd")) {
+        return runUploadCDCommand(args);
     }
     if (command == QLatin1String("download-library")) {
         return runDownloadLibraryCommand(args);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cd/discmetadata.h"
 #include "core/error.h"
 #include "service/lyraboxservicedelegate.h"
 #include "session/folderscan.h"
@@ -12,6 +13,8 @@
 #include <QRect>
 #include <QStringList>
 
+class AudioCDPrompter;
+struct AlbumPromptResult;
 class LyraboxService;
 
 // The pages of the main window. Other values may be stored but show nothing.
@@ -127,7 +130,25 @@ public:
     FolderScanRunner &folderScanRunner() { return m_folderScanRunner; }
 
     // --- CD flow (sessionmodel_cd.cpp) ---------------------------------------
+    // Asks for the disc and the album data; without one the first disc is
+    // taken and the album data stands as found.
+    AudioCDPrompter *audioCDPrompter() const { return m_cd.prompter; }
+    void setAudioCDPrompter(AudioCDPrompter *prompter) { m_cd.prompter = prompter; }
+    // The CD button: the one disc, or the chooser for several.
     void OnBeginUploadCD();
+    // Starts the CD sequence with disk (a disc volume), for the release
+    // given or the first the disc matches. False when one is starting already.
+    bool beginUploadCD(const QString &disk, const QString &releaseId = QString());
+    // Ejects the first disc found; an image leaves the list.
+    void OnEjectCD();
+    // From the CD button until the run is under way, cancelled or failed.
+    bool isBeginningUpload() const { return m_cd.isBeginningUpload; }
+    bool isDiskChooserOpen() const { return m_cd.chooserOpen; }
+    // The last compilation of the disc, and the artwork the Upload page shows.
+    const DiscMetadata &audioCDMetadata() const { return m_cd.metadata; }
+    QByteArray audioCDArtwork() const { return m_cd.artwork; }
+    // The longest wait for one answer of the metadata services.
+    void setAudioCDLookupTimeout(int milliseconds) { m_cd.lookupTimeoutMs = milliseconds; }
 
     // --- The seven file lists ------------------------------------------------
     // Read-only views; every change goes through fileLists()' named moves,
@@ -267,6 +288,9 @@ signals:
     void loggingInChanged(bool loggingIn);
     void searchFolderPathTextChanged(const QString &text);
     void foundDisksChanged(const QStringList &disks);
+    // The disc's metadata was compiled (again, after another release was picked).
+    void audioCDMetadataCompiled(const DiscMetadata &metadata);
+    void audioCDArtworkChanged(const QByteArray &artwork);
     // Search page set up: the CD controls are hidden, the download button is
     // "Start Download" and the drop handler is installed.
     void searchContainerViewSetUp();
@@ -334,6 +358,25 @@ private:
     quint64 m_scanEpoch = 0;
     // Declared after the cancel flag it reads, so it stops its scans first.
     FolderScanRunner m_folderScanRunner;
+
+    // sessionmodel_cd.cpp
+    void compileAudioCD(bool refill);
+    void audioCDStageReached(int stage);
+    void audioCDCompiled(const DiscMetadata &metadata, const QStringList &tracks, bool refill, quint64 ticket);
+    void albumPromptEnded(int result, const AlbumPromptResult &album);
+    void audioCDsCountChanged();
+    struct AudioCDFlow
+    {
+        AudioCDPrompter *prompter = nullptr;
+        bool isBeginningUpload = false;
+        bool chooserOpen = false;
+        QString volume;
+        QString releaseId;
+        int lookupTimeoutMs = 30000;
+        quint64 compileTicket = 0;
+        DiscMetadata metadata;
+        QByteArray artwork;
+    } m_cd;
 
     // sessionmodel_upload.cpp
     void setMd5CheckProgressItemOnScreen(bool onScreen);

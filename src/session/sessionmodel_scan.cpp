@@ -1,11 +1,11 @@
 // Folder choice, scan, file list and disc watch of the session.
 #include "session/sessionmodel.h"
 
-#include "core/logger.h"
 #include "cd/plcvolumetype.h"
-#include "platform/discimages.h"
 #include "core/formatting.h"
+#include "core/logger.h"
 #include "core/paths.h"
+#include "platform/discimages.h"
 #include "platform/settings.h"
 #include "service/lyraboxservice.h"
 
@@ -229,6 +229,7 @@ void SessionModel::discoverAudioCDs()
     if (disks.size() != m_foundDisks.size()) {
         Logger::log(QStringLiteral("discoverAudioCDs: %1 CDs found").arg(disks.size()));
         m_foundDisks = disks;
+        audioCDsCountChanged();
         emit foundDisksChanged(m_foundDisks);
     }
 }
