@@ -27,9 +27,9 @@ inline QHash<QString, QJsonObject> storedFilesByName(const DevServerProcess &ser
 inline QByteArray decodedFlacAudio(const QString &path)
 {
     QProcess flac;
-    flac.start(QStringLiteral("flac"), {QStringLiteral("-s"), QStringLiteral("-d"), QStringLiteral("-c"),
-                                        QStringLiteral("--force-raw-format"), QStringLiteral("--endian=little"),
-                                        QStringLiteral("--sign=signed"), path});
+    flac.start(QStringLiteral("flac"),
+               {QStringLiteral("-s"), QStringLiteral("-d"), QStringLiteral("-c"), QStringLiteral("--force-raw-format"),
+                QStringLiteral("--endian=little"), QStringLiteral("--sign=signed"), path});
     if (!flac.waitForFinished(30000) || flac.exitStatus() != QProcess::NormalExit || flac.exitCode() != 0) {
         return {};
     }
@@ -58,6 +58,7 @@ inline QHash<QString, QString> flacTags(const QString &path)
 inline bool flacHasPicture(const QString &path)
 {
     QProcess metaflac;
-    metaflac.start(QStringLiteral("metaflac"), {QStringLiteral("--list"), QStringLiteral("--block-type=PICTURE"), path});
+    metaflac.start(QStringLiteral("metaflac"),
+                   {QStringLiteral("--list"), QStringLiteral("--block-type=PICTURE"), path});
     return metaflac.waitForFinished(30000) && metaflac.readAllStandardOutput().contains("type: 3");
 }

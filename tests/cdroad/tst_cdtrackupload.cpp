@@ -128,8 +128,8 @@ private slots:
     // bit-identical, its tags, rip progress before upload progress.
     void trackGoesUpAsTaggedFlac()
     {
-        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("whole"),
-                                                  DiscImage::audioOptions({200, 300, 250}));
+        const DiscImage image =
+            DiscImage::create(m_dir.path(), QStringLiteral("whole"), DiscImage::audioOptions({200, 300, 250}));
         QVERIFY(image.isValid());
         QVERIFY(DiscImages::insert(image.cuePath()));
         PLCID3Tag tags;
@@ -177,8 +177,8 @@ private slots:
     // disc lacks and a rip stopped by cancel: one failure each, nothing sent.
     void tracksThatFail()
     {
-        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("failing"),
-                                                  DiscImage::audioOptions({1, 300, 9000}));
+        const DiscImage image =
+            DiscImage::create(m_dir.path(), QStringLiteral("failing"), DiscImage::audioOptions({1, 300, 9000}));
         QVERIFY(image.isValid());
         QVERIFY(DiscImages::insert(image.cuePath()));
         const int requestsBefore = uploadRequests();
@@ -192,7 +192,8 @@ private slots:
         settle(operation, shortTrack);
         QCOMPARE(shortTrack.failures.size(), 1);
         QCOMPARE(shortTrack.failures[0].code(), 200);
-        QCOMPARE(shortTrack.failures[0].localizedDescription(), QStringLiteral("The track is too short to be encoded."));
+        QCOMPARE(shortTrack.failures[0].localizedDescription(),
+                 QStringLiteral("The track is too short to be encoded."));
 
         // A sector in the middle of track 2 cannot be read.
         ripSimulateUnreadableSectors({image.trackFirstSector(1) + 150});

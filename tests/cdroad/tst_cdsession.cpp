@@ -1,0 +1,383 @@
+// The session's CD flow against the local service with generated disc
+// images: the chooser and the guard against double starts, the album prompt
+// with the release picker, whole runs whose tracks arrive as tagged FLAC, and
+// the "CD Rip Error" answers on a damaged disc.
+#include "cdroadsupport.h"
+
+#include "audio/cdripper.h"
+#include "cd/plcaudiocdprocessor.h"
+#include "cd/plcvolumetype.h"
+#include "platform/discimages.h"
+#include "service/lyraboxservice.h"
+#include "session/audiocdprompter.h"
+#include "session/sessionmodel.h"
+#include "support/discimage.h"
+#include "support/discservicesdata.h"
+#include "support/sessiontesting.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <discid/discid.h>
+
+namespace {
+
+// Answers the CD prompts from the test and records what they were asked.
+class TestCDPrompter : public AudioCDPrompter
+{
+public:
+    QList<QStringList> choosers;     // the list each chooser opened with
+    QList<QStringList> chooserLists; // lists given to the open chooser
+    int chooserCloses = 0;
+    std::function<void(int, const QString &)> chooserDone;
+
+    QList<AlbumPromptInput> prompts;
+    QList<AlbumPromptInput> refills;
+    std::function<void(const QString &)> releaseChosen;
+    std::function<void(int, const AlbumPromptResult &)> albumDone;
+
+    void chooseDisk(const QStringList &disks, std::function<void(int, const QString &)> done) override
+    {
+        choosers << disks;
+        chooserDone = std::move(done);
+    }
+    void setChooserDisks(const QStringList &disks) override { chooserLists << disks; }
+    void closeChooser() override
+    {
+        ++chooserCloses;
+        if (auto done = std::exchange(chooserDone, {})) {
+            done(0, QString());
+        }
+    }
+    void promptAlbum(const AlbumPromptInput &input, std::function<void(const QString &)> chosen,
+                     std::function<void(int, const AlbumPromptResult &)> done) override
+    {
+        prompts << input;
+        releaseChosen = std::move(chosen);
+        albumDone = std::move(done);
+    }
+    void refillAlbumPrompt(const AlbumPromptInput &input) override { refills << input; }
+};
+
+QString discIdOf(const DiscImage &image)
+{
+    int offsets[100] = {};
+    offsets[0] = image.totalSectors() + 150;
+    for (int i = 0; i < image.trackCount(); ++i) {
+        offsets[image.firstTrackNumber() + i] = image.trackFirstSector(i) + 150;
+    }
+    DiscId *disc = discid_new();
+    const bool ok = discid_put(disc, image.firstTrackNumber(), image.lastTrackNumber(), offsets);
+    const QString id = ok ? QString::fromLatin1(discid_get_id(disc)) : QString();
+    discid_free(disc);
+    return id;
+}
+
+} // namespace
+
+class TestCDSession : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    DevServerProcess m_server;
+    std::unique_ptr<DiscServicesData> m_data;
+    DiscImage m_disc; // known to the stand-ins, two releases
+    int m_images = 0;
+
+    DiscImage makeImage(const QList<int> &sectors)
+    {
+        DiscImage::Options options = DiscImage::audioOptions(sectors);
+        options.seed = quint32(++m_images);
+        return DiscImage::create(m_dir.path(), QStringLiteral("disc%1").arg(m_images), options);
+    }
+
+    // A signed-in session on the Search page, with the CD prompter.
+    void signIn(SessionModel &model)
+    {
+        model.attachToService();
+        model.setEmail(QString::fromLatin1(DevServerProcess::kDemoEmail));
+        model.setPassword(QString::fromLatin1(DevServerProcess::kDemoPassword));
+        model.OnLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(model.mainPageType(), quint32(MainPageTypeSearch), 30000);
+    }
+
+    // The one disc inserted, the CD button pressed, the album prompt up.
+    void startWithDisc(SessionModel &model, TestCDPrompter &cd, const DiscImage &image)
+    {
+        QVERIFY(DiscImages::insert(image.cuePath()));
+        model.discoverAudioCDs();
+        QCOMPARE(model.foundDisks().size(), 1);
+        model.OnBeginUploadCD();
+        QTRY_COMPARE_WITH_TIMEOUT(cd.prompts.size(), 1, 30000);
+    }
+
+    AlbumPromptResult givenAlbum() const
+    {
+        AlbumPromptResult album;
+        album.albumTitle = QStringLiteral("Given Album");
+        album.albumArtist = QStringLiteral("Given Artist");
+        album.discNumber = 2;
+        album.playlistName = QStringLiteral("CD Playlist");
+        album.tagName = QStringLiteral("CD Tag");
+        return album;
+    }
+
+    QHash<QString, QJsonObject> storedSince(const QHash<QString, QJsonObject> &before) const
+    {
+        QHash<QString, QJsonObject> added;
+        const QHash<QString, QJsonObject> now = storedFilesByName(m_server);
+        for (auto it = now.cbegin(); it != now.cend(); ++it) {
+            if (before.value(it.key()) != it.value()) {
+                added.insert(it.key(), it.value());
+            }
+        }
+        return added;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+        DiscServicesData::pointAt(m_server);
+        m_data = std::make_unique<DiscServicesData>(m_server.dataDirectory());
+
+        m_disc = makeImage({300, 320, 340});
+        QVERIFY(m_disc.isValid());
+        const QString discId = discIdOf(m_disc);
+        using Credit = DiscServicesData::Credit;
+        using Track = DiscServicesData::Track;
+        DiscServicesData::Release first{
+            QStringLiteral("rel-first"),
+            QStringLiteral("Found Album"),
+            {Credit{QStringLiteral("Found Band"), QString()}},
+            QStringLiteral("1999"),
+            QStringLiteral("GB"),
+            QStringLiteral("Label"),
+            QString(),
+            {DiscServicesData::Medium{
+                {discId},
+                {Track{QStringLiteral("One"), {Credit{QStringLiteral("Found Band"), {}}}, {}, true},
+                 Track{QStringLiteral("Two"), {Credit{QStringLiteral("Found Band"), {}}}, {}, true},
+                 Track{QStringLiteral("Three"), {Credit{QStringLiteral("Found Band"), {}}}, {}, true}}}}};
+        DiscServicesData::Release second = first;
+        second.id = QStringLiteral("rel-second");
+        second.title = QStringLiteral("Reissue Album");
+        second.date = QStringLiteral("2010");
+        m_data->addDisc(discId, {first, second});
+        m_data->addRelease(first);
+        m_data->addRelease(second);
+        m_data->addCoverArt(first.id, QStringLiteral("png"), DiscServicesData::imageBytes("PNG"));
+    }
+
+    void cleanup()
+    {
+        ripSimulateUnreadableSectors({});
+        LyraboxService::sharedService().stopUploads();
+        QTest::qWait(20);
+        DiscImages::clear();
+        PLCAudioCDProcessor::closeDevice();
+    }
+
+    void discNumberParse()
+    {
+        QCOMPARE(AudioCDPrompter::discNumberFromText(QStringLiteral("2")), 2);
+        QCOMPARE(AudioCDPrompter::discNumberFromText(QStringLiteral("-2")), -2);
+        QCOMPARE(AudioCDPrompter::discNumberFromText(QStringLiteral("+3")), 3);
+        QCOMPARE(AudioCDPrompter::discNumberFromText(QStringLiteral("0")), 0);
+        for (const QString &text : {QStringLiteral("2a"), QStringLiteral(" 2"), QStringLiteral("2 "), QString(),
+                                    QStringLiteral("-"), QStringLiteral("99999999999999999999")}) {
+            QCOMPARE(AudioCDPrompter::discNumberFromText(text), 1);
+        }
+    }
+
+    // Two discs bring up the chooser; a second press only refreshes its list;
+    // taking the last disc out closes it. One disc needs no chooser, and two
+    // quick presses start one sequence.
+    void chooserAndDoubleStarts()
+    {
+        ScriptedPrompter prompter;
+        TestCDPrompter cd;
+        SessionModel model(&prompter);
+        model.setAudioCDPrompter(&cd);
+        model.setMainPageType(MainPageTypeSearch);
+        const DiscImage a = makeImage({100, 100});
+        const DiscImage b = makeImage({120});
+        QVERIFY(DiscImages::insert(a.cuePath()));
+        QVERIFY(DiscImages::insert(b.cuePath()));
+        QSignalSpy disksChanged(&model, &SessionModel::foundDisksChanged);
+        model.discoverAudioCDs();
+        QCOMPARE(model.foundDisks().size(), 2);
+        QCOMPARE(disksChanged.size(), 1);
+        model.discoverAudioCDs(); // the same count: no news
+        QCOMPARE(disksChanged.size(), 1);
+
+        model.OnBeginUploadCD();
+        QCOMPARE(cd.choosers, QList<QStringList>{model.foundDisks()});
+        QVERIFY(model.isBeginningUpload());
+        model.OnBeginUploadCD();
+        QCOMPARE(cd.choosers.size(), 1);
+        QCOMPARE(cd.chooserLists, QList<QStringList>{model.foundDisks()});
+
+        DiscImages::eject(a.cuePath());
+        model.discoverAudioCDs();
+        QCOMPARE(cd.chooserCloses, 0); // one disc is left
+        DiscImages::eject(b.cuePath());
+        model.discoverAudioCDs();
+        QVERIFY(model.foundDisks().isEmpty());
+        QCOMPARE(cd.chooserCloses, 1);
+        QVERIFY(!model.isDiskChooserOpen());
+        QVERIFY(!model.isBeginningUpload());
+
+        // One disc: straight to the sequence, once.
+        QVERIFY(DiscImages::insert(a.cuePath()));
+        model.discoverAudioCDs();
+        prompter.overlay.clear();
+        model.OnBeginUploadCD();
+        model.OnBeginUploadCD();
+        QCOMPARE(cd.choosers.size(), 1);
+        QCOMPARE(prompter.overlay.count(QStringLiteral("start:Loading CD...")), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(cd.prompts.size(), 1, 30000);
+        QTest::qWait(100);
+        QCOMPARE(cd.prompts.size(), 1);
+        QVERIFY(prompter.overlay.contains(QStringLiteral("start:Reading CD...")));
+        QVERIFY(prompter.overlay.contains(QStringLiteral("start:Getting CD info...")));
+        QCOMPARE(prompter.overlay.last(), QStringLiteral("stop"));
+        // Not signed in, the service has named no supported extension: the
+        // track list is empty, and the album prompt still comes, with defaults.
+        QVERIFY(model.readyFiles().isEmpty());
+        QVERIFY(prompter.alerts.isEmpty());
+        QVERIFY(!cd.prompts[0].albumTitle.has_value());
+        cd.albumDone(0, AlbumPromptResult());
+        QVERIFY(!model.isBeginningUpload());
+        QVERIFY(model.readyFiles().isEmpty());
+        QCOMPARE(model.mainPageType(), quint32(MainPageTypeSearch));
+    }
+
+    // A path that is no disc at all fails the compilation hard.
+    void unreadableDiscSaysCouldNotRip()
+    {
+        ScriptedPrompter prompter;
+        TestCDPrompter cd;
+        SessionModel model(&prompter);
+        model.setAudioCDPrompter(&cd);
+        model.setMainPageType(MainPageTypeSearch);
+        QVERIFY(model.beginUploadCD(m_dir.filePath(QStringLiteral("no-such-disc.cue"))));
+        QTRY_COMPARE_WITH_TIMEOUT(prompter.alerts.size(), 1, 30000);
+        QCOMPARE(prompter.alerts[0].message, QStringLiteral("Could not rip from CD"));
+        QVERIFY(!model.isBeginningUpload());
+        QVERIFY(cd.prompts.isEmpty());
+    }
+
+    // The whole road: the release picker, the album data given, one track
+    // at a time, a damaged track retried, every track at the service as a
+    // FLAC of the disc's audio with the tags.
+    void wholeDiscWithRetry()
+    {
+        ScriptedPrompter prompter;
+        TestCDPrompter cd;
+        SessionModel model(&prompter);
+        model.setAudioCDPrompter(&cd);
+        signIn(model);
+        startWithDisc(model, cd, m_disc);
+        const AlbumPromptInput &input = cd.prompts[0];
+        QCOMPARE(input.albumTitle, std::optional<QString>(QStringLiteral("Found Album")));
+        QCOMPARE(input.releases.size(), 2);
+        QCOMPARE(input.releaseId, QStringLiteral("rel-first"));
+        QVERIFY(input.artwork.has_value());
+
+        cd.releaseChosen(QStringLiteral("rel-second"));
+        QTRY_COMPARE_WITH_TIMEOUT(cd.refills.size(), 1, 30000);
+        QCOMPARE(cd.refills[0].albumTitle, std::optional<QString>(QStringLiteral("Reissue Album")));
+        QCOMPARE(cd.refills[0].releaseId, QStringLiteral("rel-second"));
+        QCOMPARE(model.audioCDID3Tags().value(model.readyFiles().toList().value(1)).title(),
+                 std::optional<QString>(QStringLiteral("Two")));
+
+        // The second track cannot be read at first; Retry finds it mended.
+        ripSimulateUnreadableSectors({m_disc.trackFirstSector(1) + 100});
+        prompter.answers = {kAlertFirstButtonReturn};
+        prompter.whileAlertShows = [] { ripSimulateUnreadableSectors({}); };
+        qsizetype mostInFlight = 0;
+        connect(&model, &SessionModel::uploadStateChanged, this,
+                [&] { mostInFlight = std::max(mostInFlight, model.uploadingFiles().size()); });
+        const auto before = storedFilesByName(m_server);
+        AlbumPromptResult album = givenAlbum();
+        album.artwork = *input.artwork;
+        cd.albumDone(1, album);
+        QCOMPARE(model.mainPageType(), quint32(MainPageTypeUpload));
+        QVERIFY(!model.isBeginningUpload());
+        QVERIFY(model.isAudioCDArtworkVisible());
+        QCOMPARE(model.audioCDArtwork(), *input.artwork);
+        QTRY_COMPARE_WITH_TIMEOUT(model.mainPageType(), quint32(MainPageTypeResult), 60000);
+        QCOMPARE(mostInFlight, 1);
+        QCOMPARE(prompter.titles().count(QStringLiteral("CD Rip Error")), 1);
+        QCOMPARE(model.completedFiles().size(), 3);
+        QVERIFY(model.erroredFiles().isEmpty());
+
+        const auto added = storedSince(before);
+        const QStringList titles{QStringLiteral("One"), QStringLiteral("Two"), QStringLiteral("Three")};
+        QCOMPARE(added.size(), 3);
+        for (int i = 0; i < 3; ++i) {
+            const QJsonObject stored = added.value(titles[i] + QStringLiteral(".flac"));
+            QVERIFY2(!stored.isEmpty(), qPrintable(titles[i]));
+            QCOMPARE(stored.value("playlist_name").toString(), QStringLiteral("CD Playlist"));
+            QCOMPARE(stored.value("tag_name").toString(), QStringLiteral("CD Tag"));
+            const QString path = stored.value("stored_path").toString();
+            QCOMPARE(decodedFlacAudio(path), m_disc.trackAudio(i));
+            const QHash<QString, QString> tags = flacTags(path);
+            QCOMPARE(tags.value("title"), titles[i]);
+            QCOMPARE(tags.value("album"), QStringLiteral("Given Album"));
+            QCOMPARE(tags.value("albumartist"), QStringLiteral("Given Artist"));
+            QCOMPARE(tags.value("discnumber"), QStringLiteral("2"));
+            QCOMPARE(tags.value("year"), QStringLiteral("2010"));
+        }
+    }
+
+    // Skip goes on with the next track; Cancel ends the run. Only what the
+    // service holds counts as uploaded.
+    void skipAndCancelOnADamagedDisc()
+    {
+        for (const int answer : {kAlertSecondButtonReturn, kAlertThirdButtonReturn}) {
+            DiscImages::clear();
+            ScriptedPrompter prompter;
+            TestCDPrompter cd;
+            SessionModel model(&prompter);
+            model.setAudioCDPrompter(&cd);
+            signIn(model);
+            const DiscImage image = makeImage({200, 210, 220});
+            startWithDisc(model, cd, image);
+            ripSimulateUnreadableSectors({image.trackFirstSector(0) + 50});
+            // An unknown disc: the alert first, then the prompt.
+            QCOMPARE(prompter.titles(), QStringList{QStringLiteral("Metadata Not Found")});
+            QCOMPARE(prompter.alerts[0].informative,
+                     QStringLiteral("This CD meta information was not found. You can set the album name and artist "
+                                    "here and then the individual track information and cover art at "
+                                    "https://www.lyrabox.com/library once the CD has been uploaded to your library."));
+            QCOMPARE(model.readyFiles().size(), 3);
+            prompter.answers = {answer};
+            const auto before = storedFilesByName(m_server);
+            cd.albumDone(1, givenAlbum());
+            QTRY_COMPARE_WITH_TIMEOUT(model.mainPageType(), quint32(MainPageTypeResult), 60000);
+            QTest::qWait(200);
+            QCOMPARE(prompter.titles().count(QStringLiteral("CD Rip Error")), 1);
+            const auto added = storedSince(before);
+            QCOMPARE(qsizetype(added.size()), model.completedFiles().size());
+            if (answer == kAlertSecondButtonReturn) {
+                QCOMPARE(model.completedFiles().size(), 2);
+                QCOMPARE(model.erroredFiles().size(), 1);
+                for (const QString &name : added.keys()) {
+                    QVERIFY(name.endsWith(QStringLiteral(".flac")));
+                }
+            } else {
+                QCOMPARE(model.completedFiles().size(), 0);
+                QVERIFY(model.uploadingFiles().isEmpty());
+            }
+            ripSimulateUnreadableSectors({});
+            model.detachFromService();
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TestCDSession)
+#include "tst_cdsession.moc"
