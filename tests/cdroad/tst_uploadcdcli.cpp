@@ -1,0 +1,181 @@
+// pelicane-cli upload-cd against the local service: the sample disc that
+// scripts/make-samples.sh writes, a disc known only by its CD-TEXT, and the
+// ways the command refuses or fails to start.
+#include "cdroadsupport.h"
+
+#include "support/discimage.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+struct Run
+{
+    int exitCode = -1;
+    QString standardOutput;
+    QString standardError;
+};
+
+} // namespace
+
+class TestUploadCDCli : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    DevServerProcess m_server;
+    QString m_sample;
+    QProcessEnvironment m_environment;
+
+    Run runCli(const QStringList &arguments) const
+    {
+        QProcess process;
+        process.setProcessEnvironment(m_environment);
+        process.start(QStringLiteral(PELICANE_CLI_PATH), QStringList{QStringLiteral("upload-cd")} + arguments);
+        process.closeWriteChannel();
+        Run run;
+        if (process.waitForFinished(120000) && process.exitStatus() == QProcess::NormalExit) {
+            run.exitCode = process.exitCode();
+        }
+        run.standardOutput = QString::fromUtf8(process.readAllStandardOutput());
+        run.standardError = QString::fromUtf8(process.readAllStandardError());
+        return run;
+    }
+
+    QHash<QString, QJsonObject> storedSince(const QHash<QString, QJsonObject> &before) const
+    {
+        QHash<QString, QJsonObject> added;
+        const QHash<QString, QJsonObject> now = storedFilesByName(m_server);
+        for (auto it = now.cbegin(); it != now.cend(); ++it) {
+            if (before.value(it.key()) != it.value()) {
+                added.insert(it.key(), it.value());
+            }
+        }
+        return added;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+        QProcess samples;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PELICANE_SAMPLE_SECONDS"), QStringLiteral("1"));
+        samples.setProcessEnvironment(environment);
+        samples.start(QStringLiteral(PELICANE_SOURCE_DIR "/scripts/make-samples.sh"),
+                      {m_dir.filePath(QStringLiteral("music")), m_server.dataDirectory()});
+        QVERIFY(samples.waitForFinished(60000));
+        QCOMPARE(samples.exitCode(), 0);
+        m_sample = m_dir.filePath(QStringLiteral("music/Sample CD/sample-cd.cue"));
+        QVERIFY(QFile::exists(m_sample));
+
+        m_environment = QProcessEnvironment::systemEnvironment();
+        m_environment.insert(QStringLiteral("PELICANE_API_URL"), m_server.apiUrl());
+        m_environment.insert(QStringLiteral("PELICANE_UPLOAD_URL"), m_server.uploadUrl());
+        m_environment.insert(QStringLiteral("PELICANE_DOWNLOAD_URL"), m_server.downloadUrl());
+        m_environment.insert(QStringLiteral("PELICANE_MUSICBRAINZ_SERVER"),
+                             QStringLiteral("127.0.0.1:%1").arg(m_server.port()));
+        m_environment.insert(QStringLiteral("PELICANE_COVERART_URL"), m_server.baseUrl());
+        m_environment.insert(QStringLiteral("PELICANE_DISCOGS_URL"), m_server.baseUrl());
+        m_environment.insert(QStringLiteral("PELICANE_EMAIL"), QString::fromLatin1(DevServerProcess::kDemoEmail));
+        m_environment.insert(QStringLiteral("PELICANE_PASSWORD"), QString::fromLatin1(DevServerProcess::kDemoPassword));
+    }
+
+    // Every track of the sample disc arrives as a FLAC file of the image's
+    // audio, with the release's titles and the album data of the options.
+    void sampleDiscWithAlbumOptions()
+    {
+        const auto before = storedFilesByName(m_server);
+        const Run run = runCli({QStringLiteral("--yes"), QStringLiteral("--album"), QStringLiteral("Given Album"),
+                                QStringLiteral("--artist=Given Artist"), QStringLiteral("--disc"), QStringLiteral("2"),
+                                QStringLiteral("--playlist"), QStringLiteral("Harbour"), m_sample});
+        QVERIFY2(run.exitCode == 0, qPrintable(run.standardError));
+        // The metadata found and the candidate releases, then the summary.
+        QVERIFY(run.standardOutput.contains(QStringLiteral("* 5a1e7c1d-0c7b-4c8e-9c61-0d1f2a3b4c5d")));
+        QVERIFY(run.standardOutput.contains(QStringLiteral("8f3d2b6e-7a4c-4f1e-a2b9-3c4d5e6f7a8b")));
+        QVERIFY(run.standardOutput.contains(QStringLiteral("2. Gull Song")));
+        QVERIFY(run.standardOutput.contains(QStringLiteral("Uploaded: \t3 tracks")));
+        QVERIFY(run.standardError.contains(QStringLiteral("Uploaded: Lantern Walk")));
+
+        QFile bin(m_dir.filePath(QStringLiteral("music/Sample CD/sample-cd.bin")));
+        QVERIFY(bin.open(QIODevice::ReadOnly));
+        const QByteArray audio = bin.readAll();
+        const auto added = storedSince(before);
+        QCOMPARE(added.size(), 3);
+        const QStringList titles{QStringLiteral("Morning Tide"), QStringLiteral("Gull Song"),
+                                 QStringLiteral("Lantern Walk")};
+        const qsizetype trackBytes = audio.size() / 3;
+        for (int i = 0; i < 3; ++i) {
+            const QJsonObject stored = added.value(titles[i] + QStringLiteral(".flac"));
+            QVERIFY2(!stored.isEmpty(), qPrintable(titles[i]));
+            QCOMPARE(stored.value("playlist_name").toString(), QStringLiteral("Harbour"));
+            const QString path = stored.value("stored_path").toString();
+            QCOMPARE(decodedFlacAudio(path), audio.mid(i * trackBytes, trackBytes));
+            const QHash<QString, QString> tags = flacTags(path);
+            QCOMPARE(tags.value("title"), titles[i]);
+            QCOMPARE(tags.value("artist"), QStringLiteral("Pelican Brass"));
+            QCOMPARE(tags.value("album"), QStringLiteral("Given Album"));
+            QCOMPARE(tags.value("albumartist"), QStringLiteral("Given Artist"));
+            QCOMPARE(tags.value("discnumber"), QStringLiteral("2"));
+            QCOMPARE(tags.value("year"), QStringLiteral("2019"));
+            QVERIFY(flacHasPicture(path));
+        }
+    }
+
+    // A disc the stand-in does not know: "Metadata Not Found", and with no
+    // terminal the CD-TEXT's album data stands.
+    void discKnownByItsCDText()
+    {
+        DiscImage::Options options = DiscImage::audioOptions({150, 160});
+        options.title = QStringLiteral("TEXT ALBUM");
+        options.performer = QStringLiteral("TEXT BAND");
+        options.tracks[0].title = QStringLiteral("FIRST");
+        options.tracks[1].title = QStringLiteral("SECOND");
+        options.seed = 77;
+        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("cdtext"), options);
+        QVERIFY(image.isValid());
+        const auto before = storedFilesByName(m_server);
+        const Run run = runCli({image.cuePath()});
+        QVERIFY2(run.exitCode == 0, qPrintable(run.standardError));
+        QVERIFY(
+            run.standardError.contains(QStringLiteral("Metadata Not Found: This CD meta information was not found.")));
+        const auto added = storedSince(before);
+        QCOMPARE(added.size(), 2);
+        const QString path = added.value(QStringLiteral("SECOND.flac")).value("stored_path").toString();
+        QCOMPARE(decodedFlacAudio(path), image.trackAudio(1));
+        QCOMPARE(flacTags(path).value("album"), QStringLiteral("TEXT ALBUM"));
+        QCOMPARE(flacTags(path).value("albumartist"), QStringLiteral("TEXT BAND"));
+    }
+
+    // Wrong arguments, something that is no disc, and a disc whose table of
+    // contents cannot be read (its tracks lie past the end of its data).
+    void refusalsAndUnreadableDisc()
+    {
+        QCOMPARE(runCli({}).exitCode, 2);
+        QCOMPARE(runCli({QStringLiteral("--bogus"), m_sample}).exitCode, 2);
+        QCOMPARE(runCli({m_dir.filePath(QStringLiteral("nothing.cue"))}).exitCode, 2);
+        const Run notADisc = runCli({m_dir.path()});
+        QCOMPARE(notADisc.exitCode, 2);
+        QVERIFY(notADisc.standardError.contains(QStringLiteral("neither a drive holding a CD nor")));
+        const Run help = runCli({QStringLiteral("--help")});
+        QCOMPARE(help.exitCode, 0);
+        QVERIFY(help.standardOutput.contains(QStringLiteral("A track that cannot be ripped is reported and skipped")));
+
+        const DiscImage image =
+            DiscImage::create(m_dir.path(), QStringLiteral("cut"), DiscImage::audioOptions({100, 100, 100}));
+        QVERIFY(image.isValid());
+        QVERIFY(QFile::resize(image.binPath(), qint64(150) * 2352));
+        const auto before = storedFilesByName(m_server);
+        const Run cut = runCli({QStringLiteral("--yes"), image.cuePath()});
+        QCOMPARE(cut.exitCode, 3);
+        QVERIFY(cut.standardError.contains(QStringLiteral("Could not rip from CD: ")));
+        QVERIFY(storedSince(before).isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestUploadCDCli)
+#include "tst_uploadcdcli.moc"
