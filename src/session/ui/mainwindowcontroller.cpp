@@ -1,6 +1,7 @@
 #include "session/ui/mainwindowcontroller.h"
 
 #include "core/logger.h"
+#include "session/ui/mainwindowcdprompter.h"
 #include "ui_MainWindowController.h"
 #include "widgets/alert.h"
 
@@ -66,6 +67,7 @@ MainWindowController::MainWindowController(QWidget *parent)
     connectSearchPages();
     connectUploadPages();
     connectLibraryPage();
+    connectCDControls();
 }
 
 MainWindowController::~MainWindowController()
@@ -73,6 +75,7 @@ MainWindowController::~MainWindowController()
     m_audioCDMonitorTimer.stop();
     m_session->detachFromService();
     m_session->setPrompter(nullptr);
+    m_session->setAudioCDPrompter(nullptr);
 }
 
 void MainWindowController::showWindow()

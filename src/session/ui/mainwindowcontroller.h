@@ -11,6 +11,7 @@
 #include <memory>
 
 class DownloadLibraryController;
+class MainWindowCDPrompter;
 class QLineEdit;
 class RemoveFilePromptController;
 class QModelIndex;
@@ -90,6 +91,7 @@ public:
     void OnRetryErrors();
     void OnReuploadChecked(bool checked);
     UploadListPresenter *uploadListPresenter() const { return m_uploadListPresenter; }
+    MainWindowCDPrompter *cdPrompter() const { return m_cdPrompter.get(); }
 
     // --- Folder and list pages (mainwindowcontroller_search.cpp) ------------
     // The folder chooser: folders only, several at once, new folders allowed.
@@ -122,6 +124,8 @@ private:
     void connectSearchPages();
     void connectUploadPages();
     void connectLibraryPage();
+    // mainwindowcontroller_cd.cpp
+    void connectCDControls();
     // Upload rows and the digest-check row, created during the set-up, and
     // put away when the window goes.
     void createUploadListState();
@@ -143,4 +147,5 @@ private:
     FileListItemDelegate *m_filesTableDelegate = nullptr;
     QPointer<RemoveFilePromptController> m_removeFilePrompt;
     UploadListPresenter *m_uploadListPresenter = nullptr;
+    std::unique_ptr<MainWindowCDPrompter> m_cdPrompter;
 };

@@ -1,0 +1,188 @@
+// The CD prompts offscreen: the disc chooser and the album prompt on their
+// own, then the whole road through the main window's buttons against the
+// local service with the sample disc.
+#include "cdroadsupport.h"
+
+#include "platform/discimages.h"
+#include "service/lyraboxservice.h"
+#include "session/audiocdprompter.h"
+#include "session/sessionmodel.h"
+#include "session/ui/audiocdchoosercontroller.h"
+#include "session/ui/audiocdmetadatacontroller.h"
+#include "session/ui/mainwindowcdprompter.h"
+#include "session/ui/mainwindowcontroller.h"
+#include "support/discservicesdata.h"
+#include "ui_MainWindowController.h"
+#include "widgets/aspectfillimageview.h"
+
+#include <QComboBox>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+class TestCDPrompts : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    DevServerProcess m_server;
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+        DiscServicesData::pointAt(m_server);
+    }
+
+    void chooserListsVolumeNamesFirstSelected()
+    {
+        AudioCDChooserController chooser;
+        chooser.setDisks({QStringLiteral("/dev/sr0"), QStringLiteral("/music/images/live.cue")});
+        QCOMPARE(chooser.browser()->count(), 2);
+        QCOMPARE(chooser.browser()->item(0)->text(), QStringLiteral("sr0"));
+        QCOMPARE(chooser.browser()->item(1)->text(), QStringLiteral("live.cue"));
+        QCOMPARE(chooser.browser()->currentRow(), 0);
+        QCOMPARE(chooser.selectedDisk(), QStringLiteral("/dev/sr0"));
+        // A new list reloads at once and keeps the choice while it is there.
+        chooser.browser()->setCurrentRow(1);
+        chooser.setDisks({QStringLiteral("/dev/sr1"), QStringLiteral("/music/images/live.cue")});
+        QCOMPARE(chooser.selectedDisk(), QStringLiteral("/music/images/live.cue"));
+        chooser.setDisks({QStringLiteral("/dev/sr1")});
+        QCOMPARE(chooser.selectedDisk(), QStringLiteral("/dev/sr1"));
+
+        QSignalSpy finished(&chooser, &QDialog::finished);
+        chooser.open();
+        chooser.findChild<QPushButton *>(QStringLiteral("uploadButton"))->click();
+        QCOMPARE(finished.size(), 1);
+        QCOMPARE(finished[0][0].toInt(), 1);
+    }
+
+    void albumPromptFieldsArtworkAndReleases()
+    {
+        AudioCDMetadataController prompt;
+        QCOMPARE(prompt.albumTitle(), QStringLiteral("Unknown Album"));
+        QCOMPARE(prompt.albumArtist(), QStringLiteral("Unknown Artist"));
+        QCOMPARE(prompt.discNumberField()->text(), QStringLiteral("1"));
+        QVERIFY(prompt.albumArtworkImageView()->isShowingDefaultArtwork());
+        QCOMPARE(prompt.albumArtwork().toImage(), AspectFillImageView::defaultArtwork().toImage());
+        QVERIFY(prompt.albumArtworkData().isEmpty());
+
+        for (const auto &[text, number] :
+             QList<QPair<QString, qint64>>{{"2", 2}, {"2a", 1}, {" 2", 1}, {"", 1}, {"-2", -2}}) {
+            prompt.discNumberField()->setText(text);
+            QCOMPARE(prompt.discNumber(), number);
+        }
+
+        AlbumPromptInput input;
+        input.albumTitle = QStringLiteral("Harbour Lights");
+        input.discNumber = 3;
+        input.artwork = DiscServicesData::imageBytes("PNG", 32);
+        input.releases = {ReleaseCandidate{QStringLiteral("a"), QStringLiteral("First")},
+                          ReleaseCandidate{QStringLiteral("b"), QStringLiteral("Second")}};
+        input.releaseId = QStringLiteral("a");
+        prompt.fill(input);
+        QCOMPARE(prompt.albumTitle(), QStringLiteral("Harbour Lights"));
+        QCOMPARE(prompt.albumArtist(), QStringLiteral("Unknown Artist"));
+        QCOMPARE(prompt.discNumber(), 3);
+        QVERIFY(!prompt.albumArtworkImageView()->isShowingDefaultArtwork());
+        QCOMPARE(prompt.albumArtworkData(), *input.artwork);
+        QCOMPARE(prompt.releasePopUp()->count(), 2);
+        QCOMPARE(prompt.releasePopUp()->currentIndex(), 0);
+
+        QSignalSpy chosen(&prompt, &AudioCDMetadataController::releaseChosen);
+        prompt.releasePopUp()->setCurrentIndex(1);
+        QCOMPARE(chosen.size(), 1);
+        QCOMPARE(chosen[0][0].toString(), QStringLiteral("b"));
+        // Filling again (for the release picked) asks for nothing more.
+        input.releaseId = QStringLiteral("b");
+        prompt.fill(input);
+        QCOMPARE(chosen.size(), 1);
+        QCOMPARE(prompt.releasePopUp()->currentIndex(), 1);
+    }
+
+    // The sample disc through the window: the CD buttons appear, the album
+    // prompt opens window-modal over the window, its data goes into every
+    // track, and the tracks arrive as FLAC files with the artwork shown.
+    void sampleDiscThroughTheWindow()
+    {
+        QProcess samples;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PELICANE_SAMPLE_SECONDS"), QStringLiteral("1"));
+        samples.setProcessEnvironment(environment);
+        samples.start(QStringLiteral(PELICANE_SOURCE_DIR "/scripts/make-samples.sh"),
+                      {m_dir.filePath(QStringLiteral("music")), m_server.dataDirectory()});
+        QVERIFY(samples.waitForFinished(60000));
+        QCOMPARE(samples.exitCode(), 0);
+        const QString image = m_dir.filePath(QStringLiteral("music/Sample CD/sample-cd.cue"));
+
+        MainWindowController window;
+        window.resize(900, 640);
+        window.showWindow();
+        window.ui()->emailField->setText(QString::fromLatin1(DevServerProcess::kDemoEmail));
+        window.ui()->passwdField->setText(QString::fromLatin1(DevServerProcess::kDemoPassword));
+        window.ui()->loginButton->click();
+        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), 30000);
+        QVERIFY(window.ui()->searchUploadCDButton->isHidden());
+
+        QVERIFY(DiscImages::insert(image));
+        QTRY_VERIFY_WITH_TIMEOUT(window.ui()->searchUploadCDButton->isVisible(), 5000);
+        QVERIFY(window.ui()->searchEjectCDButton->isVisible());
+        window.ui()->searchUploadCDButton->click();
+        window.ui()->searchUploadCDButton->click();
+        QTRY_VERIFY_WITH_TIMEOUT(window.cdPrompter()->albumPrompt(), 30000);
+        AudioCDMetadataController *prompt = window.cdPrompter()->albumPrompt();
+        QCOMPARE(prompt->parentWidget(), &window);
+        QCOMPARE(prompt->windowModality(), Qt::WindowModal);
+        QCOMPARE(prompt->albumTitle(), QStringLiteral("Harbour Lights"));
+        QCOMPARE(prompt->releasePopUp()->count(), 2);
+        QVERIFY(!prompt->albumArtworkImageView()->isShowingDefaultArtwork());
+        prompt->albumTitleField()->setText(QStringLiteral("Harbour Lights (Window)"));
+        prompt->discNumberField()->setText(QStringLiteral("4"));
+        prompt->tagNameField()->setText(QStringLiteral("From CD"));
+        const auto before = storedFilesByName(m_server);
+        prompt->findChild<QPushButton *>(QStringLiteral("continueButton"))->click();
+
+        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeUpload), 5000);
+        QVERIFY(window.ui()->audioCDArtworkImageView->isVisible());
+        QVERIFY(!window.ui()->audioCDArtworkImageView->pixmap().isNull());
+        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeResult), 60000);
+        QCOMPARE(window.session()->completedFiles().size(), 3);
+
+        QFile bin(m_dir.filePath(QStringLiteral("music/Sample CD/sample-cd.bin")));
+        QVERIFY(bin.open(QIODevice::ReadOnly));
+        const QByteArray audio = bin.readAll();
+        const QHash<QString, QJsonObject> now = storedFilesByName(m_server);
+        const QStringList titles{QStringLiteral("Morning Tide"), QStringLiteral("Gull Song"),
+                                 QStringLiteral("Lantern Walk")};
+        for (int i = 0; i < 3; ++i) {
+            const QJsonObject stored = now.value(titles[i] + QStringLiteral(".flac"));
+            QVERIFY(stored != before.value(titles[i] + QStringLiteral(".flac")));
+            QCOMPARE(stored.value("tag_name").toString(), QStringLiteral("From CD"));
+            const QString path = stored.value("stored_path").toString();
+            QCOMPARE(decodedFlacAudio(path), audio.mid(i * audio.size() / 3, audio.size() / 3));
+            const QHash<QString, QString> tags = flacTags(path);
+            QCOMPARE(tags.value("title"), titles[i]);
+            QCOMPARE(tags.value("album"), QStringLiteral("Harbour Lights (Window)"));
+            QCOMPARE(tags.value("discnumber"), QStringLiteral("4"));
+        }
+
+        // Starting over ejects the disc; the Eject button does too.
+        window.ui()->resultsStartOverButton->click();
+        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), 5000);
+        QVERIFY(DiscImages::list().isEmpty());
+        QVERIFY(window.ui()->searchUploadCDButton->isHidden());
+        QVERIFY(DiscImages::insert(image));
+        QTRY_VERIFY_WITH_TIMEOUT(window.ui()->searchEjectCDButton->isVisible(), 5000);
+        window.ui()->searchEjectCDButton->click();
+        QTRY_VERIFY_WITH_TIMEOUT(window.ui()->searchUploadCDButton->isHidden(), 5000);
+        QVERIFY(DiscImages::list().isEmpty());
+        LyraboxService::sharedService().stopUploads();
+    }
+};
+
+QTEST_MAIN(TestCDPrompts)
+#include "tst_cdprompts.moc"
