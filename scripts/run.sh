@@ -35,11 +35,26 @@ if [[ -x "$top/scripts/make-samples.sh" ]]; then
   "$top/scripts/make-samples.sh" "$samples" "$data"
 fi
 
+# The sample audio CD image, which the stand-ins know.
+disc="$samples/Sample CD/sample-cd.cue"
+
 if [[ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]]; then
   echo "Sign in with the demo account; the folder page offers $samples: Search, then Upload."
-  "$build/src/app/pelicane" "$samples" "$@"
+  if [[ -f "$disc" ]]; then
+    echo "The sample CD shows as a disc there too: Begin Uploading CD rips it to FLAC and uploads it."
+    "$build/src/app/pelicane" "$samples" "$disc" "$@"
+  else
+    "$build/src/app/pelicane" "$samples" "$@"
+  fi
 else
   echo "No display: uploading $samples with pelicane-cli."
-  PELICANE_EMAIL=demo@lyrabox.test PELICANE_PASSWORD=demo \
-    "$build/cli/pelicane-cli" upload "$samples" "$@"
+  export PELICANE_EMAIL=demo@lyrabox.test PELICANE_PASSWORD=demo
+  status=0
+  "$build/cli/pelicane-cli" upload "$samples" "$@" || status=$?
+  if [[ -f "$disc" ]]; then
+    echo
+    echo "Ripping and uploading the sample CD image with pelicane-cli upload-cd."
+    "$build/cli/pelicane-cli" upload-cd --yes "$disc" || status=$?
+  fi
+  exit "$status"
 fi

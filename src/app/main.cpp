@@ -1,5 +1,6 @@
 #include "app/appdelegate.h"
 #include "app/reportexceptionapplication.h"
+#include "platform/discimages.h"
 #include "widgets/appearance.h"
 
 #include <QFileInfo>
@@ -22,6 +23,11 @@ int main(int argc, char *argv[])
     AppDelegate delegate;
     QStringList folders;
     for (const QString &argument : application.arguments().mid(1)) {
+        // A disc image is inserted, so it shows as a disc on the Search page.
+        if (DiscImages::isDiscImageFile(argument)) {
+            DiscImages::insert(argument);
+            continue;
+        }
         if (QFileInfo::exists(argument)) {
             folders.append(QFileInfo(argument).absoluteFilePath());
         }
