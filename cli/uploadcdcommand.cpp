@@ -8,6 +8,7 @@
 #include "cli/signin.h"
 #include "cli/terminal.h"
 
+#include "audio/riplog.h"
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
 #include "core/formatting.h"
@@ -16,8 +17,10 @@
 #include "service/lyraboxservice.h"
 #include "session/audiocdprompter.h"
 #include "session/sessionmodel.h"
+#include "upload/cdtrackrips.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QTextStream>
@@ -337,6 +340,38 @@ QString progressLine(const SessionModel &session)
         .arg(row.progress());
 }
 
+// The rip log of the run: the disc, then each track that was ripped (or
+// failed to be), in disc order. Its path, or empty when nothing was ripped.
+QString writeUploadRipLog(SessionModel &session, const QString &volume, const QDateTime &started)
+{
+    const DiscMetadata &metadata = session.audioCDMetadata();
+    RipLog log;
+    log.started = started;
+    log.source = volume;
+    log.isImage = DiscImages::isDiscImageFile(volume);
+    log.discId = metadata.discId;
+    for (const QString &path : metadata.trackPaths) {
+        if (const std::optional<RipLogTrack> track = CDTrackRips::find(path)) {
+            log.tracks.append(*track);
+        }
+    }
+    if (log.tracks.isEmpty()) {
+        return QString();
+    }
+    if (!metadata.trackPaths.isEmpty()) {
+        const PLCID3Tag first = session.audioCDID3Tags().value(metadata.trackPaths.first());
+        log.album = first.album().value_or(QString());
+        log.artist = first.albumArtist().value_or(first.artist().value_or(QString()));
+    }
+    QString path;
+    if (const OptionalError error = writeRipLog(log, &path)) {
+        QTextStream(stderr) << "pelicane-cli upload-cd: the rip log could not be written: "
+                            << error->localizedDescription() << Qt::endl;
+        return QString();
+    }
+    return path;
+}
+
 } // namespace
 
 int runUploadCDCommand(const QStringList &args)
@@ -435,6 +470,8 @@ int runUploadCDCommand(const QStringList &args)
         }
     });
 
+    const QDateTime started = QDateTime::currentDateTime();
+    CDTrackRips::clear();
     session.setMainPageType(MainPageTypeSearch);
     session.beginUploadCD(*volume, options.release);
     ticker.start();
@@ -444,8 +481,12 @@ int runUploadCDCommand(const QStringList &args)
     status.endLine();
     session.detachFromService();
     LyraboxService::sharedService().shutdown();
+    const QString ripLogPath = writeUploadRipLog(session, *volume, started);
 
     if (!ended) {
+        if (!ripLogPath.isEmpty()) {
+            err << "Rip log: " << ripLogPath << Qt::endl;
+        }
         if (!stopReason.isEmpty()) {
             err << "pelicane-cli: stopped: " << stopReason << Qt::endl;
         }
@@ -467,6 +508,9 @@ int runUploadCDCommand(const QStringList &args)
     out << Qt::flush;
     if (!stopReason.isEmpty()) {
         err << "pelicane-cli: the run stopped: " << stopReason << Qt::endl;
+    }
+    if (!ripLogPath.isEmpty()) {
+        out << "Rip log: " << ripLogPath << Qt::endl;
     }
     err << "Log file: " << Logger::logFileURL().toLocalFile() << Qt::endl;
     if (exitStatus == ExitInterrupted) {

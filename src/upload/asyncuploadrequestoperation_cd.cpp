@@ -5,6 +5,8 @@
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
 #include "platform/dispatch.h"
+#include "upload/cdtrackrips.h"
+#include "upload/uploadstream.h"
 
 #include <QFileInfo>
 #include <QtEndian>
@@ -161,6 +163,7 @@ bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *body
     m_didFinishReadingCD = true;
 
     bool ok = false;
+    QString failure;
     if (result != 0) {
         logMessage(QStringLiteral("CD read errored: %1").arg(ripMessage));
         if (isCancelled()) {
@@ -178,6 +181,7 @@ bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *body
             const QString message = encodeError ? encodeError->localizedDescription().trimmed()
                                                 : QStringLiteral("The track is too short to be encoded.");
             logMessage(QStringLiteral("FLAC encoding errored: %1").arg(message));
+            failure = message;
             reportFailure(Error::errorWithMessage(message, 200));
             Operation::cancel();
         } else {
@@ -187,6 +191,27 @@ bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *body
         }
     }
 
+    if (track && !isCancelled()) {
+        // For the rip log of the upload.
+        RipLogTrack entry;
+        entry.number = int(track->number);
+        entry.firstSector = track->firstSector;
+        entry.lastSector = track->lastSector;
+        entry.statistics = track->statistics;
+        entry.ripped = result == 0;
+        if (entry.ripped) {
+            entry.checksumV1 = track->checksumV1;
+            entry.checksumV2 = track->checksumV2;
+            if (track->audio) {
+                entry.crc32 =
+                    ripCrc32(track->audio, size_t(track->lastSector - track->firstSector + 1) * kRipSectorBytes);
+            }
+            entry.file = ok ? UploadStream::uploadFileName(m_config) : QString();
+        }
+        entry.message = result != 0 ? ripMessage : failure;
+        entry.accurateRip = QStringLiteral("not checked");
+        CDTrackRips::record(m_config.filePath, entry);
+    }
     ripReleaseTrack(track);
     logMessage(QStringLiteral("CD read task ended"));
     return ok;

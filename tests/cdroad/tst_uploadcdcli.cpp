@@ -100,6 +100,14 @@ private slots:
         QVERIFY(run.standardOutput.contains(QStringLiteral("2. Gull Song")));
         QVERIFY(run.standardOutput.contains(QStringLiteral("Uploaded: \t3 tracks")));
         QVERIFY(run.standardError.contains(QStringLiteral("Uploaded: Lantern Walk")));
+        // The rip log names every track with its file.
+        const qsizetype at = run.standardOutput.indexOf(QStringLiteral("Rip log: "));
+        QVERIFY(at >= 0);
+        QFile ripLog(run.standardOutput.mid(at + 9).section(QLatin1Char('\n'), 0, 0));
+        QVERIFY2(ripLog.open(QIODevice::ReadOnly), qPrintable(ripLog.fileName()));
+        const QString logText = QString::fromUtf8(ripLog.readAll());
+        QVERIFY(logText.contains(QStringLiteral("Lantern Walk.flac")));
+        QVERIFY(logText.contains(QStringLiteral("Morning Tide.flac")));
 
         QFile bin(m_dir.filePath(QStringLiteral("music/Sample CD/sample-cd.bin")));
         QVERIFY(bin.open(QIODevice::ReadOnly));
