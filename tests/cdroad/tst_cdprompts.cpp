@@ -9,6 +9,7 @@
 #include "session/sessionmodel.h"
 #include "session/ui/audiocdchoosercontroller.h"
 #include "session/ui/audiocdmetadatacontroller.h"
+#include "session/ui/folderordiscimagedialog.h"
 #include "session/ui/mainwindowcdprompter.h"
 #include "session/ui/mainwindowcontroller.h"
 #include "support/discservicesdata.h"
@@ -102,6 +103,30 @@ private slots:
         prompt.fill(input);
         QCOMPARE(chosen.size(), 1);
         QCOMPARE(prompt.releasePopUp()->currentIndex(), 1);
+    }
+
+    // The folder chooser takes a folder, and a disc image too, but no other file.
+    void folderChooserTakesDiscImages()
+    {
+        const QString root = m_dir.filePath(QStringLiteral("chooser"));
+        QVERIFY(QDir().mkpath(root + QStringLiteral("/Album")));
+        for (const char *name : {"disc.cue", "disc.bin", "notes.txt"}) {
+            QFile file(root + QLatin1Char('/') + QLatin1String(name));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write("FILE \"disc.bin\" BINARY\n");
+        }
+        const auto choose = [&](const QString &name) {
+            FolderOrDiscImageDialog dialog;
+            dialog.setDirectory(root);
+            dialog.selectFile(name);
+            dialog.open();
+            dialog.accept();
+            const bool accepted = dialog.result() == QDialog::Accepted;
+            return accepted ? dialog.selectedFiles() : QStringList();
+        };
+        QCOMPARE(choose(QStringLiteral("Album")), QStringList{root + QStringLiteral("/Album")});
+        QCOMPARE(choose(QStringLiteral("disc.cue")), QStringList{root + QStringLiteral("/disc.cue")});
+        QCOMPARE(choose(QStringLiteral("notes.txt")), QStringList());
     }
 
     // The sample disc through the window: the CD buttons appear, the album

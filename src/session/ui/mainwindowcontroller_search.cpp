@@ -4,6 +4,7 @@
 #include "core/paths.h"
 #include "platform/settings.h"
 #include "session/ui/filelistitemview.h"
+#include "session/ui/folderordiscimagedialog.h"
 #include "session/ui/removefilepromptcontroller.h"
 #include "ui_MainWindowController.h"
 
@@ -186,18 +187,8 @@ void MainWindowController::connectSearchPages()
 void MainWindowController::OnBrowseFolder()
 {
     const QStringList roots = m_session->searchFolderPath();
-    QFileDialog dialog(this);
-    // Qt's own dialog: the platform ones cannot choose several folders.
-    dialog.setOption(QFileDialog::DontUseNativeDialog);
-    dialog.setFileMode(QFileDialog::Directory);
-    dialog.setOption(QFileDialog::ShowDirsOnly);
+    FolderOrDiscImageDialog dialog(this);
     dialog.setDirectory(roots.isEmpty() ? Paths::musicDirectory() : roots.last());
-    for (QAbstractItemView *view : dialog.findChildren<QListView *>(QStringLiteral("listView"))) {
-        view->setSelectionMode(QAbstractItemView::ExtendedSelection);
-    }
-    for (QAbstractItemView *view : dialog.findChildren<QTreeView *>(QStringLiteral("treeView"))) {
-        view->setSelectionMode(QAbstractItemView::ExtendedSelection);
-    }
     if (dialog.exec() != QDialog::Accepted) {
         return;
     }
