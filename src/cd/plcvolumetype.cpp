@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QTemporaryDir>
 #include <QThreadPool>
 
 #include <cdio/cdio.h>
@@ -28,7 +29,14 @@ struct CdioCloser
 std::unique_ptr<CdIo_t, CdioCloser> openDiscVolume(const QString &volume)
 {
     if (DiscImages::isDiscImageFile(volume)) {
-        return std::unique_ptr<CdIo_t, CdioCloser>(cdio_open(QFile::encodeName(volume).constData(), DRIVER_UNKNOWN));
+        // libcdio finds a toc's files from the working folder; a copy naming
+        // them absolutely is opened instead, whatever the working folder.
+        QTemporaryDir copyFolder;
+        QString openable = copyFolder.isValid() ? DiscImages::openablePath(volume, copyFolder.path()) : QString();
+        if (openable.isEmpty()) {
+            openable = volume;
+        }
+        return std::unique_ptr<CdIo_t, CdioCloser>(cdio_open(QFile::encodeName(openable).constData(), DRIVER_UNKNOWN));
     }
     const auto drive = Volumes::opticalDriveAtPath(volume);
     if (!drive || !drive->hasMedia) {
