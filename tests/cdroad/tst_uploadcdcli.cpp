@@ -159,6 +159,34 @@ private slots:
         QCOMPARE(flacTags(path).value("albumartist"), QStringLiteral("TEXT BAND"));
     }
 
+    // A toc image whose third track lies partly past the end of its data, run
+    // from another working folder: that track is reported and skipped, the
+    // others go up.
+    void damagedTrackIsSkipped()
+    {
+        DiscImage::Options options = DiscImage::audioOptions({200, 210, 220});
+        options.bigEndian = true;
+        options.seed = 91;
+        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("damaged"), options);
+        QVERIFY(image.isValid());
+        const QString toc = image.writeToc();
+        QVERIFY(!toc.isEmpty());
+        QVERIFY(QFile::resize(image.binPath(), qint64(image.trackFirstSector(2) + 100) * 2352));
+        const auto before = storedFilesByName(m_server);
+        const Run run = runCli({QStringLiteral("--yes"), toc});
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.standardError.contains(QStringLiteral("Failed: Track 3: ")), qPrintable(run.standardError));
+        QVERIFY(run.standardOutput.contains(QStringLiteral("Uploaded: \t2 tracks")));
+        QVERIFY(run.standardOutput.contains(QStringLiteral("failed: Track 3")));
+        const auto added = storedSince(before);
+        QCOMPARE(added.size(), 2);
+        for (int i = 0; i < 2; ++i) {
+            const QString path =
+                added.value(QStringLiteral("Track %1.flac").arg(i + 1)).value("stored_path").toString();
+            QCOMPARE(decodedFlacAudio(path), image.trackAudio(i));
+        }
+    }
+
     // Wrong arguments, something that is no disc, and a disc whose table of
     // contents cannot be read (its tracks lie past the end of its data).
     void refusalsAndUnreadableDisc()
