@@ -241,7 +241,9 @@ QString ask(const QString &question, const QString &found)
 {
     QTextStream err(stderr);
     err << question << " [" << found << "]: " << Qt::flush;
-    QTextStream in(stdin);
+    // One stream for every question: a stream reads ahead, and a second one
+    // would miss what the first took.
+    static QTextStream in(stdin);
     const QString line = in.readLine();
     return line.trimmed().isEmpty() ? found : line.trimmed();
 }

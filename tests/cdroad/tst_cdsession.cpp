@@ -255,6 +255,25 @@ private slots:
         QCOMPARE(model.mainPageType(), quint32(MainPageTypeSearch));
     }
 
+    // Searching a disc image (typed, chosen or dropped) inserts it and takes
+    // the CD way instead of scanning.
+    void searchingADiscImageTakesTheCDWay()
+    {
+        ScriptedPrompter prompter;
+        TestCDPrompter cd;
+        SessionModel model(&prompter);
+        model.setAudioCDPrompter(&cd);
+        model.setMainPageType(MainPageTypeSearch);
+        const DiscImage image = makeImage({90, 95});
+        model.filesDropped({image.cuePath()});
+        QVERIFY(DiscImages::contains(image.cuePath()));
+        QCOMPARE(model.foundDisks(), QStringList{DiscImages::normalizedPath(image.cuePath())});
+        QCOMPARE(model.mainPageType(), quint32(MainPageTypeSearch));
+        QVERIFY(model.isBeginningUpload());
+        QTRY_COMPARE_WITH_TIMEOUT(cd.prompts.size(), 1, 30000);
+        cd.albumDone(0, AlbumPromptResult());
+    }
+
     // A path that is no disc at all fails the compilation hard.
     void unreadableDiscSaysCouldNotRip()
     {
