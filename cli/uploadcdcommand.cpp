@@ -241,10 +241,9 @@ QString ask(const QString &question, const QString &found)
 {
     QTextStream err(stderr);
     err << question << " [" << found << "]: " << Qt::flush;
-    // One stream for every question: a stream reads ahead, and a second one
-    // would miss what the first took.
-    static QTextStream in(stdin);
-    const QString line = in.readLine();
+    // The C stream keeps what was typed ahead for the next question.
+    char buffer[4096];
+    const QString line = std::fgets(buffer, sizeof buffer, stdin) ? QString::fromLocal8Bit(buffer) : QString();
     return line.trimmed().isEmpty() ? found : line.trimmed();
 }
 

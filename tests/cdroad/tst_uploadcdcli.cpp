@@ -134,6 +134,31 @@ private slots:
         }
     }
 
+    // On a terminal, album data the options leave out is asked for; Enter
+    // keeps what was found. The terminal is a pseudo-terminal of script(1).
+    void asksOnTheTerminal()
+    {
+        const auto before = storedFilesByName(m_server);
+        QProcess process;
+        process.setProcessEnvironment(m_environment);
+        const QString command =
+            QStringLiteral("'%1' upload-cd --tag 'Typed' '%2'").arg(QStringLiteral(PELICANE_CLI_PATH), m_sample);
+        process.start(QStringLiteral("script"), {QStringLiteral("-qec"), command, QStringLiteral("/dev/null")});
+        QVERIFY(process.waitForStarted());
+        process.write("Typed Album\n\n7\n");
+        QVERIFY(process.waitForFinished(120000));
+        const QString output = QString::fromUtf8(process.readAll());
+        QVERIFY2(process.exitCode() == 0, qPrintable(output));
+        QVERIFY(output.contains(QStringLiteral("Album [Harbour Lights]: ")));
+        QVERIFY(output.contains(QStringLiteral("Album artist [Pelican Brass]: ")));
+        const QString path =
+            storedSince(before).value(QStringLiteral("Gull Song.flac")).value("stored_path").toString();
+        const QHash<QString, QString> tags = flacTags(path);
+        QCOMPARE(tags.value("album"), QStringLiteral("Typed Album"));
+        QCOMPARE(tags.value("albumartist"), QStringLiteral("Pelican Brass"));
+        QCOMPARE(tags.value("discnumber"), QStringLiteral("7"));
+    }
+
     // A disc the stand-in does not know: "Metadata Not Found", and with no
     // terminal the CD-TEXT's album data stands.
     void discKnownByItsCDText()
