@@ -153,6 +153,23 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), 30000);
         QVERIFY(window.ui()->searchUploadCDButton->isHidden());
 
+        // Two discs: the chooser, window-modal; taking both out closes it.
+        const QString second = m_dir.filePath(QStringLiteral("second.cue"));
+        QVERIFY(QFile::copy(image, second));
+        QVERIFY(QFile::copy(QFileInfo(image).path() + QStringLiteral("/sample-cd.bin"),
+                            m_dir.filePath(QStringLiteral("second.bin"))));
+        QVERIFY(DiscImages::insert(image));
+        QVERIFY(DiscImages::insert(second));
+        QTRY_VERIFY_WITH_TIMEOUT(window.ui()->searchUploadCDButton->isVisible(), 5000);
+        window.ui()->searchUploadCDButton->click();
+        QVERIFY(window.cdPrompter()->chooser());
+        QCOMPARE(window.cdPrompter()->chooser()->windowModality(), Qt::WindowModal);
+        QCOMPARE(window.cdPrompter()->chooser()->browser()->count(), 2);
+        DiscImages::clear();
+        QTRY_VERIFY_WITH_TIMEOUT(!window.cdPrompter()->chooser(), 5000);
+        QVERIFY(window.ui()->searchUploadCDButton->isHidden());
+        QVERIFY(!window.session()->isBeginningUpload());
+
         QVERIFY(DiscImages::insert(image));
         QTRY_VERIFY_WITH_TIMEOUT(window.ui()->searchUploadCDButton->isVisible(), 5000);
         QVERIFY(window.ui()->searchEjectCDButton->isVisible());
