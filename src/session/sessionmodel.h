@@ -362,7 +362,8 @@ private:
     // sessionmodel_cd.cpp
     void compileAudioCD(bool refill);
     void audioCDStageReached(int stage);
-    void audioCDCompiled(const DiscMetadata &metadata, const QStringList &tracks, bool refill, quint64 ticket);
+    void audioCDCompiled(const DiscMetadata &metadata, const QStringList &tracks, const QHash<QString, qint64> &sizes,
+                         bool refill, quint64 ticket);
     void albumPromptEnded(int result, const AlbumPromptResult &album);
     void audioCDsCountChanged();
     struct AudioCDFlow
@@ -376,6 +377,8 @@ private:
         quint64 compileTicket = 0;
         DiscMetadata metadata;
         QByteArray artwork;
+        // The tracks' raw sizes: they are no files the run could measure.
+        QHash<QString, qint64> trackSizes;
     } m_cd;
 
     // sessionmodel_upload.cpp

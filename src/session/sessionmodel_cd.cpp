@@ -104,10 +104,12 @@ void SessionModel::compileAudioCD(bool refill)
     QThreadPool::globalInstance()->start([self, volume, options, formats, refill, ticket] {
         // The disc's tracks as files; only supported extensions count.
         QStringList tracks;
+        QHash<QString, qint64> sizes;
         if (const auto contents = PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(volume))) {
             for (const PLCVolumeType::TrackFile &track : *contents) {
                 if (formats.contains(QFileInfo(track.path).suffix().toLower())) {
                     tracks.append(track.path);
+                    sizes.insert(track.path, track.size);
                 }
             }
         }
@@ -117,7 +119,10 @@ void SessionModel::compileAudioCD(bool refill)
                     self, [self, stage] { self->audioCDStageReached(stage); }, Qt::QueuedConnection);
             });
         QMetaObject::invokeMethod(
-            self, [self, metadata, tracks, refill, ticket] { self->audioCDCompiled(metadata, tracks, refill, ticket); },
+            self,
+            [self, metadata, tracks, sizes, refill, ticket] {
+                self->audioCDCompiled(metadata, tracks, sizes, refill, ticket);
+            },
             Qt::QueuedConnection);
     });
 }
@@ -139,7 +144,8 @@ void SessionModel::audioCDStageReached(int stage)
     }
 }
 
-void SessionModel::audioCDCompiled(const DiscMetadata &metadata, const QStringList &tracks, bool refill, quint64 ticket)
+void SessionModel::audioCDCompiled(const DiscMetadata &metadata, const QStringList &tracks,
+                                   const QHash<QString, qint64> &sizes, bool refill, quint64 ticket)
 {
     if (ticket != m_cd.compileTicket) {
         return; // a newer compilation for another release is on its way
@@ -147,6 +153,7 @@ void SessionModel::audioCDCompiled(const DiscMetadata &metadata, const QStringLi
     stopWaitingAnimation();
     m_run.audioCDID3Tags = metadata.tags.value_or(ID3TagDictionary());
     m_cd.metadata = metadata;
+    m_cd.trackSizes = sizes;
     if (!refill) {
         m_files.add(FileList::Ready, tracks);
     }

@@ -87,12 +87,12 @@ void SessionModel::measureRunFiles()
     const quint64 ticket = ++m_record.sizesTicket;
     m_record.sizesKnown = false;
     QPointer<SessionModel> self(this);
-    QThreadPool::globalInstance()->start([self, paths, ticket] {
+    QThreadPool::globalInstance()->start([self, paths, ticket, trackSizes = m_cd.trackSizes] {
         QHash<QString, qint64> sizes;
         sizes.reserve(paths.size());
         for (const QString &path : paths) {
             const QFileInfo info(path);
-            sizes.insert(path, info.isFile() ? info.size() : 0);
+            sizes.insert(path, info.isFile() ? info.size() : trackSizes.value(path));
         }
         QMetaObject::invokeMethod(
             self.data(),
