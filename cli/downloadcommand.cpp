@@ -102,7 +102,6 @@ int runDownloadLibraryCommand(const QStringList &args)
     DownloadLibraryModel model(QUrl::fromLocalFile(folder), service.userId(), service.userToken(), &prompter);
     QEventLoop loop;
     int status = 0;
-    int failedExtractions = 0;
     auto finish = [&](int code) {
         status = code;
         loop.exit(code);
@@ -119,24 +118,22 @@ int runDownloadLibraryCommand(const QStringList &args)
         err << "pelicane-cli: the library could not be read: " << error.localizedDescription() << Qt::endl;
         finish(1);
     });
-    QObject::connect(&model, &DownloadLibraryModel::extractionFailed, &loop, [&](const QString &archive) {
-        ++failedExtractions;
+    QObject::connect(&model, &DownloadLibraryModel::extractionFailed, &loop, [&](const QString &, const Error &error) {
         printer.endLine();
-        err << "pelicane-cli: could not extract " << archive << " (kept; see the log)" << Qt::endl;
-        // A failed last extraction never reaches "Done!".
-        if (model.downloadsCompleted() == model.downloadsScheduled() &&
-            model.unzipsCompleted() == model.downloadsScheduled() && !model.isComplete()) {
-            finish(1);
-        }
+        err << "pelicane-cli: " << error.localizedDescription() << Qt::endl;
+    });
+    QObject::connect(&model, &DownloadLibraryModel::incomplete, &loop, [&](const Error &) {
+        printer.endLine();
+        err << "pelicane-cli: the library download is incomplete; run the same command again to fetch what is "
+               "missing"
+            << Qt::endl;
+        finish(1);
     });
     QObject::connect(&model, &DownloadLibraryModel::completed, &loop, [&] {
         printer.endLine();
         out << "Library of " << QLocale::c().toString(model.totalTrackCount()) << " tracks in "
             << model.destinationPath() << Qt::endl;
-        if (failedExtractions > 0) {
-            err << "pelicane-cli: " << failedExtractions << " segment(s) could not be extracted" << Qt::endl;
-        }
-        finish(failedExtractions > 0 ? 1 : 0);
+        finish(0);
     });
 
     // Ctrl-C stops cleanly; the next run resumes from the record.

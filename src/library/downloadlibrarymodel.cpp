@@ -5,7 +5,9 @@
 #include "library/downloadlibraryoperation.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocale>
@@ -96,9 +98,31 @@ std::optional<qint64> DownloadLibraryModel::readResumeRecord(const QString &dest
     return value.toInteger();
 }
 
+// Partial downloads, archives and half-written tracks of an earlier run: the
+// record never counts what they held, so they are fetched again.
+void DownloadLibraryModel::removeLeftovers(const QString &destination)
+{
+    if (!QFileInfo(destination).isDir()) {
+        return;
+    }
+    int removed = 0;
+    QDirIterator it(destination, {QStringLiteral(".temp-*")}, QDir::Files | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        if (QFile::remove(it.next())) {
+            ++removed;
+        }
+    }
+    if (removed > 0) {
+        Logger::log(QStringLiteral(" - Removed %1 leftover temporary file(s)").arg(removed));
+    }
+}
+
 void DownloadLibraryModel::start()
 {
     Logger::log(QStringLiteral(" - Configuring library download"));
+    // On the download queue, ahead of every request: nothing is written yet.
+    m_downloadQueue.addOperation([destination = destinationPath()] { removeLeftovers(destination); });
     auto header = std::make_shared<DownloadLibraryOperation>();
     header->setUserId(m_userId);
     header->setToken(m_userToken);
@@ -115,6 +139,14 @@ void DownloadLibraryModel::headerEnded(std::optional<qint64> count, const Option
     const Error failure = error.value_or(
         Error::errorWithMessage(QStringLiteral("The library service did not tell how many tracks there are.")));
     Logger::log(QStringLiteral(" - Could not configure library download: ") + failure.localizedDescription());
+    m_configurationFailed = true;
+    m_downloadError = failure;
+    m_view.actionText = QStringLiteral("Could not start the library download");
+    m_view.errorInfoVisible = true;
+    m_view.errorInfoText = failure.localizedDescription();
+    m_view.cancelTitle = QStringLiteral("Close");
+    m_view.cancelIsDefault = true;
+    changeView();
     Q_EMIT configurationFailed(failure);
 }
 
@@ -123,6 +155,7 @@ void DownloadLibraryModel::trackCountReceived(qint64 count)
     m_totalTrackCount = count;
     Logger::log(QStringLiteral(" - Got count: %1").arg(count));
     const qint64 start = readResumeRecord(destinationPath()).value_or(0);
+    m_recorded = start;
 
     if (count < 1 || start >= count) {
         Logger::log(QStringLiteral(" - Scheduled 0 chunks"));
@@ -131,6 +164,7 @@ void DownloadLibraryModel::trackCountReceived(qint64 count)
     }
     const auto chunks = chunksFrom(start, count);
     for (const auto &[offset, length] : chunks) {
+        m_chunks.insert(offset, {length, ChunkState::Waiting});
         addToDownloadQueue(makeChunkOperation(offset, length), Operation::QueuePriority::Normal);
         ++m_downloadsScheduled;
     }
@@ -299,10 +333,10 @@ void DownloadLibraryModel::onZKArchiveDidEndUnzip(const QString &archivePath)
         this, [this, archivePath] { didEndUnzip(archivePath); }, Qt::QueuedConnection);
 }
 
-void DownloadLibraryModel::onZKArchiveDidFail(const QString &archivePath)
+void DownloadLibraryModel::onZKArchiveDidFail(const QString &archivePath, const Error &error)
 {
     QMetaObject::invokeMethod(
-        this, [this, archivePath] { didFailUnzip(archivePath); }, Qt::QueuedConnection);
+        this, [this, archivePath, error] { didFailUnzip(archivePath, error); }, Qt::QueuedConnection);
 }
 
 void DownloadLibraryModel::didBeginUnzip()
@@ -329,29 +363,61 @@ void DownloadLibraryModel::didEndUnzip(const QString &archivePath)
 {
     const Extraction extraction = m_extractions.take(archivePath);
     ++m_unzipsCompleted;
-    if (everythingExtracted()) {
-        m_view.actionText = QStringLiteral("Finishing up...");
-        m_view.progressDeterminate = false;
-        m_view.progressValue = 1.0;
-        m_view.cancelEnabled = false;
-        changeView();
-    }
     QFile::remove(archivePath);
-    if (everythingExtracted()) {
-        showDone();
+    m_chunks[extraction.offset].second = ChunkState::Extracted;
+    // Only up to the first chunk not extracted: a run stopped before then, or
+    // one whose earlier chunk failed, must fetch that chunk again.
+    qint64 end = m_recorded;
+    for (auto it = m_chunks.constFind(end);
+         it != m_chunks.constEnd() && it->first > 0 && it->second == ChunkState::Extracted;
+         it = m_chunks.constFind(end)) {
+        end = it.key() + it->first;
     }
-    // The end of the chunk just extracted: a run stopped before a downloaded
-    // chunk was extracted must fetch that chunk again.
-    writeResumeRecord(extraction.offset + extraction.length);
+    if (end > m_recorded) {
+        m_recorded = end;
+        writeResumeRecord(end);
+    }
     Q_EMIT chunkExtracted(extraction.offset, extraction.length);
+    finishIfAllHandled();
 }
 
-void DownloadLibraryModel::didFailUnzip(const QString &archivePath)
+void DownloadLibraryModel::didFailUnzip(const QString &archivePath, const Error &error)
 {
-    m_extractions.remove(archivePath);
+    const Extraction extraction = m_extractions.take(archivePath);
     Logger::log(QStringLiteral("onZKArchiveDidFail: ") + (archivePath.isNull() ? QStringLiteral("nil") : archivePath));
     ++m_unzipsCompleted;
-    Q_EMIT extractionFailed(archivePath);
+    m_chunks[extraction.offset].second = ChunkState::Failed;
+    // The next run fetches it again; until then it only takes space.
+    QFile::remove(archivePath);
+    if (!m_extractionError) {
+        m_extractionError = error;
+    }
+    m_view.errorInfoVisible = true;
+    m_view.errorInfoText = error.localizedDescription();
+    changeView();
+    Q_EMIT extractionFailed(archivePath, error);
+    finishIfAllHandled();
+}
+
+void DownloadLibraryModel::finishIfAllHandled()
+{
+    if (!everythingExtracted() || m_isComplete || m_incomplete) {
+        return;
+    }
+    if (!m_extractionError) {
+        showDone();
+        return;
+    }
+    m_incomplete = true;
+    Logger::log(QStringLiteral(" - Library download incomplete: ") + m_extractionError->localizedDescription());
+    m_view.actionText = QStringLiteral("Download Incomplete");
+    m_view.progressDeterminate = false;
+    m_view.progressTextHidden = true;
+    m_view.cancelTitle = QStringLiteral("Close");
+    m_view.cancelIsDefault = true;
+    m_view.cancelEnabled = true;
+    changeView();
+    Q_EMIT incomplete(*m_extractionError);
 }
 
 void DownloadLibraryModel::writeResumeRecord(qint64 count)
@@ -405,7 +471,9 @@ void DownloadLibraryModel::updateDownloadProgress()
 
 void DownloadLibraryModel::OnCancel()
 {
-    if (!m_isComplete) {
+    if (m_incomplete || m_configurationFailed) {
+        // Nothing runs any more.
+    } else if (!m_isComplete) {
         const int answer = m_prompter
                                ? m_prompter->showAlert(QStringLiteral("Abort Download"),
                                                        QStringLiteral("Are you sure you want to abort the download?"),
@@ -424,6 +492,12 @@ void DownloadLibraryModel::OnCancel()
 void DownloadLibraryModel::OnErrorInfo()
 {
     if (!m_prompter) {
+        return;
+    }
+    if (m_incomplete || m_configurationFailed) {
+        const OptionalError error = m_incomplete ? m_extractionError : m_downloadError;
+        m_prompter->showAlert(QStringLiteral("Download Error"), error ? error->localizedDescription() : QString(),
+                              {QStringLiteral("OK")}, DownloadLibraryPrompter::Appearance::Default);
         return;
     }
     const QString description = m_downloadError ? m_downloadError->localizedDescription() : QString();

@@ -5,6 +5,7 @@
 #include "platform/operationqueue.h"
 
 #include <QHash>
+#include <QMap>
 #include <QMutex>
 #include <QObject>
 #include <QTimer>
@@ -47,8 +48,10 @@ struct DownloadLibraryViewState
 // inside the chosen folder: a header request learns the track count, then one
 // chunk request per run of at most 50 tracks, one at a time, each extracted
 // (one at a time too) while the next one downloads. A failed chunk is retried
-// after 5 seconds, without limit. "download.json" records the end of the last
-// chunk extracted, so a later run resumes after it.
+// after 5 seconds, without limit. "download.json" records the end of the
+// chunks extracted without a gap from the start, so a later run resumes at the
+// first chunk not fully extracted; a failed extraction holds it back even when
+// later chunks extract. ".temp-*" files an earlier run left are removed first.
 //
 // Widget-free: the download window and the command line both drive it. Lives
 // on the main thread; destroying it stops the transfer and the extraction.
@@ -109,7 +112,10 @@ public:
     void onZKArchiveDidUpdateTotalSize(const QString &archivePath, qint64 totalSize) override;
     void onZKArchiveDidUpdateBytesWritten(const QString &archivePath, qint64 bytesWritten) override;
     void onZKArchiveDidEndUnzip(const QString &archivePath) override;
-    void onZKArchiveDidFail(const QString &archivePath) override;
+    void onZKArchiveDidFail(const QString &archivePath, const Error &error) override;
+
+    // Every chunk was handled but some could not be extracted.
+    bool isIncomplete() const { return m_incomplete; }
 
 Q_SIGNALS:
     void viewStateChanged();
@@ -121,8 +127,11 @@ Q_SIGNALS:
     void chunkFailed(qint64 offset, qint64 length, const Error &error);
     // After the archive is removed and the record written.
     void chunkExtracted(qint64 offset, qint64 length);
-    void extractionFailed(const QString &archivePath);
+    void extractionFailed(const QString &archivePath, const Error &error);
+    // Exactly one of these ends a run whose header arrived: every track is in
+    // place, or some segment could not be extracted (the first such error).
     void completed();
+    void incomplete(const Error &error);
 
 private:
     struct Extraction
@@ -130,6 +139,7 @@ private:
         qint64 offset = 0;
         qint64 length = 0;
     };
+    enum class ChunkState { Waiting, Extracted, Failed };
     struct ChunkProgress;
 
     std::shared_ptr<DownloadLibraryOperation> makeChunkOperation(qint64 offset, qint64 length);
@@ -145,7 +155,9 @@ private:
 
     void didBeginUnzip();
     void didEndUnzip(const QString &archivePath);
-    void didFailUnzip(const QString &archivePath);
+    void didFailUnzip(const QString &archivePath, const Error &error);
+    void finishIfAllHandled();
+    static void removeLeftovers(const QString &destination);
     bool everythingExtracted() const;
     void writeResumeRecord(qint64 count);
     void showDone();
@@ -168,6 +180,13 @@ private:
     // One extraction at a time, in the order the chunks arrive.
     OperationQueue m_unzipQueue;
     QHash<QString, Extraction> m_extractions; // by archive path
+    // Every scheduled chunk by offset; the record counts the run of Extracted
+    // ones from the first.
+    QMap<qint64, std::pair<qint64, ChunkState>> m_chunks;
+    qint64 m_recorded = 0;
+    OptionalError m_extractionError;
+    bool m_incomplete = false;
+    bool m_configurationFailed = false;
 
     qint64 m_totalTrackCount = 0;
     int m_downloadsScheduled = 0;

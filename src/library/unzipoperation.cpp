@@ -6,9 +6,11 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QList>
+#include <QThread>
 
 #include <zip.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -65,7 +67,9 @@ public:
     void run();
 
 private:
-    bool fail(const QString &why);
+    // `code`: the errno behind the failure, if any.
+    bool fail(const QString &why, int code = 0);
+    bool writeAll(int fd, const char *data, qint64 size);
     bool readEntries(zip_t *archive);
     bool makeDirectories(const QString &relativePath);
     bool writeFile(zip_t *archive, const Entry &entry, const QString &path);
@@ -79,13 +83,54 @@ private:
     QList<Entry> m_entries;
     qint64 m_totalSize = 0;
     QByteArray m_buffer;
+    // The test seam's budget; -1 without one.
+    qint64 m_spaceLeft = -1;
 };
 
-bool Extraction::fail(const QString &why)
+bool Extraction::fail(const QString &why, int code)
 {
     Logger::log(QStringLiteral("Unzip %1: %2").arg(QFileInfo(m_archivePath).fileName(), why));
-    m_delegate->onZKArchiveDidFail(m_archivePath);
+    const bool full = code == ENOSPC || code == EDQUOT;
+    const QString message =
+        full ? QStringLiteral("The disk is full: the library could not be extracted into \"%1\". Free some space "
+                              "and start the download again; it continues where it stopped.")
+                   .arg(m_root)
+             : QStringLiteral("A library segment could not be extracted (%1). Start the download again to fetch it "
+                              "anew.")
+                   .arg(why);
+    m_delegate->onZKArchiveDidFail(m_archivePath, Error::errorWithMessage(message, full ? ENOSPC : 0));
     return false;
+}
+
+// Writes everything or sets errno; the seam's budget runs out like a full disk.
+bool Extraction::writeAll(int fd, const char *data, qint64 size)
+{
+    while (size > 0) {
+        size_t chunk = size_t(size);
+        if (m_spaceLeft >= 0) {
+            if (m_spaceLeft == 0) {
+                errno = ENOSPC;
+                return false;
+            }
+            chunk = size_t(std::min<qint64>(size, m_spaceLeft));
+        }
+        const ssize_t written = ::write(fd, data, chunk);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            if (written == 0) {
+                errno = ENOSPC;
+            }
+            return false;
+        }
+        if (m_spaceLeft >= 0) {
+            m_spaceLeft -= written;
+        }
+        data += written;
+        size -= written;
+    }
+    return true;
 }
 
 // Reads and checks every entry before anything is written, so an archive with
@@ -163,45 +208,45 @@ bool Extraction::makeDirectories(const QString &relativePath)
 
 bool Extraction::writeFile(zip_t *archive, const Entry &entry, const QString &path)
 {
-    // O_NOFOLLOW: a link already standing at this name is never written through.
-    const int fd =
-        ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    // A fresh name beside the final one (created exclusively, so never through
+    // a link), renamed over it once whole.
+    const qsizetype slash = path.lastIndexOf(u'/');
+    QByteArray temporary = QFile::encodeName(path.left(slash + 1)) + ".temp-XXXXXX";
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0) {
-        return fail(QStringLiteral("cannot write \"%1\": %2").arg(entry.name, QString::fromLocal8Bit(strerror(errno))));
+        const int code = errno;
+        return fail(QStringLiteral("cannot write \"%1\": %2").arg(entry.name, QString::fromLocal8Bit(strerror(code))),
+                    code);
     }
+    ::fchmod(fd, 0644);
+    const auto abandon = [&](const QString &why, int code) {
+        ::close(fd);
+        ::unlink(temporary.constData());
+        return why.isEmpty() ? false : fail(why, code);
+    };
     std::unique_ptr<zip_file_t, ZipFileClose> file(zip_fopen_index(archive, entry.index, 0));
     if (!file) {
-        ::close(fd);
-        return fail(QStringLiteral("cannot read \"%1\": %2").arg(entry.name, QString::fromUtf8(zip_strerror(archive))));
+        return abandon(
+            QStringLiteral("cannot read \"%1\": %2").arg(entry.name, QString::fromUtf8(zip_strerror(archive))), 0);
     }
     for (;;) {
         if (m_operation.isCancelled()) {
-            ::close(fd);
-            return false;
+            return abandon(QString(), 0);
         }
         const zip_int64_t read = zip_fread(file.get(), m_buffer.data(), zip_uint64_t(m_buffer.size()));
         if (read < 0) {
-            ::close(fd);
-            return fail(QStringLiteral("cannot read \"%1\": %2")
-                            .arg(entry.name, QString::fromUtf8(zip_file_strerror(file.get()))));
+            return abandon(QStringLiteral("cannot read \"%1\": %2")
+                               .arg(entry.name, QString::fromUtf8(zip_file_strerror(file.get()))),
+                           0);
         }
         if (read == 0) {
             break;
         }
-        const char *data = m_buffer.constData();
-        zip_int64_t left = read;
-        while (left > 0) {
-            const ssize_t written = ::write(fd, data, size_t(left));
-            if (written < 0 && errno == EINTR) {
-                continue;
-            }
-            if (written <= 0) {
-                const QString reason = QString::fromLocal8Bit(strerror(errno));
-                ::close(fd);
-                return fail(QStringLiteral("cannot write \"%1\": %2").arg(entry.name, reason));
-            }
-            data += written;
-            left -= written;
+        if (!writeAll(fd, m_buffer.constData(), read)) {
+            const int code = errno;
+            return abandon(
+                QStringLiteral("cannot write \"%1\": %2").arg(entry.name, QString::fromLocal8Bit(strerror(code))),
+                code);
         }
         m_delegate->onZKArchiveDidUpdateBytesWritten(m_archivePath, read);
     }
@@ -210,7 +255,16 @@ bool Extraction::writeFile(zip_t *archive, const Entry &entry, const QString &pa
         ::futimens(fd, times);
     }
     if (::close(fd) != 0) {
-        return fail(QStringLiteral("cannot write \"%1\": %2").arg(entry.name, QString::fromLocal8Bit(strerror(errno))));
+        const int code = errno;
+        ::unlink(temporary.constData());
+        return fail(QStringLiteral("cannot write \"%1\": %2").arg(entry.name, QString::fromLocal8Bit(strerror(code))),
+                    code);
+    }
+    if (::rename(temporary.constData(), QFile::encodeName(path).constData()) != 0) {
+        const int code = errno;
+        ::unlink(temporary.constData());
+        return fail(QStringLiteral("cannot write \"%1\": %2").arg(entry.name, QString::fromLocal8Bit(strerror(code))),
+                    code);
     }
     return true;
 }
@@ -247,7 +301,14 @@ void Extraction::run()
     m_delegate->onZKArchiveDidBeginUnzip(m_archivePath);
     m_delegate->onZKArchiveDidUpdateTotalSize(m_archivePath, m_totalSize);
     m_buffer.resize(kBufferSize);
+    bool seamSet = false;
+    const qint64 space = qEnvironmentVariableIntValue("PELICANE_TEST_EXTRACT_SPACE", &seamSet);
+    m_spaceLeft = seamSet ? std::max<qint64>(0, space) : -1;
+    const int delay = qEnvironmentVariableIntValue("PELICANE_TEST_EXTRACT_DELAY_MS");
     for (const Entry &entry : std::as_const(m_entries)) {
+        if (delay > 0) {
+            QThread::msleep(delay);
+        }
         if (m_operation.isCancelled()) {
             return;
         }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/error.h"
 #include "platform/operationqueue.h"
 
 #include <QString>
@@ -15,7 +16,8 @@ public:
     // `bytesWritten`: the bytes of this one write.
     virtual void onZKArchiveDidUpdateBytesWritten(const QString &archivePath, qint64 bytesWritten) = 0;
     virtual void onZKArchiveDidEndUnzip(const QString &archivePath) = 0;
-    virtual void onZKArchiveDidFail(const QString &archivePath) = 0;
+    // `error`: what the user is told; a full disk says so.
+    virtual void onZKArchiveDidFail(const QString &archivePath, const Error &error) = 0;
 };
 
 // Extracts one library segment archive beside itself, synchronously.
@@ -27,6 +29,14 @@ public:
 // written; a link found on disk while writing stops it there. Each failure is
 // reported once through onZKArchiveDidFail. A cancelled extraction reports
 // neither end nor failure.
+//
+// Each file is written under a ".temp-" name beside its final place and
+// renamed there once whole, so a full disk, a failure or a kill never leaves
+// a half-written track under a track's name.
+//
+// Test seams, read at each extraction: PELICANE_TEST_EXTRACT_SPACE makes
+// writes fail as on a full disk once an extraction has written that many
+// bytes; PELICANE_TEST_EXTRACT_DELAY_MS pauses before each entry.
 class UnzipOperation : public Operation
 {
     Q_OBJECT

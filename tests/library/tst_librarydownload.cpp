@@ -9,11 +9,15 @@
 #include <QElapsedTimer>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <csignal>
+#include <unistd.h>
 
 namespace {
 
@@ -49,8 +53,12 @@ private slots:
     void failedChunksAreRetried();
     void stoppedAndStartedAgain_data();
     void stoppedAndStartedAgain();
-    void failedExtractionKeepsItsArchive();
+    void failedExtractionHoldsTheRecordBack();
+    void headerFailureIsShown();
     void cliKilledHalfWayAndStartedAgain();
+    void cliKilledWhileExtractionLagsBehind();
+    void cliDiskFullThenFreed();
+    void cliDiskFullOnSmallTmpfs();
     void cliInterruptedAndStartedAgain();
 
 private:
@@ -62,8 +70,15 @@ private:
     qint64 segments() const { return m_server.requestCounts().value("segment").toInteger(); }
     qint64 record() const { return DownloadLibraryModel::readResumeRecord(m_destination).value_or(-1); }
     // Runs pelicane-cli download-library with the account in the environment.
-    void start(QProcess &process) const;
-    int run(QByteArray *output = nullptr);
+    void start(QProcess &process, const QProcessEnvironment &extra = {}, const QString &folder = {}) const;
+    int run(QByteArray *output = nullptr, const QProcessEnvironment &extra = {}, const QString &folder = {});
+    // The library's tracks that are not there, as compareWithLibrary names them; fails on
+    // anything else (a track that differs, a leftover file).
+    static bool onlyMissing(const QStringList &differences)
+    {
+        return std::all_of(differences.begin(), differences.end(),
+                           [](const QString &line) { return line.startsWith(QStringLiteral("missing: ")); });
+    }
 
     DevServerProcess m_server;
     LibraryTest::Identity m_identity;
@@ -268,46 +283,89 @@ void TestLibraryDownload::stoppedAndStartedAgain()
     QCOMPARE(record(), kTrackCount);
 }
 
-void TestLibraryDownload::failedExtractionKeepsItsArchive()
+void TestLibraryDownload::failedExtractionHoldsTheRecordBack()
 {
-    // A folder standing where a track goes makes that chunk's extraction fail.
-    QVERIFY(QDir().mkpath(QDir(m_destination).filePath(LibraryTest::trackName(60))));
+    // A folder standing where a track goes makes the second chunk's extraction fail; the
+    // third one extracts after it and must not move the record past the second.
+    const QString inTheWay = QDir(m_destination).filePath(LibraryTest::trackName(60));
+    QVERIFY(QDir().mkpath(inTheWay));
 
     auto model = makeModel();
     QSignalSpy failed(model.get(), &DownloadLibraryModel::extractionFailed);
     QSignalSpy extracted(model.get(), &DownloadLibraryModel::chunkExtracted);
+    QSignalSpy incomplete(model.get(), &DownloadLibraryModel::incomplete);
+    QSignalSpy completed(model.get(), &DownloadLibraryModel::completed);
     model->start();
-    QTRY_COMPARE_WITH_TIMEOUT(failed.size() + extracted.size(), 3, kTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(incomplete.size(), 1, kTimeout);
     QTest::qWait(200);
 
     const QString archivePath = QDir(m_destination).filePath(QStringLiteral(".temp-1.zip"));
     QCOMPARE(failed.size(), 1);
     QCOMPARE(failed.first().first().toString(), archivePath);
-    QVERIFY(QFileInfo::exists(archivePath));
-    QCOMPARE(record(), kTrackCount);
+    QCOMPARE(extracted.size(), 2);
+    QCOMPARE(extracted.last(), (QVariantList{100, 20}));
+    QCOMPARE(record(), 50);
+    QCOMPARE(completed.size(), 0);
+    QVERIFY(!model->isComplete() && model->isIncomplete());
+    QCOMPARE(model->viewState().actionText, QStringLiteral("Download Incomplete"));
+    QVERIFY(model->viewState().errorInfoVisible);
     QVERIFY(LibraryTest::logText().contains(QStringLiteral("onZKArchiveDidFail: ") + archivePath));
-    // The chunks after the failed one still went through.
-    QVERIFY(model->isComplete());
-    QVERIFY(QFileInfo::exists(QDir(m_destination).filePath(LibraryTest::trackName(120))));
+    // The archive is fetched again next time; kept, it would only take space.
+    QVERIFY(!QFileInfo::exists(archivePath));
+    model.reset();
+
+    // Once the way is clear a second run fetches from the failed chunk on.
+    QVERIFY(QDir(inTheWay).removeRecursively());
+    const qint64 before = segments();
+    auto resumed = makeModel();
+    resumed->start();
+    QTRY_VERIFY_WITH_TIMEOUT(resumed->isComplete(), kTimeout);
+    QCOMPARE(segments() - before, 2);
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, m_destination), QStringList());
+    QCOMPARE(record(), kTrackCount);
 }
 
-void TestLibraryDownload::start(QProcess &process) const
+void TestLibraryDownload::headerFailureIsShown()
+{
+    QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "header"}, {"drop_after_bytes", 0}, {"count", 0}}));
+    auto model = makeModel();
+    QStringList failures;
+    connect(model.get(), &DownloadLibraryModel::configurationFailed, this,
+            [&](const Error &error) { failures.append(error.localizedDescription()); });
+    model->start();
+    QTRY_COMPARE_WITH_TIMEOUT(failures.size(), 1, kTimeout);
+    // The window mirrors this: no "Configuring" for ever, the error beside its info button,
+    // and Close closes without asking.
+    const DownloadLibraryViewState &view = model->viewState();
+    QVERIFY2(!view.actionText.startsWith(QStringLiteral("Configuring")), qPrintable(view.actionText));
+    QVERIFY(view.errorInfoVisible);
+    QCOMPARE(view.errorInfoText, failures.first());
+    QSignalSpy closing(model.get(), &DownloadLibraryModel::closeRequested);
+    model->OnCancel();
+    QCOMPARE(closing.size(), 1);
+    QVERIFY(m_prompter.alerts.isEmpty());
+}
+
+void TestLibraryDownload::start(QProcess &process, const QProcessEnvironment &extra, const QString &folder) const
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const QString &key : extra.keys()) {
+        environment.insert(key, extra.value(key));
+    }
     environment.insert(QStringLiteral("PELICANE_API_URL"), m_server.apiUrl());
     environment.insert(QStringLiteral("PELICANE_DOWNLOAD_URL"), m_server.downloadUrl());
     environment.insert(QStringLiteral("PELICANE_EMAIL"), QString::fromLatin1(DevServerProcess::kDemoEmail));
     environment.insert(QStringLiteral("PELICANE_PASSWORD"), QString::fromLatin1(DevServerProcess::kDemoPassword));
     process.setProcessEnvironment(environment);
     // --verbose: the log's lines on standard error too, where the test reads them.
-    process.start(QStringLiteral(PELICANE_CLI_PATH),
-                  {QStringLiteral("--verbose"), QStringLiteral("download-library"), m_folder->path()});
+    process.start(QStringLiteral(PELICANE_CLI_PATH), {QStringLiteral("--verbose"), QStringLiteral("download-library"),
+                                                      folder.isEmpty() ? m_folder->path() : folder});
 }
 
-int TestLibraryDownload::run(QByteArray *output)
+int TestLibraryDownload::run(QByteArray *output, const QProcessEnvironment &extra, const QString &folder)
 {
     QProcess process;
-    start(process);
+    start(process, extra, folder);
     process.closeWriteChannel();
     if (!process.waitForFinished(kTimeout)) {
         process.kill();
@@ -370,6 +428,89 @@ void TestLibraryDownload::cliInterruptedAndStartedAgain()
     QVERIFY(m_server.clearFaults());
     QCOMPARE(run(), 0);
     QCOMPARE(LibraryTest::compareWithLibrary(m_server, m_destination), QStringList());
+}
+
+void TestLibraryDownload::cliKilledWhileExtractionLagsBehind()
+{
+    // Fast downloads, slow extraction: every chunk has arrived long before the first one
+    // is extracted, and the run is killed between the two.
+    QProcessEnvironment slow;
+    slow.insert(QStringLiteral("PELICANE_TEST_EXTRACT_DELAY_MS"), QStringLiteral("40"));
+    QProcess process;
+    start(process, slow);
+    QVERIFY(process.waitForStarted(kTimeout));
+    QTRY_VERIFY_WITH_TIMEOUT(record() >= 0, kTimeout);
+    process.kill();
+    QVERIFY(process.waitForFinished(kTimeout));
+    // The downloads were ahead; the record counts only what was extracted.
+    QVERIFY(QFileInfo::exists(QDir(m_destination).filePath(QStringLiteral(".temp-1.zip"))));
+    QCOMPARE(record(), 50);
+    QVERIFY(onlyMissing(LibraryTest::compareWithLibrary(m_server, m_destination)
+                            .filter(QRegularExpression(QStringLiteral("^(missing|differs): ")))));
+    // Leftovers of some earlier run, down in a folder too.
+    QVERIFY(QDir().mkpath(QDir(m_destination).filePath(QStringLiteral("Album"))));
+    for (const char *name : {".temp-7.zip", "Album/.temp-x1Yz2W"}) {
+        QFile stray(QDir(m_destination).filePath(QString::fromLatin1(name)));
+        QVERIFY(stray.open(QIODevice::WriteOnly) && stray.write("partial") == 7);
+    }
+
+    const qint64 before = segments();
+    QByteArray output;
+    QCOMPARE(run(&output), 0);
+    QCOMPARE(segments() - before, 2);
+    QVERIFY(QDir(QDir(m_destination).filePath(QStringLiteral("Album"))).removeRecursively());
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, m_destination), QStringList());
+    QCOMPARE(record(), kTrackCount);
+}
+
+void TestLibraryDownload::cliDiskFullThenFreed()
+{
+    // Room for 300 kB per extraction: the two chunks of 50 tracks (about 400 kB) fail, the
+    // last one of 20 (about 160 kB) extracts after them.
+    QProcessEnvironment full;
+    full.insert(QStringLiteral("PELICANE_TEST_EXTRACT_SPACE"), QStringLiteral("300000"));
+    QByteArray output;
+    QCOMPARE(run(&output, full), 1);
+    QVERIFY2(output.contains("The disk is full"), output.constData());
+    QVERIFY2(output.contains("the library download is incomplete"), output.constData());
+    QVERIFY(!output.contains("Library of 120 tracks"));
+    QCOMPARE(record(), -1);
+    // Tracks of the failed chunks are whole or absent, and no temporary file is left.
+    const QStringList differences = LibraryTest::compareWithLibrary(m_server, m_destination);
+    QVERIFY2(onlyMissing(differences), qPrintable(differences.join(u'\n')));
+    QVERIFY(differences.size() >= 20);
+
+    // Space freed: the next run fetches what is missing and says so only when all is there.
+    QCOMPARE(run(&output), 0);
+    QVERIFY(output.contains("Library of 120 tracks"));
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, m_destination), QStringList());
+    QCOMPARE(record(), kTrackCount);
+}
+
+void TestLibraryDownload::cliDiskFullOnSmallTmpfs()
+{
+    QTemporaryDir mountPoint;
+    const auto mount = [&](const QString &options) {
+        return QProcess::execute(QStringLiteral("mount"),
+                                 {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"), options,
+                                  QStringLiteral("tmpfs"), mountPoint.path()}) == 0;
+    };
+    if (::geteuid() != 0 || !mount(QStringLiteral("size=1100k"))) {
+        QSKIP("needs root and mount -t tmpfs; cliDiskFullThenFreed covers the same code through its seam");
+    }
+    const auto unmount = qScopeGuard([&] { QProcess::execute(QStringLiteral("umount"), {mountPoint.path()}); });
+    const QString destination = QDir(mountPoint.path()).filePath(QStringLiteral("My Lyrabox Library"));
+
+    // About 960 kB of tracks and a 400 kB archive beside them do not fit.
+    QByteArray output;
+    QCOMPARE(run(&output, {}, mountPoint.path()), 1);
+    QVERIFY2(output.contains("The disk is full"), output.constData());
+    const QStringList differences = LibraryTest::compareWithLibrary(m_server, destination);
+    QVERIFY2(onlyMissing(differences) && !differences.isEmpty(), qPrintable(differences.join(u'\n')));
+
+    QVERIFY(mount(QStringLiteral("remount,size=8m")));
+    QCOMPARE(run(&output, {}, mountPoint.path()), 0);
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, destination), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestLibraryDownload)

@@ -12,6 +12,7 @@
 
 #include <zip.h>
 
+#include <cerrno>
 #include <sys/stat.h>
 
 namespace {
@@ -86,13 +87,15 @@ public:
     }
     void onZKArchiveDidUpdateBytesWritten(const QString &, qint64 bytesWritten) override { written += bytesWritten; }
     void onZKArchiveDidEndUnzip(const QString &) override { events.append(QStringLiteral("end")); }
-    void onZKArchiveDidFail(const QString &archivePath) override
+    void onZKArchiveDidFail(const QString &archivePath, const Error &failure) override
     {
         events.append(QStringLiteral("fail ") + archivePath);
+        error = failure;
     }
 
     QStringList events;
     qint64 written = 0;
+    OptionalError error;
 };
 
 } // namespace
@@ -105,6 +108,7 @@ private slots:
     void extractsBesideTheArchive();
     void unsafeArchivesWriteNothing_data();
     void unsafeArchivesWriteNothing();
+    void fullDiskLeavesNoHalfWrittenTrack();
 };
 
 void TestLibraryUnzip::extractsBesideTheArchive()
@@ -186,6 +190,36 @@ void TestLibraryUnzip::unsafeArchivesWriteNothing()
     QCOMPARE(LibraryTest::filesUnder(root.path()), before);
     QVERIFY(!QFileInfo::exists(root.filePath(QStringLiteral("x"))));
     QVERIFY2(LibraryTest::logText().contains(QStringLiteral("Unzip .temp-3.zip: ") + logged), qPrintable(logged));
+}
+
+void TestLibraryUnzip::fullDiskLeavesNoHalfWrittenTrack()
+{
+    QTemporaryDir root;
+    const QDir library(root.filePath(QStringLiteral("My Lyrabox Library")));
+    QVERIFY(library.mkpath(QStringLiteral(".")));
+    const QByteArray first = noise(100000, 3);
+    const QByteArray second = noise(3 * 1024 * 1024, 4);
+    const QString archive = library.filePath(QStringLiteral(".temp-0.zip"));
+    QVERIFY(
+        writeArchive(archive, {{QStringLiteral("Track 001.mp3"), first}, {QStringLiteral("Track 002.mp3"), second}}));
+    // An older copy of the second track stays as it was until a whole new one is there.
+    const QByteArray old = noise(5000, 5);
+    QFile oldFile(library.filePath(QStringLiteral("Track 002.mp3")));
+    QVERIFY(oldFile.open(QIODevice::WriteOnly) && oldFile.write(old) == old.size());
+    oldFile.close();
+
+    // The disk fills up half-way through the second track.
+    qputenv("PELICANE_TEST_EXTRACT_SPACE", QByteArray::number(first.size() + second.size() / 2));
+    const Recorder recorder(archive);
+    qunsetenv("PELICANE_TEST_EXTRACT_SPACE");
+    QCOMPARE(recorder.events.last(), QStringLiteral("fail ") + archive);
+    QVERIFY(recorder.error);
+    QCOMPARE(recorder.error->code(), ENOSPC);
+    QVERIFY2(recorder.error->localizedDescription().startsWith(QStringLiteral("The disk is full")),
+             qPrintable(recorder.error->localizedDescription()));
+    QCOMPARE(readAll(library.filePath(QStringLiteral("Track 001.mp3"))), first);
+    QCOMPARE(readAll(library.filePath(QStringLiteral("Track 002.mp3"))), old);
+    QCOMPARE(LibraryTest::filesUnder(library.path()), (QStringList{".temp-0.zip", "Track 001.mp3", "Track 002.mp3"}));
 }
 
 QTEST_GUILESS_MAIN(TestLibraryUnzip)
