@@ -426,6 +426,9 @@ void DevServer::handleJson(const httplib::Request &req, httplib::Response &res, 
     }
 
     if (request.contains("user_id")) {
+        // The id goes back exactly as the sign-in answer gave it: a number here.
+        if (!request.value("user_id").isDouble())
+            return sendFailure(res, 400, "\"user_id\" must be the number the sign-in answer gave");
         const QString userId = jsonId(request.value("user_id"));
         if (userId.isEmpty() || !request.value("token").isString())
             return sendFailure(res, 400, "\"user_id\" and \"token\" are required");

@@ -169,6 +169,7 @@ void LyraboxService::loginWithEmail(const QString &email, const QString &passwor
     runOnServiceThread([this, email, password] {
         Logger::log(QStringLiteral("Login (%1)").arg(nullable(email)));
         m_userId = QStringLiteral("");
+        m_userIdValue = QStringLiteral("");
         m_userToken = QStringLiteral("");
         m_supportedFormatList.clear();
         QJsonObject body{{"mode", "status"},
@@ -195,7 +196,7 @@ void LyraboxService::verifyLogin()
 {
     runOnServiceThread([this] {
         Logger::log(QStringLiteral("VerifyLogin"));
-        QJsonObject body{{"mode", "status"}, {"user_id", m_userId}, {"token", m_userToken}};
+        QJsonObject body{{"mode", "status"}, {"user_id", m_userIdValue}, {"token", m_userToken}};
         sendJSONRequest(body, [this](const Response &response) {
             // A request that failed before an envelope was read says nothing about the
             // session: a network failure is never taken for a lost sign-in.
@@ -420,6 +421,7 @@ void LyraboxService::storeCredentials(const QJsonObject &envelope)
 {
     const QJsonObject user = envelope.value("user").toObject();
     m_userId = textValue(user.value("id"));
+    m_userIdValue = user.value("id").isDouble() ? user.value("id") : QJsonValue(m_userId);
     m_userToken = textValue(user.value("token"));
     Logger::shared().addSecret(m_userToken);
     for (const QJsonValue &format : envelope.value("supported").toArray()) {

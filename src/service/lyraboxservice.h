@@ -77,7 +77,11 @@ public:
     const QSet<QString> &getMd5List() const { return m_md5List; }
 
     QString userId() const { return m_userId; }
-    void setUserId(const QString &userId) { m_userId = userId; }
+    void setUserId(const QString &userId)
+    {
+        m_userId = userId;
+        m_userIdValue = userId;
+    }
     QString userToken() const { return m_userToken; }
     void setUserToken(const QString &userToken);
 
@@ -173,6 +177,8 @@ private:
 
     uint m_simultaneousUploadCount = 3;
     QString m_userId = QStringLiteral("");
+    // The id as the sign-in answer gave it, number or text: sent back in that form.
+    QJsonValue m_userIdValue = QStringLiteral("");
     QString m_userToken = QStringLiteral("");
     QStringList m_supportedFormatList;
     QSet<QString> m_md5List;

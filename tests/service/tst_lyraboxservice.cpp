@@ -3,8 +3,8 @@
 #include "captureserver.h"
 #include "support/devserverprocess.h"
 
-#include "core/logger.h"
 #include "core/appinfo.h"
+#include "core/logger.h"
 #include "platform/operationqueue.h"
 #include "protocol/clientfields.h"
 #include "service/lyraboxservice.h"
@@ -195,6 +195,29 @@ private slots:
         // Appended to, never emptied: two verifications keep ".FLAC" twice, as "flac".
         QCOMPARE(service.getSupportedFormatList(), QStringList({"flac", "flac"}));
         QCOMPARE(newLog().first(), "VerifyLogin");
+    }
+
+    void userIdGoesBackAsReceived_data()
+    {
+        QTest::addColumn<QJsonValue>("id");
+        QTest::newRow("number") << QJsonValue(10002);
+        QTest::newRow("text") << QJsonValue("10002");
+    }
+
+    void userIdGoesBackAsReceived()
+    {
+        QFETCH(QJsonValue, id);
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        m_capture->respond(
+            200, json({{"result", true}, {"authenticated", true}, {"user", QJsonObject{{"id", id}, {"token", "t1"}}}}));
+        service.loginWithEmail("a@b.c", "pw");
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QCOMPARE(service.userId(), "10002");
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QCOMPARE(QJsonDocument::fromJson(m_capture->requests().last().body).object().value("user_id"), id);
     }
 
     void digestListRequestOnTheWire()
