@@ -22,6 +22,7 @@
 #include <QNetworkRequest>
 #include <QTimer>
 #include <QUrl>
+#include <algorithm>
 
 #include <cerrno>
 #include <cstring>
@@ -274,7 +275,7 @@ void AsyncUploadRequestOperation::transfer(QNetworkRequest &request, const QStri
         m_lastActivityMs = monotonicMs();
         // Qt closes a reply with (0, 0), which counts no bytes.
         if (total > 0) {
-            handleUploadProgress(sent);
+            handleUploadProgress(sent, total);
         }
     });
     connect(reply.get(), &QNetworkReply::readyRead, &context, [this] {
@@ -348,7 +349,7 @@ void AsyncUploadRequestOperation::abortTransfer()
     }
 }
 
-void AsyncUploadRequestOperation::handleUploadProgress(qint64 bytesSent)
+void AsyncUploadRequestOperation::handleUploadProgress(qint64 bytesSent, qint64 bytesTotal)
 {
     if (!m_body) {
         return;
@@ -359,10 +360,8 @@ void AsyncUploadRequestOperation::handleUploadProgress(qint64 bytesSent)
     if (!fileLoadProgressBlock) {
         return;
     }
-    // The divisor shrinks as the envelopes go out, and for a CD track it is
-    // the raw audio size, not what is sent.
-    const double divisor = double(m_fileSize.load() + m_body->headerBytesRemaining() + m_body->footerBytesRemaining());
-    const double fraction = divisor > 0 ? double(bytesSent) / divisor : (bytesSent > 0 ? 1.0 : 0.0);
+    // Against the whole body, envelopes included: 100% means every byte went out.
+    const double fraction = std::min(1.0, double(bytesSent) / double(bytesTotal));
     m_lastKnownProgress = fraction * 100.0;
     const auto percent = quint64(fraction * 100.0);
     if (percent != m_lastProgress) {

@@ -96,7 +96,7 @@ private:
 
     // Worker-thread steps of the transfer.
     void transfer(QNetworkRequest &request, const QString &bodyPath, qint64 bodySize);
-    void handleUploadProgress(qint64 bytesSent);
+    void handleUploadProgress(qint64 bytesSent, qint64 bytesTotal);
     void handleCompletion(QNetworkReply *reply);
     void checkStuck();
     void abortTransfer();

@@ -1,8 +1,8 @@
 // The upload operation against the local service and, for time-outs, stalls and the stuck
 // guard, against a bare scripted server; then the service client's dispatch of uploads: the
 // configuration it fills, playlist positions, the delegate callbacks and stopping.
-#include "core/logger.h"
 #include "core/appinfo.h"
+#include "core/logger.h"
 #include "platform/operationqueue.h"
 #include "service/lyraboxservice.h"
 #include "upload/asyncuploadrequestoperation.h"
@@ -129,6 +129,7 @@ private slots:
     void init();
     void cleanup();
     void uploadsTheFileWithProgressAndOneSuccess();
+    void progressIsAFractionOfTheWholeBody();
     void serverErrorsCarryTheirMessageAndStatus();
     void missingFileFailsWithoutARequest();
     void cancelledOperationsNeverSucceed();
@@ -244,6 +245,24 @@ void TestUploadOperation::uploadsTheFileWithProgressAndOneSuccess()
     QCOMPARE(lines.last(),
              QStringLiteral("Response: StatusCode: 200, Result: True, Canceled: False, Message: File uploaded."));
     QVERIFY(lines.indexOf(QStringLiteral("Header written")) < lines.indexOf(QStringLiteral("Footer written")));
+}
+
+void TestUploadOperation::progressIsAFractionOfTheWholeBody()
+{
+    // A small file: the envelopes around it are a large part of the body.
+    const QString path = m_dir.filePath(QStringLiteral("Short.mp3"));
+    QVERIFY(writePatternFile(path, 1000, 12));
+    Reports reports;
+    auto operation = makeOperation(config(path), &reports);
+    m_queue.addOperation(operation);
+    QVERIFY(settle(m_queue, operation, reports));
+    QCOMPARE(reports.successes, 1);
+    QVERIFY(!reports.progress.isEmpty());
+    for (double fraction : std::as_const(reports.progress)) {
+        QVERIFY2(fraction > 0 && fraction <= 1.0, qPrintable(QString::number(fraction)));
+    }
+    QCOMPARE(reports.progress.last(), 1.0);
+    QCOMPARE(operation->lastKnownProgress(), 100.0);
 }
 
 void TestUploadOperation::serverErrorsCarryTheirMessageAndStatus()
