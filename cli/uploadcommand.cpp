@@ -21,13 +21,16 @@
 #include <QTextStream>
 #include <QTimer>
 
+#include <cerrno>
+#include <cstring>
 #include <optional>
+#include <sys/stat.h>
 
 namespace {
 
 enum ExitStatus {
     ExitSuccess = 0,     // every file uploaded or already in the library
-    ExitFilesFailed = 1, // some file failed, or the run stopped before the end
+    ExitFilesFailed = 1, // some file failed or went unread by the scan, or the run stopped before the end
     ExitUsage = 2,
     ExitNotStarted = 3, // no sign-in, the run could not start, or the session expired
     ExitInterrupted = 130,
@@ -60,7 +63,8 @@ const char *const kUsage = "Usage: pelicane-cli upload [OPTIONS] FOLDER...\n"
                            "with \"session expired\".\n"
                            "\n"
                            "Exit status: 0 when every file was uploaded or already there, 1 when a file\n"
-                           "failed or the run stopped early (offline included), 2 for wrong arguments,\n"
+                           "failed, the search could not read a file or folder, or the run stopped\n"
+                           "early (offline included), 2 for wrong arguments,\n"
                            "3 when signing in or starting the run failed or the session expired, 130\n"
                            "when interrupted.\n";
 
@@ -146,8 +150,14 @@ std::optional<UploadOptions> parseOptions(const QStringList &args, QString *erro
     }
     for (QString &folder : options.folders) {
         const QFileInfo info(folder);
-        if (!info.exists()) {
-            *error = QStringLiteral("no such file or folder: %1").arg(folder);
+        struct stat attributes;
+        if (::stat(QFile::encodeName(info.absoluteFilePath()).constData(), &attributes) != 0) {
+            // Only a path that is really missing is "no such file"; too long or
+            // not searchable says so.
+            const int code = errno;
+            *error = code == ENOENT || code == ENOTDIR
+                         ? QStringLiteral("no such file or folder: %1").arg(folder)
+                         : QStringLiteral("cannot use %1: %2").arg(folder, QString::fromLocal8Bit(strerror(code)));
             return std::nullopt;
         }
         folder = info.absoluteFilePath();
@@ -356,11 +366,20 @@ int runUploadCommand(const QStringList &args)
         loop.exec();
     }
     err << session.fileCountLabelText().section(QLatin1Char('.'), 0, 0) << "." << Qt::endl;
+    // Files the scan could not reach are not uploaded: such a run never ends as a success.
+    const qint64 scanErrors = session.scanErrorCount();
+    const auto reportScanErrors = [&] {
+        if (scanErrors > 0) {
+            err << "pelicane-cli: " << scanErrors << (scanErrors == 1 ? " file or folder" : " files or folders")
+                << " could not be read while searching; see the log" << Qt::endl;
+        }
+    };
 
     if (options.dryRun) {
         const int code = runDryRun(options, session);
         session.detachFromService();
-        return code;
+        reportScanErrors();
+        return code == ExitSuccess && scanErrors > 0 ? ExitFilesFailed : code;
     }
 
     // --- Run ----------------------------------------------------------------------
@@ -440,8 +459,11 @@ int runUploadCommand(const QStringList &args)
         err << "pelicane-cli: the run stopped: " << stopReason << Qt::endl;
     }
     err << "Log file: " << Logger::logFileURL().toLocalFile() << Qt::endl;
+    reportScanErrors();
     if (exitStatus == ExitInterrupted) {
         return ExitInterrupted;
     }
-    return !session.erroredFiles().isEmpty() || leftOver > 0 || !stopReason.isEmpty() ? ExitFilesFailed : ExitSuccess;
+    return !session.erroredFiles().isEmpty() || leftOver > 0 || !stopReason.isEmpty() || scanErrors > 0
+               ? ExitFilesFailed
+               : ExitSuccess;
 }

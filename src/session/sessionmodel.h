@@ -120,6 +120,8 @@ public:
     // List page state, announced by the signals below.
     QString fileCountLabelText() const { return m_fileCountLabelText; }
     bool isFileSearchInProgress() const { return m_fileSearchInProgress; }
+    // Folders or files the last finished scan could not read.
+    qint64 scanErrorCount() const { return m_scanErrorCount; }
     bool isBeginUploadEnabled() const { return m_beginUploadEnabled; }
     // Takes one file off the list (a click on its row).
     void removeFoundFile(const QString &path);
@@ -356,6 +358,7 @@ private:
     bool m_fileSearchInProgress = false;
     bool m_beginUploadEnabled = false;
     quint64 m_scanEpoch = 0;
+    qint64 m_scanErrorCount = 0;
     // Declared after the cancel flag it reads, so it stops its scans first.
     FolderScanRunner m_folderScanRunner;
 

@@ -139,6 +139,7 @@ void SessionModel::finishFileSearch(quint64 epoch, qint64 errorCount)
     }
     Logger::log(
         QStringLiteral("Scan complete. Found %1 files. %2 scan errors.").arg(m_files.found().size()).arg(errorCount));
+    m_scanErrorCount = errorCount;
     setFileSearchInProgress(false);
     setupListContainerView();
     if (!m_files.found().isEmpty()) {

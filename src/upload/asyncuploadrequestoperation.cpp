@@ -166,16 +166,20 @@ void AsyncUploadRequestOperation::start()
         }
         size = track->size;
     } else {
-        if (path.isEmpty() || !QFileInfo::exists(path)) {
+        struct stat attributes
+        {
+        };
+        // Only a file that is really gone is "File does not exist"; a folder
+        // without search permission or a name too long says so.
+        const int code = path.isEmpty()                                                  ? ENOENT
+                         : ::stat(QFile::encodeName(path).constData(), &attributes) != 0 ? errno
+                                                                                         : 0;
+        if (code == ENOENT || code == ENOTDIR) {
             reportFailure(Error::errorWithMessage(QStringLiteral("File does not exist"), 200));
             finishOperation();
             return;
         }
-        struct stat attributes
-        {
-        };
-        if (::stat(QFile::encodeName(path).constData(), &attributes) != 0) {
-            const int code = errno;
+        if (code != 0) {
             reportFailure(Error::withDomain(QStringLiteral("NSPOSIXErrorDomain"), code,
                                             QString::fromLocal8Bit(std::strerror(code))));
             finishOperation();

@@ -3,11 +3,16 @@
 // and a run stopped by 50 failures in a row.
 #include "runsupport.h"
 
+#include "scan/scantree.h"
 #include "support/devserverprocess.h"
 
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <cerrno>
+#include <cstring>
 
 namespace {
 
@@ -105,6 +110,37 @@ private slots:
         QCOMPARE(again.exitCode, 0);
         QVERIFY2(again.out.contains(QStringLiteral("Uploaded: \t0 files\nSkipped: \t8 files (already uploaded)\n")),
                  qPrintable(again.out));
+    }
+
+    // Checked before signing in: a path that is there but cannot be used is not "missing".
+    void presentPathsAreNotMissing()
+    {
+        const QString overlong = ScanTree::makeTooDeepFolder(m_files.path(), QStringLiteral("deep"));
+        const auto remove = qScopeGuard([&] { ScanTree::removeTree(m_files.filePath(QStringLiteral("deep"))); });
+        QVERIFY(overlong.toUtf8().size() > 4096);
+        const CliResult result = run({overlong});
+        QCOMPARE(result.exitCode, 2);
+        QVERIFY2(!result.err.contains(QStringLiteral("no such file")), qPrintable(result.err));
+        QVERIFY2(result.err.contains(QString::fromLocal8Bit(strerror(ENAMETOOLONG))), qPrintable(result.err));
+        const CliResult missing = run({m_files.filePath(QStringLiteral("not here"))});
+        QVERIFY(missing.err.contains(QStringLiteral("no such file or folder")));
+    }
+
+    // Files the search could not reach were not uploaded: neither a run nor a dry run ends as a success.
+    void scanErrorsFailTheRun()
+    {
+        const QString email = QStringLiteral("scanerrors@lyrabox.test");
+        QVERIFY(m_server.createAccount(email, QStringLiteral("pw")));
+        const MusicFolder music = MusicFolder::make(m_files.filePath(QStringLiteral("scanerrors")), 2, 100, 400, 41);
+        QVERIFY(!ScanTree::makeTooDeepFolder(music.root, QStringLiteral("deep")).isEmpty());
+        const auto remove = qScopeGuard([&] { ScanTree::removeTree(music.root + QStringLiteral("/deep")); });
+        for (const QStringList &extra : {QStringList{QStringLiteral("--dry-run")}, QStringList{}}) {
+            const CliResult result = run(extra + QStringList{music.root}, email);
+            QCOMPARE(result.exitCode, 1);
+            QVERIFY2(result.err.contains(QStringLiteral("1 file or folder could not be read while searching")),
+                     qPrintable(result.err));
+        }
+        QCOMPARE(libraryField(m_server.library(email)).size(), 2);
     }
 
     void failuresEndTheRunWithAnError()

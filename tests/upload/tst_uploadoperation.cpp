@@ -9,13 +9,22 @@
 #include "uploadtestsupport.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -132,6 +141,7 @@ private slots:
     void progressIsAFractionOfTheWholeBody();
     void serverErrorsCarryTheirMessageAndStatus();
     void missingFileFailsWithoutARequest();
+    void presentButUnreachableFilesAreNotMissing();
     void cancelledOperationsNeverSucceed();
     void retryWaitsBeforeItStarts();
     void unansweredUploads_data();
@@ -287,6 +297,63 @@ void TestUploadOperation::missingFileFailsWithoutARequest()
     QCOMPARE(reports.failures.first().localizedDescription(), QStringLiteral("File does not exist"));
     QCOMPARE(uploadRequests(), before);
     QCOMPARE(log.linesOf(QStringLiteral("gone.mp3")), QStringList{QStringLiteral("Task Started")});
+}
+
+// Makes `root`/x…/x…/track.mp3 longer than 4,096 bytes, folder by folder
+// (no call takes the whole path); returns it.
+static QString makeOverlongPath(const QString &root)
+{
+    const QByteArray part(250, 'x');
+    int dir = ::open(QFile::encodeName(root).constData(), O_RDONLY | O_DIRECTORY);
+    QString path = root;
+    for (int i = 0; i < 18 && dir >= 0; ++i) {
+        ::mkdirat(dir, part.constData(), 0755);
+        const int next = ::openat(dir, part.constData(), O_RDONLY | O_DIRECTORY);
+        ::close(dir);
+        dir = next;
+        path += u'/' + QString::fromLatin1(part);
+    }
+    if (dir < 0) {
+        return {};
+    }
+    const int file = ::openat(dir, "track.mp3", O_WRONLY | O_CREAT, 0644);
+    const bool written = file >= 0 && ::write(file, "music", 5) == 5;
+    ::close(file);
+    ::close(dir);
+    return written ? path + QStringLiteral("/track.mp3") : QString();
+}
+
+void TestUploadOperation::presentButUnreachableFilesAreNotMissing()
+{
+    const QString overlong = makeOverlongPath(m_dir.path());
+    // rm walks a tree this deep; QDir would not.
+    const auto remove = qScopeGuard([&] {
+        QProcess::execute(QStringLiteral("rm"), {QStringLiteral("-rf"), overlong.section(u'/', 0, -19)});
+    });
+    QVERIFY(overlong.toUtf8().size() > 4096);
+    Reports reports;
+    auto operation = makeOperation(config(overlong), &reports);
+    m_queue.addOperation(operation);
+    QVERIFY(settle(m_queue, operation, reports));
+    QCOMPARE(reports.failures.size(), 1);
+    QCOMPARE(reports.failures.first().localizedDescription(), QString::fromLocal8Bit(strerror(ENAMETOOLONG)));
+
+    if (::geteuid() == 0) {
+        QSKIP("root searches every folder; the over-long path above takes the same branch");
+    }
+    const QString locked = m_dir.filePath(QStringLiteral("locked"));
+    QVERIFY(QDir().mkpath(locked));
+    QFile track(locked + QStringLiteral("/song.mp3"));
+    QVERIFY(track.open(QIODevice::WriteOnly) && track.write("music") == 5);
+    track.close();
+    QVERIFY(::chmod(QFile::encodeName(locked).constData(), 0600) == 0);
+    const auto unlock = qScopeGuard([&] { ::chmod(QFile::encodeName(locked).constData(), 0755); });
+    Reports lockedReports;
+    auto lockedOperation = makeOperation(config(track.fileName()), &lockedReports);
+    m_queue.addOperation(lockedOperation);
+    QVERIFY(settle(m_queue, lockedOperation, lockedReports));
+    QCOMPARE(lockedReports.failures.size(), 1);
+    QCOMPARE(lockedReports.failures.first().localizedDescription(), QString::fromLocal8Bit(strerror(EACCES)));
 }
 
 void TestUploadOperation::cancelledOperationsNeverSucceed()
