@@ -1,6 +1,8 @@
 #include "session/md5checkoperation.h"
 
 #include "cd/plcvolumetype.h"
+#include "core/formatting.h"
+#include "core/logger.h"
 #include "fingerprint/filehash.h"
 #include "fingerprint/md5cache.h"
 
@@ -101,6 +103,9 @@ void Md5CheckOperation::main()
             cache.saveIfDue(kSaveInterval);
         }
         const bool known = md5 && m_knownDigests.contains(*md5);
+        if (known && m_handlers.logKnown) {
+            Logger::log(QStringLiteral("%1 - skipped").arg(lastPathComponent(path)));
+        }
         if (!runOnMainAndWait([checked = handlers.checked, path, known, done, total] {
                 if (checked) {
                     checked(path, known, done, total);

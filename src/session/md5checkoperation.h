@@ -32,6 +32,9 @@ public:
         std::function<void(const QString &path, bool known, qint64 done, qint64 total)> checked;
         // The pass ended, completed or cancelled: done / total, or 0 for none.
         std::function<void(double progress)> ended;
+        // Log "<name> - skipped" for each known file, here on the checking
+        // thread: each log line is synced to disk, too slow for the GUI thread.
+        bool logKnown = false;
     };
 
     Md5CheckOperation(QObject *context, const QStringList &snapshot, const QSet<QString> &knownDigests,

@@ -15,6 +15,7 @@
 
 #include <QFileInfo>
 #include <QPointer>
+#include <QThreadPool>
 #include <QTimer>
 
 #include <algorithm>
@@ -161,15 +162,14 @@ void SessionModel::startMd5CheckPhase()
     handlers.checked = [this](const QString &path, bool known, qint64 done, qint64 total) {
         // A file that left the found list meanwhile (the lists were emptied
         // by a start over) is not brought back.
-        if (m_files.move(path, FileList::Found, known ? FileList::Skipped : FileList::Ready) && known) {
-            Logger::log(QStringLiteral("%1 - skipped").arg(lastPathComponent(path)));
-        }
+        m_files.move(path, FileList::Found, known ? FileList::Skipped : FileList::Ready);
         md5CheckedWithProgress(total == 0 ? 0.0 : double(done) / double(total));
     };
     handlers.ended = [this](double progress) {
         setMd5CheckProgressItemOnScreen(false);
         md5CheckedWithProgress(progress);
     };
+    handlers.logKnown = true;
 
     auto operation =
         std::make_shared<Md5CheckOperation>(this, snapshot, service()->getMd5List(), firstRoot, std::move(handlers));
@@ -433,9 +433,12 @@ void SessionModel::OnStartOver()
         representative = m_files.errored().first();
     }
     if (!representative.isNull() && PLCVolumeType::isDiskAtPath(parentFolder(representative))) {
-        if (const OptionalError error = PLCAudioCDProcessor::eject(parentFolder(representative))) {
-            std::fprintf(stderr, "eject error: %s\n", qPrintable(error->localizedDescription()));
-        }
+        // Ejecting waits for the drive: a worker does it, and logs a failure.
+        QThreadPool::globalInstance()->start([folder = parentFolder(representative)] {
+            if (const OptionalError error = PLCAudioCDProcessor::eject(folder)) {
+                Logger::log(QStringLiteral("Eject error: ") + error->localizedDescription());
+            }
+        });
     }
     // Uploads still in flight would otherwise finish into the lists of the
     // next run and end it early; they stop here.
