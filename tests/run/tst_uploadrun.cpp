@@ -3,7 +3,9 @@
 // the failure prompts, fed in directly where a test needs a particular error.
 #include "runsupport.h"
 
+#include "core/logger.h"
 #include "service/lyraboxservice.h"
+#include "session/md5checkoperation.h"
 #include "session/sessionmodel.h"
 #include "support/devserverprocess.h"
 
@@ -52,6 +54,35 @@ private slots:
     {
         LyraboxService::sharedService().stopUploads();
         QTest::qWait(20);
+    }
+
+    // Each log line is synced to disk: the check writes a known file's line on its own
+    // thread, before the GUI thread hears of the file.
+    void knownFilesAreLoggedBeforeTheGuiThreadHears()
+    {
+        const QString path = writeFile(QStringLiteral("known-%1.mp3").arg(QCoreApplication::applicationPid()), "known");
+        const std::optional<QString> md5 = FileHash::md5HashOfFileAtPath(path);
+        QVERIFY(md5);
+        const QString line = QFileInfo(path).fileName() + QStringLiteral(" - skipped");
+        const qint64 logStart = Logger::logSize();
+        auto logged = [&] {
+            QFile log(Logger::logFileURL().toLocalFile());
+            return log.open(QIODevice::ReadOnly) && log.seek(logStart) &&
+                   QString::fromUtf8(log.readAll()).contains(line);
+        };
+        bool loggedAtCheck = false;
+        bool ended = false;
+        Md5CheckOperation::Handlers handlers;
+        handlers.checked = [&](const QString &, bool known, qint64, qint64) { loggedAtCheck = known && logged(); };
+        handlers.ended = [&](double) { ended = true; };
+        handlers.logKnown = true;
+        QObject context;
+        OperationQueue queue;
+        queue.addOperation(std::make_shared<Md5CheckOperation>(&context, QStringList{path}, QSet<QString>{*md5},
+                                                               m_files.path(), std::move(handlers)));
+        QTRY_VERIFY_WITH_TIMEOUT(ended, 10000);
+        QVERIFY(loggedAtCheck);
+        queue.waitUntilAllOperationsAreFinished();
     }
 
     void countOutsideOneToSixAsksAndStartsNothing()
