@@ -7,6 +7,7 @@
 #include "core/logger.h"
 #include "platform/operationqueue.h"
 #include "protocol/clientfields.h"
+#include "protocol/transporterror.h"
 #include "service/lyraboxservice.h"
 
 #include <QCryptographicHash>
@@ -14,8 +15,14 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QProcess>
 #include <QRegularExpression>
+#include <QSslCertificate>
+#include <QSslKey>
+#include <QSslServer>
+#include <QSslSocket>
 #include <QTcpServer>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
 
@@ -195,6 +202,54 @@ private slots:
         // Appended to, never emptied: two verifications keep ".FLAC" twice, as "flac".
         QCOMPARE(service.getSupportedFormatList(), QStringList({"flac", "flac"}));
         QCOMPARE(newLog().first(), "VerifyLogin");
+    }
+
+    // Certificate checks are never turned off: a server with a self-signed certificate is
+    // refused before anything is sent, with a message that says why.
+    void selfSignedCertificateIsRefused()
+    {
+        QTemporaryDir keys;
+        const QString key = keys.filePath(QStringLiteral("key.pem"));
+        const QString certificate = keys.filePath(QStringLiteral("cert.pem"));
+        const int made =
+            QProcess::execute(QStringLiteral("openssl"),
+                              {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj", "/CN=127.0.0.1",
+                               "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", key, "-out", certificate});
+        if (made != 0) {
+            QSKIP("openssl could not make a certificate");
+        }
+        QFile keyFile(key);
+        QFile certificateFile(certificate);
+        QVERIFY(keyFile.open(QIODevice::ReadOnly) && certificateFile.open(QIODevice::ReadOnly));
+        QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+        configuration.setPrivateKey(QSslKey(keyFile.readAll(), QSsl::Rsa));
+        configuration.setLocalCertificate(QSslCertificate(certificateFile.readAll()));
+        configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
+        QSslServer server;
+        server.setSslConfiguration(configuration);
+        int handshakes = 0;
+        int requests = 0;
+        connect(&server, &QSslServer::startedEncryptionHandshake, this, [&] { ++handshakes; });
+        connect(&server, &QSslServer::pendingConnectionAvailable, this, [&] {
+            while (QTcpSocket *socket = server.nextPendingConnection()) {
+                connect(socket, &QIODevice::readyRead, this, [&requests] { ++requests; });
+            }
+        });
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        qputenv("PELICANE_API_URL", QStringLiteral("https://127.0.0.1:%1/s/JSON/").arg(server.serverPort()).toUtf8());
+
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        service.loginWithEmail("a@b.c", "pw");
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        const OptionalError error = delegate.calls.first().error;
+        QVERIFY(error);
+        QCOMPARE(error->code(), TransportError::SecureConnectionFailed);
+        QCOMPARE(error->localizedDescription(),
+                 QStringLiteral("An SSL error has occurred and a secure connection to the server cannot be made."));
+        QVERIFY(handshakes >= 1);
+        QCOMPARE(requests, 0);
     }
 
     void userIdGoesBackAsReceived_data()
