@@ -75,6 +75,7 @@ private slots:
     void abortIsConfirmed();
     void errorLineDetailsAndOpenFolder();
     void startedFromTheMainWindow();
+    void failuresThatEndTheRunStayOnScreen();
 
 private:
     std::unique_ptr<DownloadLibraryController> makeWindow(const QString &folder);
@@ -181,6 +182,36 @@ void TestLibraryWindow::errorLineDetailsAndOpenFolder()
     QCOMPARE(m_willClose, 1);
     QVERIFY(!window->isVisible());
     QCOMPARE(seen.size(), 1);
+}
+
+void TestLibraryWindow::failuresThatEndTheRunStayOnScreen()
+{
+    // The header request fails: no "Configuring" for ever, the reason is shown, Close closes.
+    QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "header"}, {"drop_after_bytes", 0}, {"count", 0}}));
+    QTemporaryDir folder;
+    auto window = makeWindow(folder.path());
+    Ui::DownloadLibraryController *ui = window->ui();
+    QTRY_VERIFY_WITH_TIMEOUT(ui->errorInfoTextField->isVisible(), kTimeout);
+    QVERIFY2(!ui->actionTextField->text().startsWith(QStringLiteral("Configuring")),
+             qPrintable(ui->actionTextField->text()));
+    QCOMPARE(ui->errorInfoTextField->text(), QStringLiteral("The network connection was lost."));
+    ui->cancelButton->click();
+    QCOMPARE(m_willClose, 1);
+    QVERIFY(m_server.clearFaults());
+
+    // The second segment cannot be extracted (a folder stands where a track goes): the
+    // window says the download is incomplete and why, after the first segment arrived.
+    QTemporaryDir second;
+    QVERIFY(QDir().mkpath(
+        QDir(second.path()).filePath(QStringLiteral("My Lyrabox Library/") + LibraryTest::trackName(60))));
+    window = makeWindow(second.path());
+    ui = window->ui();
+    QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Download Incomplete"), kTimeout);
+    QVERIFY(ui->errorInfoTextField->isVisible());
+    QVERIFY2(ui->errorInfoTextField->text().contains(QStringLiteral("could not be extracted")),
+             qPrintable(ui->errorInfoTextField->text()));
+    ui->cancelButton->click();
+    QCOMPARE(m_willClose, 1);
 }
 
 void TestLibraryWindow::startedFromTheMainWindow()
