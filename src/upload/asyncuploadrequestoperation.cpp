@@ -364,8 +364,14 @@ void AsyncUploadRequestOperation::handleUploadProgress(qint64 bytesSent, qint64 
     if (!fileLoadProgressBlock) {
         return;
     }
-    // Against the whole body, envelopes included: 100% means every byte went out.
-    const double fraction = std::min(1.0, double(bytesSent) / double(bytesTotal));
+    // A file's progress is against the whole body, envelopes included, so 100%
+    // means every byte went out. A CD track's is against its raw audio size,
+    // which the smaller FLAC body never reaches.
+    const double divisor =
+        m_isUploadingAudioCD.load()
+            ? double(m_fileSize.load() + m_body->headerBytesRemaining() + m_body->footerBytesRemaining())
+            : double(bytesTotal);
+    const double fraction = divisor > 0 ? std::min(1.0, double(bytesSent) / divisor) : 0.0;
     m_lastKnownProgress = fraction * 100.0;
     const auto percent = quint64(fraction * 100.0);
     if (percent != m_lastProgress) {
