@@ -18,8 +18,7 @@
 namespace {
 
 // What a person reads for an absent field (the log's "(null)" is for machines).
-template <typename T>
-QString shown(const std::optional<T> &value)
+template <typename T> QString shown(const std::optional<T> &value)
 {
     return value ? describeOptional(value) : QStringLiteral("unknown");
 }
@@ -127,8 +126,8 @@ void printText(QTextStream &out, const DiscMetadata &metadata)
         for (const QString &path : metadata.trackPaths) {
             const PLCID3Tag tag = metadata.tags->value(path);
             out << "  " << path << "\n"
-                << "    track " << shown(tag.track()) << "/" << shown(tag.totalTracks())
-                << ", disc " << shown(tag.discNumber()) << ", year " << shown(tag.year()) << "\n"
+                << "    track " << shown(tag.track()) << "/" << shown(tag.totalTracks()) << ", disc "
+                << shown(tag.discNumber()) << ", year " << shown(tag.year()) << "\n"
                 << "    title: " << shown(tag.title()) << "\n"
                 << "    artist: " << shown(tag.artist()) << "\n"
                 << "    album: " << shown(tag.album()) << "\n"

@@ -1,7 +1,7 @@
 #include "platform/crashreporter.h"
 
-#include "core/logger.h"
 #include "core/appinfo.h"
+#include "core/logger.h"
 #include "core/paths.h"
 
 #include <QDateTime>

@@ -20,5 +20,6 @@ void dispatchSyncMain(const std::function<void()> &fn)
         fn();
         return;
     }
-    QMetaObject::invokeMethod(QCoreApplication::instance(), [&fn] { fn(); }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(), [&fn] { fn(); }, Qt::BlockingQueuedConnection);
 }

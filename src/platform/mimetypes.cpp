@@ -26,7 +26,8 @@ QString mimeTypeForExtension(const QString &extension)
         return *it;
     }
     if (!ext.isEmpty()) {
-        const QMimeType type = QMimeDatabase().mimeTypeForFile(QStringLiteral("x.") + ext, QMimeDatabase::MatchExtension);
+        const QMimeType type =
+            QMimeDatabase().mimeTypeForFile(QStringLiteral("x.") + ext, QMimeDatabase::MatchExtension);
         if (type.isValid() && !type.isDefault()) {
             return type.name();
         }

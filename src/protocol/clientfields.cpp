@@ -16,7 +16,8 @@ QString deviceName()
 
 QString userAgent(const QString &suffix)
 {
-    return QStringLiteral("Lyrabox %1 %2 (%3)%4").arg(client(), AppInfo::shortVersion(), AppInfo::buildNumber(), suffix);
+    return QStringLiteral("Lyrabox %1 %2 (%3)%4")
+        .arg(client(), AppInfo::shortVersion(), AppInfo::buildNumber(), suffix);
 }
 
 QString version()

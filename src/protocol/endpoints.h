@@ -10,13 +10,13 @@
 // program at 127.0.0.1.
 namespace Endpoints {
 
-QUrl apiURL();            // PELICANE_API_URL: the JSON API, whole ("/s/JSON/")
-QUrl uploadURL();         // PELICANE_UPLOAD_URL: upload root (digest list, uploads)
-QUrl downloadURL();       // PELICANE_DOWNLOAD_URL: library download; the query is appended after "?"
+QUrl apiURL();             // PELICANE_API_URL: the JSON API, whole ("/s/JSON/")
+QUrl uploadURL();          // PELICANE_UPLOAD_URL: upload root (digest list, uploads)
+QUrl downloadURL();        // PELICANE_DOWNLOAD_URL: library download; the query is appended after "?"
 QString musicBrainzHost(); // PELICANE_MUSICBRAINZ_SERVER as host:port
 int musicBrainzPort();
-QUrl coverArtURL();       // PELICANE_COVERART_URL
-QUrl discogsURL();        // PELICANE_DISCOGS_URL
+QUrl coverArtURL(); // PELICANE_COVERART_URL
+QUrl discogsURL();  // PELICANE_DISCOGS_URL
 // PELICANE_ACCURATERIP_URL: the AccurateRip database root, before "accuraterip/a/b/c/dBAR-….bin"
 QUrl accurateRipURL();
 

@@ -1,9 +1,9 @@
 // The upload dispatch of the service client: one configuration and one
 // upload operation per file, wired to the delegate.
 
-#include "core/logger.h"
 #include "cd/plcvolumetype.h"
 #include "core/formatting.h"
+#include "core/logger.h"
 #include "platform/operationqueue.h"
 #include "protocol/clientfields.h"
 #include "protocol/endpoints.h"

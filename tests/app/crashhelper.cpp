@@ -1,8 +1,8 @@
 // Crashes in the way named by its argument, with the crash reporter running:
 //   segv       a write through a null pointer
 //   exception  a std::runtime_error thrown from an event handler
-#include "core/logger.h"
 #include "app/reportexceptionapplication.h"
+#include "core/logger.h"
 #include "platform/crashreporter.h"
 
 #include <QEvent>

@@ -1,7 +1,7 @@
 #include "app/appdelegate.h"
-#include "core/logger.h"
 #include "app/splashwindowcontroller.h"
 #include "core/appinfo.h"
+#include "core/logger.h"
 #include "platform/crashreporter.h"
 #include "session/sessionmodel.h"
 #include "session/ui/mainwindowcontroller.h"

@@ -1,5 +1,5 @@
-#include "core/logger.h"
 #include "cd/id3writer.h"
+#include "core/logger.h"
 
 #include <taglib/attachedpictureframe.h>
 #include <taglib/commentsframe.h>

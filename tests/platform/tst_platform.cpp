@@ -1,5 +1,5 @@
-#include "platform/dispatch.h"
 #include "core/paths.h"
+#include "platform/dispatch.h"
 #include "platform/settings.h"
 
 #include <QFileInfo>
