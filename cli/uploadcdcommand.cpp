@@ -4,7 +4,9 @@
 // album data from the options or the terminal, then runs the same session as
 // the main window: each track is ripped, encoded to FLAC and uploaded, one at
 // a time.
+#include "cli/arguments.h"
 #include "cli/commands.h"
+#include "cli/sessionterminalprompter.h"
 #include "cli/signin.h"
 #include "cli/terminal.h"
 
@@ -86,15 +88,11 @@ std::optional<UploadCDOptions> parseOptions(const QStringList &args, QString *er
 {
     UploadCDOptions options;
     QStringList positional;
-    bool optionsEnded = false;
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        QString arg = args.at(i);
-        if (optionsEnded || !arg.startsWith(QLatin1Char('-')) || arg == QLatin1String("-")) {
+    ArgumentScanner scanner(args);
+    while (scanner.next()) {
+        const QString &arg = scanner.current();
+        if (!scanner.isOption()) {
             positional.append(arg);
-            continue;
-        }
-        if (arg == QLatin1String("--")) {
-            optionsEnded = true;
             continue;
         }
         if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
@@ -105,29 +103,6 @@ std::optional<UploadCDOptions> parseOptions(const QStringList &args, QString *er
             options.yes = true;
             continue;
         }
-        QString inlineValue;
-        bool hasInlineValue = false;
-        if (const qsizetype eq = arg.indexOf(QLatin1Char('=')); eq > 0) {
-            inlineValue = arg.mid(eq + 1);
-            arg.truncate(eq);
-            hasInlineValue = true;
-        }
-        std::optional<QString> value;
-        if (hasInlineValue) {
-            value = inlineValue;
-        } else if (i + 1 < args.size()) {
-            value = args.at(i + 1);
-        }
-        const auto take = [&]() -> std::optional<QString> {
-            if (!value) {
-                *error = QStringLiteral("%1 needs a value").arg(arg);
-                return std::nullopt;
-            }
-            if (!hasInlineValue) {
-                ++i;
-            }
-            return value;
-        };
         std::optional<QString> *slot = nullptr;
         QString *plain = nullptr;
         if (arg == QLatin1String("--album")) {
@@ -143,10 +118,10 @@ std::optional<UploadCDOptions> parseOptions(const QStringList &args, QString *er
         } else if (arg == QLatin1String("--tag")) {
             plain = &options.tag;
         } else {
-            *error = QStringLiteral("unknown option %1").arg(args.at(i));
+            *error = QStringLiteral("unknown option %1").arg(scanner.raw());
             return std::nullopt;
         }
-        const std::optional<QString> taken = take();
+        const std::optional<QString> taken = scanner.takeValue(error);
         if (!taken) {
             return std::nullopt;
         }
@@ -249,38 +224,12 @@ QString ask(const QString &question, const QString &found)
 
 // Answers the session: the one disc given, the album data of the options,
 // "CD Rip Error" with Skip, every other message printed.
-class CliCDPrompter : public SessionPrompter, public AudioCDPrompter
+class CliCDPrompter : public SessionTerminalPrompter, public AudioCDPrompter
 {
 public:
-    CliCDPrompter(const UploadCDOptions &options, StatusLine &status) : m_options(options), m_status(status) {}
-
-    int showAlertWithMessageText(const QString &messageText, const QString &informativeText, const QString &,
-                                 const QString &, const QString &) override
-    {
-        m_visible = true;
-        m_status.endLine();
-        QTextStream err(stderr);
-        err << messageText;
-        if (!informativeText.isEmpty()) {
-            err << (messageText.isEmpty() ? "" : ": ") << informativeText;
-        }
-        err << Qt::endl;
-        if (onAlert) {
-            onAlert(messageText, informativeText);
-        }
-        m_visible = false;
-        return messageText == QLatin1String("CD Rip Error") ? kAlertSecondButtonReturn : kAlertFirstButtonReturn;
-    }
-    bool hasVisibleAlert() const override { return m_visible; }
-    void startWaitingAnimation(const QString &reason) override
-    {
-        if (reason != m_reason) {
-            m_status.endLine();
-            QTextStream(stderr) << reason << Qt::endl;
-            m_reason = reason;
-        }
-    }
-    void stopWaitingAnimation() override {}
+    CliCDPrompter(const UploadCDOptions &options, StatusLine &status)
+        : SessionTerminalPrompter(status), m_options(options)
+    {}
 
     // The command starts the sequence with its one disc; the chooser never opens.
     void chooseDisk(const QStringList &disks, std::function<void(int, const QString &)> done) override
@@ -316,13 +265,8 @@ public:
     }
     void refillAlbumPrompt(const AlbumPromptInput &) override {}
 
-    std::function<void(const QString &message, const QString &informative)> onAlert;
-
 private:
     const UploadCDOptions &m_options;
-    StatusLine &m_status;
-    bool m_visible = false;
-    QString m_reason;
 };
 
 // "Track 2 of 12: Reading 45% Gull Song".

@@ -3,7 +3,9 @@
 // Signs in, scans the folders and runs the same session model as the main
 // window, with the same lists and the same log. The session's prompts are
 // answered by fixed defaults, documented in the usage text below.
+#include "cli/arguments.h"
 #include "cli/commands.h"
+#include "cli/sessionterminalprompter.h"
 #include "cli/signin.h"
 #include "cli/terminal.h"
 #include "cli/uploadprogress.h"
@@ -82,46 +84,21 @@ struct UploadOptions
 std::optional<UploadOptions> parseOptions(const QStringList &args, QString *error)
 {
     UploadOptions options;
-    bool optionsEnded = false;
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        QString arg = args.at(i);
-        if (optionsEnded || !arg.startsWith(QLatin1Char('-')) || arg == QLatin1String("-")) {
+    ArgumentScanner scanner(args);
+    while (scanner.next()) {
+        const QString &arg = scanner.current();
+        if (!scanner.isOption()) {
             options.folders.append(arg);
-            continue;
-        }
-        if (arg == QLatin1String("--")) {
-            optionsEnded = true;
-            continue;
-        }
-        if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
+        } else if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
             options.help = true;
-            continue;
-        }
-        QString inlineValue;
-        bool hasInlineValue = false;
-        if (const qsizetype eq = arg.indexOf(QLatin1Char('=')); eq > 0) {
-            inlineValue = arg.mid(eq + 1);
-            arg.truncate(eq);
-            hasInlineValue = true;
-        }
-        auto takeValue = [&]() -> std::optional<QString> {
-            if (hasInlineValue) {
-                return inlineValue;
-            }
-            if (i + 1 >= args.size()) {
-                *error = QStringLiteral("%1 needs a value").arg(arg);
-                return std::nullopt;
-            }
-            return args.at(++i);
-        };
-        if (arg == QLatin1String("--playlist") || arg == QLatin1String("--tag")) {
-            const std::optional<QString> value = takeValue();
+        } else if (arg == QLatin1String("--playlist") || arg == QLatin1String("--tag")) {
+            const std::optional<QString> value = scanner.takeValue(error);
             if (!value) {
                 return std::nullopt;
             }
             (arg == QLatin1String("--playlist") ? options.playlist : options.tag) = *value;
         } else if (arg == QLatin1String("--threads")) {
-            const std::optional<QString> value = takeValue();
+            const std::optional<QString> value = scanner.takeValue(error);
             if (!value) {
                 return std::nullopt;
             }
@@ -132,12 +109,12 @@ std::optional<UploadOptions> parseOptions(const QStringList &args, QString *erro
                              .arg(SessionModel::kMaxSimultaneousUploads);
                 return std::nullopt;
             }
-        } else if (arg == QLatin1String("--reupload") && !hasInlineValue) {
+        } else if (arg == QLatin1String("--reupload") && !scanner.hasInlineValue()) {
             options.reupload = true;
-        } else if (arg == QLatin1String("--dry-run") && !hasInlineValue) {
+        } else if (arg == QLatin1String("--dry-run") && !scanner.hasInlineValue()) {
             options.dryRun = true;
         } else {
-            *error = QStringLiteral("unknown option %1").arg(args.at(i));
+            *error = QStringLiteral("unknown option %1").arg(scanner.raw());
             return std::nullopt;
         }
     }
@@ -168,53 +145,6 @@ std::optional<UploadOptions> parseOptions(const QStringList &args, QString *erro
     }
     return options;
 }
-
-// Answers the session's prompts by the documented defaults.
-class TerminalPrompter : public SessionPrompter
-{
-public:
-    explicit TerminalPrompter(StatusLine &status) : m_status(status) {}
-
-    int showAlertWithMessageText(const QString &messageText, const QString &informativeText, const QString &,
-                                 const QString &, const QString &) override
-    {
-        m_visible = true;
-        m_status.endLine();
-        QTextStream err(stderr);
-        err << messageText;
-        if (!informativeText.isEmpty()) {
-            err << (messageText.isEmpty() ? "" : ": ") << informativeText;
-        }
-        err << Qt::endl;
-        if (onAlert) {
-            onAlert(messageText, informativeText);
-        }
-        m_visible = false;
-        return messageText == QLatin1String("CD Rip Error") ? kAlertSecondButtonReturn : kAlertFirstButtonReturn;
-    }
-
-    bool hasVisibleAlert() const override { return m_visible; }
-
-    void startWaitingAnimation(const QString &reason) override
-    {
-        if (reason != m_reason) {
-            m_status.endLine();
-            QTextStream(stderr) << reason << Qt::endl;
-            m_reason = reason;
-        }
-    }
-
-    // The reason stays, so that the same step announced twice in a row (the
-    // list read, then the session check) shows once.
-    void stopWaitingAnimation() override {}
-
-    std::function<void(const QString &message, const QString &informative)> onAlert;
-
-private:
-    StatusLine &m_status;
-    bool m_visible = false;
-    QString m_reason;
-};
 
 // Reads the digest list for a dry run. The service reports the list only to
 // a delegate that takes the sign-in answer as well.
@@ -323,7 +253,7 @@ int runUploadCommand(const QStringList &args)
     }
 
     StatusLine status;
-    TerminalPrompter prompter(status);
+    SessionTerminalPrompter prompter(status);
     SessionModel session(&prompter);
     session.attachToService();
     UploadProgressMeter meter(&session);

@@ -1,4 +1,5 @@
 #include "accuraterip.h"
+#include "discservices.h"
 
 #include <httplib.h>
 
@@ -6,25 +7,11 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <chrono>
-#include <thread>
-
 namespace {
 
 QString toText(const std::string &text)
 {
     return QString::fromUtf8(text.data(), qsizetype(text.size()));
-}
-
-void applyDelay(const QString &path)
-{
-    QFile delay(path + QStringLiteral(".delay"));
-    if (delay.open(QIODevice::ReadOnly)) {
-        const int ms = QString::fromUtf8(delay.readAll()).trimmed().toInt();
-        if (ms > 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-        }
-    }
 }
 
 } // namespace
@@ -48,7 +35,7 @@ void registerRoutes(httplib::Server &server, const QString &dataDirectory)
                 res.set_content("Not Found\n", "text/plain");
                 return;
             }
-            applyDelay(path);
+            DiscServices::applyAnswerDelay(path);
             const QByteArray body = file.readAll();
             res.status = 200;
             res.set_content(body.constData(), size_t(body.size()), "application/octet-stream");

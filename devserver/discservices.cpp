@@ -53,18 +53,6 @@ const char *contentTypeOf(const QString &path)
     return "application/octet-stream";
 }
 
-// Waits as long as the answer file's ".delay" companion says.
-void applyDelay(const QString &path)
-{
-    QFile delay(path + QStringLiteral(".delay"));
-    if (delay.open(QIODevice::ReadOnly)) {
-        const int ms = QString::fromUtf8(delay.readAll()).trimmed().toInt();
-        if (ms > 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-        }
-    }
-}
-
 void sendText(httplib::Response &res, int status, const QByteArray &body, const char *type)
 {
     res.status = status;
@@ -78,7 +66,7 @@ bool sendFile(httplib::Response &res, const QString &path, const QByteArray &bas
     if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly)) {
         return false;
     }
-    applyDelay(path);
+    DiscServices::applyAnswerDelay(path);
     QByteArray body = file.readAll();
     if (!base.isEmpty()) {
         body.replace("{base}", base);
@@ -104,6 +92,17 @@ QByteArray baseOf(const httplib::Request &req)
 } // namespace
 
 namespace DiscServices {
+
+void applyAnswerDelay(const QString &path)
+{
+    QFile delay(path + QStringLiteral(".delay"));
+    if (delay.open(QIODevice::ReadOnly)) {
+        const int ms = QString::fromUtf8(delay.readAll()).trimmed().toInt();
+        if (ms > 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        }
+    }
+}
 
 QString discogsFileName(const QString &artist, const QString &releaseTitle)
 {

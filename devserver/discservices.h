@@ -22,6 +22,9 @@ namespace DiscServices {
 
 void registerRoutes(httplib::Server &server, const QString &dataDirectory);
 
+// Waits as long as the answer file's ".delay" companion says.
+void applyAnswerDelay(const QString &path);
+
 // The Discogs answer file's name for a search.
 QString discogsFileName(const QString &artist, const QString &releaseTitle);
 
