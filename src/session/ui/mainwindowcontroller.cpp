@@ -230,6 +230,10 @@ void MainWindowController::setupLogFileButtons()
     palette.setColor(QPalette::ButtonText, kLogLinkColor);
     m_ui->logFileButton->setPalette(palette);
     m_ui->logFileButton->setCursor(Qt::PointingHandCursor);
+    // A long log path must not set the window's narrowest width; the whole
+    // path stays in the tooltip.
+    m_ui->logFileButton->setToolTip(m_ui->logFileButton->text());
+    m_ui->logFileButton->setSizePolicy(QSizePolicy::Ignored, m_ui->logFileButton->sizePolicy().verticalPolicy());
 
     const qint64 size = Logger::logSize();
     if (size < kClearLogThreshold) {
