@@ -325,15 +325,10 @@ int runUploadCDCommand(const QStringList &args)
     QTextStream err(stderr);
     QString parseError;
     const std::optional<UploadCDOptions> parsed = parseOptions(args, &parseError);
-    if (!parsed) {
-        err << "pelicane-cli upload-cd: " << parseError << "\n\n" << kUsage << Qt::flush;
-        return ExitUsage;
+    if (const std::optional<int> exit = exitBeforeRun(parsed, "upload-cd", parseError, kUsage)) {
+        return *exit;
     }
     const UploadCDOptions &options = *parsed;
-    if (options.help) {
-        out << kUsage << Qt::flush;
-        return ExitSuccess;
-    }
     const std::optional<QString> volume = discVolume(options.disc, &parseError);
     if (!volume) {
         err << "pelicane-cli upload-cd: " << parseError << Qt::endl;
@@ -359,19 +354,10 @@ int runUploadCDCommand(const QStringList &args)
         exitStatus = code;
         loop.exit(code);
     };
-    prompter.onAlert = [&](const QString &message, const QString &informative) {
-        if (message == QLatin1String("Could not rip from CD") || message == QLatin1String("Error starting upload") ||
-            message == QLatin1String("Error Starting Upload")) {
-            QTimer::singleShot(0, &loop, [&] { finish(ExitNotStarted); });
-        } else if (message == QLatin1String("Upload Error") && running) {
-            stopReason = informative;
-            QTimer::singleShot(0, &loop, [&] { session.OnCancelUpload(); });
-        }
-    };
-    QObject::connect(&session, &SessionModel::sessionExpired, &loop, [&] {
-        stopReason = QStringLiteral("session expired");
-        QTimer::singleShot(0, &loop, [&] { finish(ExitNotStarted); });
-    });
+    prompter.stopRunOn(session, &loop,
+                       {QStringLiteral("Could not rip from CD"), QStringLiteral("Error starting upload"),
+                        QStringLiteral("Error Starting Upload")},
+                       ExitNotStarted, finish, &stopReason, &running);
     QObject::connect(&session, &SessionModel::audioCDMetadataCompiled, &loop, [&](const DiscMetadata &metadata) {
         status.endLine();
         printMetadata(out, metadata);

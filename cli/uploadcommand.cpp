@@ -238,15 +238,10 @@ int runUploadCommand(const QStringList &args)
     QTextStream err(stderr);
     QString parseError;
     const std::optional<UploadOptions> parsed = parseOptions(args, &parseError);
-    if (!parsed) {
-        err << "pelicane-cli upload: " << parseError << "\n\n" << kUsage << Qt::flush;
-        return ExitUsage;
+    if (const std::optional<int> exit = exitBeforeRun(parsed, "upload", parseError, kUsage)) {
+        return *exit;
     }
     const UploadOptions &options = *parsed;
-    if (options.help) {
-        out << kUsage << Qt::flush;
-        return ExitSuccess;
-    }
 
     if (!CliSignIn::signInInteractively()) {
         return ExitNotStarted;
@@ -268,20 +263,9 @@ int runUploadCommand(const QStringList &args)
         loop.exit(code);
     };
 
-    prompter.onAlert = [&](const QString &message, const QString &informative) {
-        if (message == QLatin1String("Error starting upload") || message == QLatin1String("Error Starting Upload")) {
-            QTimer::singleShot(0, &loop, [&] { finish(ExitNotStarted); });
-        } else if (message == QLatin1String("Upload Error") && running) {
-            // The session has paused the run; it ends here with what is done.
-            stopReason = informative;
-            QTimer::singleShot(0, &loop, [&] { session.OnCancelUpload(); });
-        }
-    };
-
-    QObject::connect(&session, &SessionModel::sessionExpired, &loop, [&] {
-        stopReason = QStringLiteral("session expired");
-        QTimer::singleShot(0, &loop, [&] { finish(ExitNotStarted); });
-    });
+    prompter.stopRunOn(session, &loop,
+                       {QStringLiteral("Error starting upload"), QStringLiteral("Error Starting Upload")},
+                       ExitNotStarted, finish, &stopReason, &running);
 
     // --- Scan -------------------------------------------------------------------
     session.setMainPageType(MainPageTypeSearch);
