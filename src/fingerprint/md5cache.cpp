@@ -101,12 +101,15 @@ std::optional<MD5Cache::Dictionary> MD5Cache::readFile(const QString &path)
     if (!file.open(QIODevice::ReadOnly)) {
         return std::nullopt;
     }
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
+    return parse(file.readAll());
+}
+
+std::optional<MD5Cache::Dictionary> MD5Cache::parse(const QByteArray &json)
+{
+    const QJsonDocument document = QJsonDocument::fromJson(json);
     if (!document.isObject()) {
         return std::nullopt;
     }
-    // Anything but an object of entry objects with a numeric "ts" is a file of
-    // another shape, which counts as no cache at all.
     const QJsonObject object = document.object();
     Dictionary loaded;
     loaded.reserve(object.size());
@@ -122,6 +125,25 @@ std::optional<MD5Cache::Dictionary> MD5Cache::readFile(const QString &path)
         loaded.insert(it.key(), Entry{entry.value(kMD5Key), ts.toDouble()});
     }
     return loaded;
+}
+
+QByteArray MD5Cache::serialize(const Dictionary &cache)
+{
+    // Inserting keys in sorted order appends to the object's storage, which
+    // keeps building a cache of 100,000 entries linear.
+    QStringList paths = cache.keys();
+    std::sort(paths.begin(), paths.end());
+    QJsonObject object;
+    for (const QString &path : std::as_const(paths)) {
+        const Entry &entry = *cache.constFind(path);
+        QJsonObject value;
+        if (!entry.md5.isUndefined()) {
+            value.insert(kMD5Key, entry.md5);
+        }
+        value.insert(kTimestampKey, entry.ts);
+        object.insert(path, value);
+    }
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
 
 MD5Cache::Dictionary MD5Cache::cache() const
@@ -235,21 +257,7 @@ void MD5Cache::save()
         }
     }
 
-    // Inserting keys in sorted order appends to the object's storage, which
-    // keeps building a cache of 100,000 entries linear.
-    QStringList paths = merged.keys();
-    std::sort(paths.begin(), paths.end());
-    QJsonObject object;
-    for (const QString &path : std::as_const(paths)) {
-        const Entry &entry = *merged.constFind(path);
-        QJsonObject value;
-        if (!entry.md5.isUndefined()) {
-            value.insert(kMD5Key, entry.md5);
-        }
-        value.insert(kTimestampKey, entry.ts);
-        object.insert(path, value);
-    }
-    const QByteArray json = QJsonDocument(object).toJson(QJsonDocument::Compact);
+    const QByteArray json = serialize(merged);
     QSaveFile file(m_filePath);
     file.setDirectWriteFallback(false);
     const bool written = file.open(QIODevice::WriteOnly) && file.write(json) == json.size() && file.commit();

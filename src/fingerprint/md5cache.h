@@ -56,6 +56,13 @@ public:
     Dictionary cache() const;
     void setCache(const Dictionary &cache);
 
+    // The file's contents read: nothing when it is not an object of entry
+    // objects each with a numeric "ts" (a file of another shape counts as no
+    // cache at all).
+    static std::optional<Dictionary> parse(const QByteArray &json);
+    // The file's contents for `cache`, keys in sorted order.
+    static QByteArray serialize(const Dictionary &cache);
+
     // Where the cache file lives, or empty (after a log line) when the data
     // folder cannot be had. Computed on every call; the default constructor
     // uses a value computed once per process.
