@@ -7,6 +7,7 @@
 #include "protocol/clientfields.h"
 #include "protocol/endpoints.h"
 #include "protocol/httpstatuscodemap.h"
+#include "protocol/serviceanswer.h"
 #include "protocol/transporterror.h"
 #include "protocol/urlencoding.h"
 
@@ -14,7 +15,6 @@
 #include <QCryptographicHash>
 #include <QDeadlineTimer>
 #include <QEventLoop>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QMutex>
 #include <QNetworkAccessManager>
@@ -38,48 +38,6 @@ QSet<LyraboxService *> &registry()
 {
     static QSet<LyraboxService *> services;
     return services;
-}
-
-// The service's truth test for envelope values: true, a non-zero number, or text that
-// starts (after blanks, a sign and zeros) with Y, y, T, t or a digit 1 to 9, as "1" does.
-bool boolValue(const QJsonValue &value)
-{
-    if (value.isBool())
-        return value.toBool();
-    if (value.isDouble())
-        return value.toDouble() != 0.0;
-    if (!value.isString())
-        return false;
-    const QString text = value.toString();
-    qsizetype i = 0;
-    while (i < text.size() && text.at(i).isSpace())
-        ++i;
-    if (i < text.size() && (text.at(i) == QLatin1Char('+') || text.at(i) == QLatin1Char('-')))
-        ++i;
-    while (i < text.size() && text.at(i) == QLatin1Char('0'))
-        ++i;
-    if (i == text.size())
-        return false;
-    const QChar c = text.at(i);
-    return c == QLatin1Char('Y') || c == QLatin1Char('y') || c == QLatin1Char('T') || c == QLatin1Char('t') ||
-           (c >= QLatin1Char('1') && c <= QLatin1Char('9'));
-}
-
-// A text field as the envelope sends it; numbers are taken in their decimal form, and an
-// absent value is a null string.
-QString textValue(const QJsonValue &value)
-{
-    if (value.isString())
-        return value.toString();
-    if (value.isDouble()) {
-        const double number = value.toDouble();
-        if (number == double(qint64(number)))
-            return QString::number(qint64(number));
-        return QString::number(number);
-    }
-    if (value.isBool())
-        return value.toBool() ? QStringLiteral("1") : QStringLiteral("0");
-    return QString();
 }
 
 QString authToken()
@@ -182,7 +140,7 @@ void LyraboxService::loginWithEmail(const QString &email, const QString &passwor
             if (response.envelopeRead && response.result) {
                 storeCredentials(response.envelope);
                 Logger::log(QStringLiteral(" - Logged in: %1 (%2)").arg(nullable(email), nullable(m_userId)));
-            } else if (response.envelopeRead && boolValue(response.envelope.value("maintenance"))) {
+            } else if (response.envelopeRead && ServiceAnswer::truthValue(response.envelope.value("maintenance"))) {
                 error = Error::maintenanceErrorWithMessage(response.message);
             }
             notifyDelegate(LyraboxServiceDelegate::Operation::DidLogin,
@@ -202,7 +160,7 @@ void LyraboxService::verifyLogin()
             // session: a network failure is never taken for a lost sign-in.
             bool authenticated = true;
             if (response.envelopeRead) {
-                authenticated = boolValue(response.envelope.value("authenticated"));
+                authenticated = ServiceAnswer::truthValue(response.envelope.value("authenticated"));
                 if (response.result)
                     storeCredentials(response.envelope);
             }
@@ -227,12 +185,8 @@ void LyraboxService::readMd5List()
         Logger::log(QStringLiteral("ReadMD5List"));
         m_md5List.clear();
         sendFormRequest([this](const Response &response) {
-            if (response.envelopeRead && response.result) {
-                for (const QJsonValue &digest : response.envelope.value("md5").toArray()) {
-                    if (digest.isString())
-                        m_md5List.insert(digest.toString());
-                }
-            }
+            if (response.envelopeRead && response.result)
+                m_md5List.unite(ServiceAnswer::md5List(response.envelope));
             const OptionalError error = response.error;
             // Sent only to a delegate that also implements the sign-in callback; kept so on
             // purpose, as the session relies on both together.
@@ -383,9 +337,8 @@ LyraboxService::Response LyraboxService::classify(QNetworkReply *reply, bool tim
         response.error = Error::errorWithMessage(HTTPStatusCodeMap::errorText(response.statusCode));
         return response;
     }
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(reply->readAll(), &parseError);
-    if (parseError.error != QJsonParseError::NoError) {
+    const std::optional<ServiceAnswer::Envelope> envelope = ServiceAnswer::readEnvelope(reply->readAll());
+    if (!envelope) {
         // The wording and code the service's other clients show for an unreadable answer.
         response.error = Error::withDomain(QStringLiteral("NSCocoaErrorDomain"), 3840,
                                            QStringLiteral("The data couldn’t be read because it isn’t in the "
@@ -393,9 +346,9 @@ LyraboxService::Response LyraboxService::classify(QNetworkReply *reply, bool tim
         return response;
     }
     response.envelopeRead = true;
-    response.envelope = document.object();
-    response.result = boolValue(response.envelope.value("result"));
-    response.message = textValue(response.envelope.value("message"));
+    response.envelope = envelope->object;
+    response.result = envelope->result;
+    response.message = envelope->message;
     if (!response.result)
         response.error = Error::errorWithMessage(response.message);
     return response;
@@ -419,14 +372,10 @@ void LyraboxService::setUserToken(const QString &userToken)
 
 void LyraboxService::storeCredentials(const QJsonObject &envelope)
 {
-    const QJsonObject user = envelope.value("user").toObject();
-    m_userId = textValue(user.value("id"));
-    m_userIdValue = user.value("id").isDouble() ? user.value("id") : QJsonValue(m_userId);
-    m_userToken = textValue(user.value("token"));
+    const ServiceAnswer::Credentials credentials = ServiceAnswer::credentials(envelope);
+    m_userId = credentials.userId;
+    m_userIdValue = credentials.userIdValue;
+    m_userToken = credentials.token;
     Logger::shared().addSecret(m_userToken);
-    for (const QJsonValue &format : envelope.value("supported").toArray()) {
-        const QJsonValue extension = format.toObject().value("extension");
-        if (extension.isString())
-            m_supportedFormatList.append(extension.toString().mid(1).toLower());
-    }
+    m_supportedFormatList.append(credentials.supportedExtensions);
 }
