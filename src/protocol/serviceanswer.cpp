@@ -3,6 +3,9 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonParseError>
+#include <QLocale>
+
+#include <cmath>
 
 namespace ServiceAnswer {
 
@@ -48,10 +51,16 @@ QString textValue(const QJsonValue &value)
     if (value.isString())
         return value.toString();
     if (value.isDouble()) {
+        // The text stands for the number in the form requests, so it must read
+        // back as the same number: whole numbers in all their digits, others in
+        // the shortest form that does. A cast to qint64 only where it fits.
         const double number = value.toDouble();
-        if (number == double(qint64(number)))
+        constexpr double kTwoToThe63 = 9223372036854775808.0;
+        if (std::trunc(number) != number)
+            return QString::number(number, 'g', QLocale::FloatingPointShortest);
+        if (number > -kTwoToThe63 && number < kTwoToThe63)
             return QString::number(qint64(number));
-        return QString::number(number);
+        return QString::number(number, 'f', 0);
     }
     if (value.isBool())
         return value.toBool() ? QStringLiteral("1") : QStringLiteral("0");

@@ -28,8 +28,8 @@ std::optional<Envelope> readEnvelope(const QByteArray &body);
 // 1 to 9, as "1" does.
 bool truthValue(const QJsonValue &value);
 
-// A text field as the envelope sends it; numbers are taken in their decimal
-// form, booleans as "1" or "0", and anything else is a null string.
+// A text field as the envelope sends it: numbers in a decimal form that reads
+// back as the same number, booleans as "1" or "0", anything else a null string.
 QString textValue(const QJsonValue &value);
 
 // What a successful sign-in or verification hands over.

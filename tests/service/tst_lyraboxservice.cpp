@@ -275,6 +275,39 @@ private slots:
         QCOMPARE(QJsonDocument::fromJson(m_capture->requests().last().body).object().value("user_id"), id);
     }
 
+    // The digest list request sends the id as text, which must name the same
+    // number: not cut to six digits, and no overflow past 64 bits.
+    void numericIdsKeepEveryDigit_data()
+    {
+        QTest::addColumn<double>("id");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("fraction") << 905437.497 << "905437.497";
+        QTest::newRow("past 64 bits") << 1e20 << "100000000000000000000";
+        QTest::newRow("eleven digits") << 12345678901.0 << "12345678901";
+    }
+
+    void numericIdsKeepEveryDigit()
+    {
+        QFETCH(double, id);
+        QFETCH(QString, text);
+        LyraboxService service;
+        RecordingDelegate delegate;
+        service.setDelegate(&delegate);
+        m_capture->respond(200, json({{"result", true}, {"user", QJsonObject{{"id", id}, {"token", "t1"}}}}));
+        service.loginWithEmail("a@b.c", "pw");
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QCOMPARE(service.userId(), text);
+        QCOMPARE(service.userId().toDouble(), id);
+
+        m_capture->respond(200, json({{"result", true}, {"md5", QJsonArray{}}}));
+        service.readMd5List();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QVERIFY(QString::fromUtf8(m_capture->requests().last().body).startsWith("user_id=" + text + "&token=t1&"));
+        service.verifyLogin();
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 3, 30000);
+        QCOMPARE(QJsonDocument::fromJson(m_capture->requests().last().body).object().value("user_id"), QJsonValue(id));
+    }
+
     void digestListRequestOnTheWire()
     {
         LyraboxService service;
