@@ -36,6 +36,7 @@ struct Entry
 {
     zip_uint64_t index = 0;
     QString name;
+    QString relative; // the name cleaned: where it lands under the folder
     qint64 size = 0;
     time_t modified = 0;
     bool directory = false;
@@ -177,7 +178,14 @@ bool Extraction::readEntries(zip_t *archive)
                     QStringLiteral("refused symbolic link \"%1\" to \"%2\": it points outside the library folder")
                         .arg(entry.name, QString::fromUtf8(entry.linkTarget)));
             }
-        } else if (!entry.directory) {
+        }
+        // A name that cleans to "." names the folder itself: nothing to write,
+        // so nothing to count either (a link so named is still checked).
+        entry.relative = QDir::cleanPath(entry.name);
+        if (entry.relative == QLatin1String(".")) {
+            continue;
+        }
+        if (!entry.symlink && !entry.directory) {
             m_totalSize += entry.size;
         }
         m_entries.append(entry);
@@ -312,10 +320,7 @@ void Extraction::run()
         if (m_operation.isCancelled()) {
             return;
         }
-        const QString relative = QDir::cleanPath(entry.name);
-        if (relative == QLatin1String(".")) {
-            continue;
-        }
+        const QString &relative = entry.relative;
         if (entry.directory) {
             if (!makeDirectories(relative)) {
                 return;

@@ -106,6 +106,7 @@ class TestLibraryUnzip : public QObject
 
 private slots:
     void extractsBesideTheArchive();
+    void entriesNamingTheFolderItselfAreNotCounted();
     void unsafeArchivesWriteNothing_data();
     void unsafeArchivesWriteNothing();
     void fullDiskLeavesNoHalfWrittenTrack();
@@ -147,6 +148,29 @@ void TestLibraryUnzip::extractsBesideTheArchive()
     QCOMPARE(LibraryTest::filesUnder(root.path()).size(), 6);
 }
 
+// An entry whose name cleans to "." names the folder: nothing of it is
+// written, so its bytes must not count towards the total either, or the
+// progress never reaches it.
+void TestLibraryUnzip::entriesNamingTheFolderItselfAreNotCounted()
+{
+    QTemporaryDir root;
+    const QDir library(root.filePath(QStringLiteral("My Lyrabox Library")));
+    QVERIFY(library.mkpath(QStringLiteral(".")));
+    const QByteArray track = noise(5000, 4);
+    const QString archive = library.filePath(QStringLiteral(".temp-0.zip"));
+    QVERIFY(writeArchive(archive, {{QStringLiteral("."), noise(3000, 5)},
+                                   {QStringLiteral("Track 001.mp3"), track},
+                                   {QStringLiteral("Album/."), {}, ArchiveEntry::Directory},
+                                   {QStringLiteral("./."), noise(700, 6)}}));
+
+    const Recorder recorder(archive);
+    QCOMPARE(recorder.events, (QStringList{"begin", QStringLiteral("total %1").arg(track.size()), "end"}));
+    QCOMPARE(recorder.written, qint64(track.size()));
+    QCOMPARE(readAll(library.filePath(QStringLiteral("Track 001.mp3"))), track);
+    QVERIFY(QFileInfo(library.filePath(QStringLiteral("Album"))).isDir());
+    QCOMPARE(LibraryTest::filesUnder(root.path()).size(), 2);
+}
+
 void TestLibraryUnzip::unsafeArchivesWriteNothing_data()
 {
     QTest::addColumn<QList<ArchiveEntry>>("entries");
@@ -166,6 +190,9 @@ void TestLibraryUnzip::unsafeArchivesWriteNothing_data()
     QTest::newRow("link out") << QList<ArchiveEntry>{harmless, link(QStringLiteral("escape"), "OUTSIDE"),
                                                      file(QStringLiteral("escape/x"))}
                               << "refused symbolic link \"escape\"";
+    // Named as the folder itself, so never made, but it says what the archive is.
+    QTest::newRow("link named dot out") << QList<ArchiveEntry>{harmless, link(QStringLiteral("."), "../x")}
+                                        << "refused symbolic link \".\"";
 }
 
 void TestLibraryUnzip::unsafeArchivesWriteNothing()
