@@ -42,7 +42,9 @@ public:
 
     bool failed() const { return !m_error.empty(); }
     const std::string &error() const { return m_error; }
-    bool complete() const { return m_state == State::Done; }
+    // The closing delimiter and its line break arrived and nothing went wrong,
+    // before or after them.
+    bool complete() const { return m_state == State::Done && !failed(); }
 
     static constexpr size_t kMaxHeaderBlock = 16 * 1024;
 

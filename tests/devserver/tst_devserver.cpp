@@ -1,6 +1,8 @@
 // The local service, exercised over raw loopback HTTP so every byte sent is the test's own.
 #include "support/devserverprocess.h"
 
+#include "multipartparser.h"
+
 #include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
@@ -349,6 +351,25 @@ private slots:
             QCOMPARE(incomingCount(), 0);
         }
         QCOMPARE(send(upload()).status, 200); // and the next good one still works
+    }
+
+    // A body that goes on after its closing delimiter fails, and is not
+    // complete, however its pieces arrive.
+    void multipartBodyWithDataAfterTheEndIsNeverComplete()
+    {
+        const std::string body = "--b\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\nv\r\n--b--\r\ntrailing";
+        for (const size_t piece : {body.size(), size_t(1), size_t(3)}) {
+            int parts = 0;
+            MultipartParser parser(
+                "b", [&](const MultipartParser::PartHeader &) { return std::string(++parts > 1 ? "twice" : ""); },
+                [](const char *, size_t) { return std::string(); }, [] { return std::string(); });
+            for (size_t at = 0; at < body.size(); at += piece)
+                parser.feed(body.data() + at, std::min(piece, body.size() - at));
+            QVERIFY(!parser.finish());
+            QCOMPARE(parser.error(), "Unexpected data after the closing boundary");
+            QVERIFY(!parser.complete());
+            QCOMPARE(parts, 1);
+        }
     }
 
     void libraryDownloadSegments()
