@@ -8,6 +8,9 @@
 #include <QRegularExpression>
 #include <QSaveFile>
 
+#include <optional>
+#include <utility>
+
 namespace {
 
 QMutex &registryLock()
@@ -22,11 +25,46 @@ QStringList &registry()
     return images;
 }
 
-// A toc line naming a file: FILE, AUDIOFILE or DATAFILE, then the quoted name.
-const QRegularExpression &tocFileLine()
+// Where a toc line names a file, read the way libcdio reads it: the line ends
+// at a NUL or at "//"; the first word (split at blanks) is the keyword; after
+// FILE, AUDIOFILE or DATAFILE and the one character that ends it, quotes and
+// tabs are skipped and the name runs to the next quote, tab or line break.
+// {start, end} of the name, or nothing when the line names no file.
+std::optional<std::pair<qsizetype, qsizetype>> tocFileName(const QByteArray &line)
 {
-    static const QRegularExpression line(QStringLiteral("^(\\s*(?:FILE|AUDIOFILE|DATAFILE)\\s+)\"([^\"]*)\"(.*)$"));
-    return line;
+    qsizetype length = line.size();
+    if (const qsizetype nul = line.indexOf('\0'); nul >= 0) {
+        length = nul;
+    }
+    if (const qsizetype comment = line.left(length).indexOf("//"); comment >= 0) {
+        length = comment;
+    }
+    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
+    const auto endsName = [](char c) { return c == '"' || c == '\t' || c == '\n' || c == '\r'; };
+    qsizetype i = 0;
+    while (i < length && blank(line[i])) {
+        ++i;
+    }
+    const qsizetype keyword = i;
+    while (i < length && !blank(line[i])) {
+        ++i;
+    }
+    const QByteArray word = line.mid(keyword, i - keyword);
+    if (word != "FILE" && word != "AUDIOFILE" && word != "DATAFILE") {
+        return std::nullopt;
+    }
+    ++i;
+    while (i < length && endsName(line[i])) {
+        ++i;
+    }
+    const qsizetype start = i;
+    while (i < length && !endsName(line[i])) {
+        ++i;
+    }
+    if (i == start) {
+        return std::nullopt;
+    }
+    return std::make_pair(start, i);
 }
 
 bool isTocPath(const QString &path)
@@ -127,24 +165,31 @@ QString DiscImages::openablePath(const QString &path, const QString &temporaryFo
     if (!toc.open(QIODevice::ReadOnly)) {
         return path; // libcdio reports the failure when it opens it
     }
-    const QDir folder = QFileInfo(path).absoluteDir();
-    QStringList lines = QString::fromLatin1(toc.readAll()).split(QLatin1Char('\n'));
+    // Bytes throughout, as the file system names files: the sheet's text and
+    // the folder's name need not be in any one encoding.
+    const QByteArray folder = QFile::encodeName(QFileInfo(path).absolutePath());
+    QList<QByteArray> lines = toc.readAll().split('\n');
     bool relative = false;
-    for (QString &line : lines) {
-        const QRegularExpressionMatch match = tocFileLine().match(line);
-        if (match.hasMatch() && QFileInfo(match.captured(2)).isRelative()) {
-            line = match.captured(1) + QLatin1Char('"') + folder.absoluteFilePath(match.captured(2)) +
-                   QLatin1Char('"') + match.captured(3);
-            relative = true;
+    for (QByteArray &line : lines) {
+        const auto name = tocFileName(line);
+        if (!name || line[name->first] == '/') {
+            continue;
         }
+        line.insert(name->first, folder + '/');
+        relative = true;
     }
     if (!relative) {
         return path;
     }
+    // A name libcdio would cut short cannot be given to it.
+    if (folder.contains("//") || folder.contains('"') || folder.contains('\t') || folder.contains('\r') ||
+        folder.contains('\n')) {
+        return QString();
+    }
     const QString copyPath = QDir(temporaryFolder).absoluteFilePath(QFileInfo(path).fileName());
     QSaveFile copy(copyPath);
-    if (!QDir().mkpath(temporaryFolder) || !copy.open(QIODevice::WriteOnly) ||
-        copy.write(lines.join(QLatin1Char('\n')).toLatin1()) < 0 || !copy.commit()) {
+    if (!QDir().mkpath(temporaryFolder) || !copy.open(QIODevice::WriteOnly) || copy.write(lines.join('\n')) < 0 ||
+        !copy.commit()) {
         return QString();
     }
     return copyPath;

@@ -477,6 +477,33 @@ private slots:
         PLCAudioCDProcessor::eject(toc);
     }
 
+    // The same from a folder whose name is not Latin-1: the toc's copy names
+    // its bin in the folder's own bytes.
+    void tocInAFolderNamedInAnyScript()
+    {
+        const QString folder = m_dir.filePath(QStringLiteral("Диски 音楽"));
+        QVERIFY(QDir().mkpath(folder));
+        // A toc's raw audio is big-endian.
+        DiscImage::Options options = DiscImage::audioOptions({150, 120});
+        options.bigEndian = true;
+        const DiscImage image = DiscImage::create(folder, QStringLiteral("disc"), options);
+        QVERIFY(image.isValid());
+        const QString toc = image.writeToc();
+        QVERIFY(!toc.isEmpty());
+        QTemporaryDir elsewhere;
+        const QString previous = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(elsewhere.path()));
+        QVERIFY(DiscImages::insert(toc));
+        const OptionalError opened = PLCAudioCDProcessor::openDeviceForVolume(toc);
+        QVERIFY(QDir::setCurrent(previous));
+        QVERIFY2(!opened, qPrintable(opened ? opened->localizedDescription() : QString()));
+        Engine engine(PLCAudioCDProcessor::cdio());
+        QCOMPARE(engine.status, 0);
+        QCOMPARE(rip(engine.context, 2).audio, image.trackAudio(1));
+        ripFree(&engine.context);
+        PLCAudioCDProcessor::eject(toc);
+    }
+
     void dataTracksAtEitherEnd()
     {
         // Mixed mode (data first) and Enhanced CD (data last).
