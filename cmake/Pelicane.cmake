@@ -14,6 +14,18 @@ if(PELICANE_ASAN)
   target_link_options(pelicane_common INTERFACE -fsanitize=address,undefined)
 endif()
 
+# Every library a fuzz target links is instrumented for libFuzzer and the
+# sanitizers; the targets themselves add libFuzzer's main (fuzz/CMakeLists.txt).
+# An undefined-behaviour report stops the run, so the fuzzer keeps the input.
+if(PELICANE_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "PELICANE_FUZZ needs clang (libFuzzer): configure with -DCMAKE_CXX_COMPILER=clang++")
+  endif()
+  target_compile_options(pelicane_common INTERFACE
+    -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(pelicane_common INTERFACE -fsanitize=address,undefined)
+endif()
+
 set(CMAKE_AUTOMOC ON)
 set(CMAKE_AUTOUIC ON)
 set(CMAKE_AUTORCC ON)
