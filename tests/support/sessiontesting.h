@@ -1,12 +1,12 @@
 #pragma once
 
 // Helpers of the tests that drive a SessionModel or read the log: a prompter
-// that answers from a script and records what was asked, and the log's lines.
+// that answers from a script and records what was asked, and the log's lines
+// (logtesting.h).
 
-#include "core/logger.h"
 #include "session/sessionprompter.h"
+#include "support/logtesting.h"
 
-#include <QFile>
 #include <QList>
 #include <QStringList>
 
@@ -59,35 +59,3 @@ public:
         return result;
     }
 };
-
-// The log's messages without their "yyyy-MM-dd HH:mm:ss +0000: " prefix,
-// from byte `from` of the file on.
-inline QStringList logLines(qint64 from = 0)
-{
-    QFile file(Logger::logFileURL().toLocalFile());
-    if (!file.open(QIODevice::ReadOnly) || !file.seek(from)) {
-        return {};
-    }
-    QStringList lines;
-    for (const QByteArray &line : file.readAll().split('\n')) {
-        if (line.size() > 27) {
-            lines << QString::fromUtf8(line.mid(27));
-        }
-    }
-    return lines;
-}
-
-// The log lines written since it was made.
-struct LogWatch
-{
-    qint64 start = Logger::logSize();
-    QStringList lines() const { return logLines(start); }
-};
-
-// The `count` lines of the last block that starts with `first`.
-inline QStringList lastLogBlock(const QString &first, int count)
-{
-    const QStringList lines = logLines();
-    const qsizetype start = lines.lastIndexOf(first);
-    return start < 0 ? QStringList() : lines.mid(start, count);
-}

@@ -1,6 +1,5 @@
 #include "uploadtestsupport.h"
 
-#include "core/logger.h"
 #include "protocol/clientfields.h"
 
 #include <QCryptographicHash>
@@ -58,38 +57,6 @@ QByteArray md5OfFile(const QString &path)
     QCryptographicHash hash(QCryptographicHash::Md5);
     hash.addData(&file);
     return hash.result().toHex();
-}
-
-LogWatch::LogWatch() : m_start(Logger::logSize()) {}
-
-QStringList LogWatch::lines() const
-{
-    QFile file(Logger::logFileURL().toLocalFile());
-    if (!file.open(QIODevice::ReadOnly) || !file.seek(m_start)) {
-        return {};
-    }
-    QStringList result;
-    static const QRegularExpression date(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d \\+0000: "));
-    for (const QByteArray &raw : file.readAll().split('\n')) {
-        QString line = QString::fromUtf8(raw);
-        const auto match = date.match(line);
-        if (match.hasMatch()) {
-            result << line.mid(match.capturedLength());
-        }
-    }
-    return result;
-}
-
-QStringList LogWatch::linesOf(const QString &fileName) const
-{
-    const QString prefix = fileName + QStringLiteral(": ");
-    QStringList result;
-    for (const QString &line : lines()) {
-        if (line.startsWith(prefix)) {
-            result << line.mid(prefix.size());
-        }
-    }
-    return result;
 }
 
 ScriptedHttpServer::ScriptedHttpServer(QObject *parent) : QObject(parent)

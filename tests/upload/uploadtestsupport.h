@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/devserverprocess.h"
+#include "support/logtesting.h"
 #include "upload/asyncuploadrequestconfiguration.h"
 
 #include <QByteArray>
@@ -22,19 +23,6 @@ AsyncUploadRequestConfiguration uploadConfiguration(const QString &uploadURL, co
 // Writes size bytes of a deterministic pattern (seed varies it).
 bool writePatternFile(const QString &path, qint64 size, quint32 seed = 1);
 QByteArray md5OfFile(const QString &path);
-
-// Lines written to the log since the watch was made, without their dates.
-class LogWatch
-{
-public:
-    LogWatch();
-    QStringList lines() const;
-    // Lines of one upload: its messages without the "<file name>: " prefix.
-    QStringList linesOf(const QString &fileName) const;
-
-private:
-    qint64 m_start;
-};
 
 // A bare HTTP server for what the real service cannot stage: after a request's body it
 // answers, or stays silent until resumed.
