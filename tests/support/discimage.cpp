@@ -5,6 +5,8 @@
 #include <QFileInfo>
 #include <QTextStream>
 
+#include <discid/discid.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -176,6 +178,20 @@ QString DiscImage::writeToc() const
     }
     out.flush();
     return toc.error() == QFileDevice::NoError ? path : QString();
+}
+
+QString DiscImage::musicBrainzDiscId() const
+{
+    int offsets[100] = {};
+    offsets[0] = totalSectors() + 150;
+    for (int i = 0; i < trackCount(); ++i) {
+        offsets[firstTrackNumber() + i] = trackFirstSector(i) + 150;
+    }
+    DiscId *disc = discid_new();
+    const bool ok = discid_put(disc, firstTrackNumber(), lastTrackNumber(), offsets);
+    const QString id = ok ? QString::fromLatin1(discid_get_id(disc)) : QString();
+    discid_free(disc);
+    return id;
 }
 
 DiscImage DiscImage::create(const QString &directory, const QString &baseName, const Options &options)

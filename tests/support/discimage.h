@@ -57,6 +57,8 @@ public:
     // toc's raw audio is big-endian, so the image should be too). Its path,
     // or empty on failure.
     QString writeToc() const;
+    // The MusicBrainz disc id libdiscid gives the image's table of contents.
+    QString musicBrainzDiscId() const;
 
 private:
     Options m_options;

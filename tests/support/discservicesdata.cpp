@@ -139,6 +139,21 @@ QByteArray document(const std::function<void(QXmlStreamWriter &)> &body)
 
 } // namespace
 
+QList<DiscServicesData::Track> DiscServicesData::tracksTitled(const QStringList &titles, const QString &artist)
+{
+    QList<Track> tracks;
+    for (const QString &title : titles) {
+        tracks.append(Track{title, {Credit{artist, QString()}}, QString(), true});
+    }
+    return tracks;
+}
+
+DiscServicesData::Release DiscServicesData::release(const QString &id, const QString &title, const QString &date,
+                                                    const QList<Medium> &media, const QString &artist)
+{
+    return Release{id, title, {Credit{artist, QString()}}, date, QString(), QString(), QString(), media};
+}
+
 void DiscServicesData::pointAt(const DevServerProcess &server)
 {
     qputenv("PELICANE_MUSICBRAINZ_SERVER", QByteArray("127.0.0.1:") + QByteArray::number(server.port()));

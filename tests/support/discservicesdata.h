@@ -42,6 +42,12 @@ public:
         QList<Medium> media;
     };
 
+    // Tracks of these titles, each credited to `artist`.
+    static QList<Track> tracksTitled(const QStringList &titles, const QString &artist = QStringLiteral("Band"));
+    // A release credited to `artist`, without country, label or barcode.
+    static Release release(const QString &id, const QString &title, const QString &date, const QList<Medium> &media,
+                           const QString &artist = QStringLiteral("Band"));
+
     explicit DiscServicesData(const QString &dataDirectory) : m_data(dataDirectory) {}
 
     // Points this process's MusicBrainz, Cover Art Archive and Discogs
