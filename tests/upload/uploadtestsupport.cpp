@@ -2,12 +2,16 @@
 
 #include "protocol/clientfields.h"
 
+#include <QCoreApplication>
 #include <QCryptographicHash>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QHostAddress>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
+#include <QTest>
+#include <QThread>
 
 AsyncUploadRequestConfiguration uploadConfiguration(const QString &uploadURL, const QString &path,
                                                     const Credentials &credentials)
@@ -57,6 +61,46 @@ QByteArray md5OfFile(const QString &path)
     QCryptographicHash hash(QCryptographicHash::Md5);
     hash.addData(&file);
     return hash.result().toHex();
+}
+
+std::shared_ptr<AsyncUploadRequestOperation>
+makeReportingOperation(const AsyncUploadRequestConfiguration &configuration, UploadReports *reports,
+                       const AsyncUploadRequestOperation::Timeouts &timeouts)
+{
+    auto operation = std::make_shared<AsyncUploadRequestOperation>(configuration, timeouts);
+    auto onMain = [reports] { reports->offMainThread |= QThread::currentThread() != qApp->thread(); };
+    operation->ripProgressBlock = [reports, onMain](double fraction) {
+        onMain();
+        reports->rip << fraction;
+        reports->events << QStringLiteral("rip");
+    };
+    operation->fileLoadProgressBlock = [reports, onMain](double fraction) {
+        onMain();
+        reports->progress << fraction;
+        reports->events << QStringLiteral("upload");
+    };
+    operation->fileLoadSucceededBlock = [reports, onMain] {
+        onMain();
+        ++reports->successes;
+    };
+    operation->fileLoadFailedBlock = [reports, onMain](const Error &error) {
+        onMain();
+        reports->failures << error;
+    };
+    return operation;
+}
+
+bool settle(OperationQueue &queue, const std::shared_ptr<AsyncUploadRequestOperation> &operation,
+            const UploadReports &reports, int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while ((reports.finals() == 0 || !operation->isFinished()) && timer.elapsed() < timeoutMs) {
+        QTest::qWait(20);
+    }
+    queue.waitUntilAllOperationsAreFinished();
+    QTest::qWait(300);
+    return reports.finals() == 1;
 }
 
 ScriptedHttpServer::ScriptedHttpServer(QObject *parent) : QObject(parent)
