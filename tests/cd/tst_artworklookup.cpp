@@ -1,7 +1,7 @@
 #include "cd/artworklookup.h"
-#include "core/logger.h"
 #include "support/devserverprocess.h"
 #include "support/discservicesdata.h"
+#include "support/logtesting.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -48,17 +48,13 @@ struct Lookup
 Lookup lookUp(const QString &releaseId, QHash<QString, PLCID3Tag> tags, int timeoutMs = 5000)
 {
     Lookup lookup;
-    const qint64 logStart = Logger::logSize();
+    const LogWatch log;
     QElapsedTimer timer;
     timer.start();
     lookup.source = ArtworkLookup::lookUp(releaseId, tags, kFirstPath, timeoutMs);
     lookup.elapsedMs = timer.elapsed();
     lookup.tags = tags;
-    QFile log(Logger::logFileURL().toLocalFile());
-    if (log.open(QIODevice::ReadOnly)) {
-        log.seek(logStart);
-        lookup.log = QString::fromUtf8(log.readAll());
-    }
+    lookup.log = log.text();
     return lookup;
 }
 

