@@ -10,26 +10,13 @@
 #include "platform/discimages.h"
 #include "platform/operationqueue.h"
 #include "support/discimage.h"
-#include "support/discservicesdata.h"
 #include "upload/asyncuploadrequestoperation.h"
 
 #include <QDir>
 #include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 namespace {
-
-struct Reports
-{
-    // "rip:<fraction>" and "upload:<fraction>" in the order they came.
-    QStringList events;
-    QList<double> rip;
-    QList<double> upload;
-    int successes = 0;
-    QList<Error> failures;
-    int finals() const { return successes + int(failures.size()); }
-};
 
 QStringList leftoverFlacFiles()
 {
@@ -52,33 +39,26 @@ class TestCDTrackUpload : public QObject
         return DiscImages::normalizedPath(image.cuePath()) + QLatin1Char('/') + PLCVolumeType::trackFileName(number);
     }
 
-    std::shared_ptr<AsyncUploadRequestOperation> makeOperation(const QString &path, const PLCID3Tag &tags,
-                                                               Reports *reports)
+    // The track's upload to its end; `prepare` may change the operation first.
+    UploadReports uploadTrack(const QString &path, const PLCID3Tag &tags,
+                              const std::function<void(AsyncUploadRequestOperation &, UploadReports &)> &prepare = {},
+                              std::shared_ptr<AsyncUploadRequestOperation> *keep = nullptr)
     {
         AsyncUploadRequestConfiguration config = uploadConfiguration(m_server.uploadUrl(), path, m_credentials);
         config.ID3Tags = tags;
-        auto operation = std::make_shared<AsyncUploadRequestOperation>(config);
-        operation->ripProgressBlock = [reports](double fraction) {
-            reports->rip << fraction;
-            reports->events << QStringLiteral("rip");
-        };
-        operation->fileLoadProgressBlock = [reports](double fraction) {
-            reports->upload << fraction;
-            reports->events << QStringLiteral("upload");
-        };
-        operation->fileLoadSucceededBlock = [reports] { ++reports->successes; };
-        operation->fileLoadFailedBlock = [reports](const Error &error) { reports->failures << error; };
-        return operation;
-    }
-
-    // Runs the operation to its end, and a while beyond for a second report
-    // that must not come.
-    void settle(const std::shared_ptr<AsyncUploadRequestOperation> &operation, const Reports &reports)
-    {
-        QTRY_VERIFY_WITH_TIMEOUT(reports.finals() > 0 && operation->isFinished(), 30000);
-        m_queue.waitUntilAllOperationsAreFinished();
-        QTest::qWait(200);
-        QCOMPARE(reports.finals(), 1);
+        UploadReports reports;
+        auto operation = makeReportingOperation(config, &reports);
+        if (prepare) {
+            prepare(*operation, reports);
+        }
+        m_queue.addOperation(operation);
+        if (!settle(m_queue, operation, reports)) {
+            QTest::qFail("not exactly one final report", __FILE__, __LINE__);
+        }
+        if (keep) {
+            *keep = operation;
+        }
+        return reports;
     }
 
     int uploadRequests() const { return m_server.requestCounts().value("upload").toInt(); }
@@ -101,31 +81,8 @@ private slots:
         QCOMPARE(leftoverFlacFiles(), QStringList());
     }
 
-    void wavHeaderFields()
-    {
-        for (const quint32 values : {0u, 2352u}) {
-            const QByteArray header = AsyncUploadRequestOperation::WAVHeaderForSampleCount(values);
-            QCOMPARE(header.size(), 44);
-            QVERIFY(header.capacity() >= qsizetype(values) * 2 + 44);
-            const auto u32 = [&](int at) { return qFromLittleEndian<quint32>(header.constData() + at); };
-            const auto u16 = [&](int at) { return qFromLittleEndian<quint16>(header.constData() + at); };
-            QCOMPARE(header.mid(0, 4), QByteArray("RIFF"));
-            QCOMPARE(u32(4), values * 2 + 36);
-            QCOMPARE(header.mid(8, 8), QByteArray("WAVEfmt "));
-            QCOMPARE(u32(16), 16u);
-            QCOMPARE(u16(20), quint16(1));
-            QCOMPARE(u16(22), quint16(2));
-            QCOMPARE(u32(24), 44100u);
-            QCOMPARE(u32(28), 176400u);
-            QCOMPARE(u16(32), quint16(4));
-            QCOMPARE(u16(34), quint16(16));
-            QCOMPARE(header.mid(36, 4), QByteArray("data"));
-            QCOMPARE(u32(40), values * 2);
-        }
-    }
-
     // The second track of a disc goes up as "<title>.flac": its audio
-    // bit-identical, its tags, rip progress before upload progress.
+    // bit-identical, tagged, rip progress before upload progress.
     void trackGoesUpAsTaggedFlac()
     {
         const DiscImage image =
@@ -134,18 +91,10 @@ private slots:
         QVERIFY(DiscImages::insert(image.cuePath()));
         PLCID3Tag tags;
         tags.setTitle(QStringLiteral("Second Song"));
-        tags.setAlbum(QStringLiteral("The Album"));
-        tags.setArtist(QStringLiteral("The Band"));
-        tags.setAlbumArtist(QStringLiteral("The Band"));
         tags.setTrack(2);
         tags.setTotalTracks(3);
-        tags.setDiscNumber(2);
-        tags.setYear(2001);
-        tags.setArtwork(DiscServicesData::imageBytes("PNG"));
-        Reports reports;
-        auto operation = makeOperation(trackPath(image, 2), tags, &reports);
-        m_queue.addOperation(operation);
-        settle(operation, reports);
+        std::shared_ptr<AsyncUploadRequestOperation> operation;
+        const UploadReports reports = uploadTrack(trackPath(image, 2), tags, {}, &operation);
         QVERIFY2(reports.failures.isEmpty(),
                  qPrintable(reports.failures.isEmpty() ? QString() : reports.failures[0].localizedDescription()));
 
@@ -155,9 +104,9 @@ private slots:
         QCOMPARE(reports.rip.first(), 1.0 / 300.0);
         QCOMPARE(reports.rip.last(), 1.0);
         QVERIFY(std::is_sorted(reports.rip.begin(), reports.rip.end()));
-        QVERIFY(!reports.upload.isEmpty());
+        QVERIFY(!reports.progress.isEmpty());
         QCOMPARE(reports.events.lastIndexOf(QStringLiteral("rip")), 299);
-        QVERIFY(reports.upload.last() < 1.0);
+        QVERIFY(reports.progress.last() < 1.0);
         QCOMPARE(operation->fileSize(), qint64(300) * 2352);
         QVERIFY(operation->isUploadingAudioCD());
 
@@ -165,12 +114,8 @@ private slots:
         QVERIFY(!stored.isEmpty());
         const QString storedPath = stored.value("stored_path").toString();
         QCOMPARE(decodedFlacAudio(storedPath), image.trackAudio(1));
-        const QHash<QString, QString> written = flacTags(storedPath);
-        QCOMPARE(written.value("title"), QStringLiteral("Second Song"));
-        QCOMPARE(written.value("album"), QStringLiteral("The Album"));
-        QCOMPARE(written.value("tracknumber"), QStringLiteral("2/3"));
-        QCOMPARE(written.value("discnumber"), QStringLiteral("2"));
-        QVERIFY(flacHasPicture(storedPath));
+        // The record's tags go into the file (every field: tst_flacencoder).
+        QCOMPARE(flacTags(storedPath).value("tracknumber"), QStringLiteral("2/3"));
     }
 
     // A one-sector track (too short to encode), a damaged track, a track the
@@ -186,10 +131,7 @@ private slots:
         tags.setTitle(QStringLiteral("Short"));
         tags.setTrack(1);
 
-        Reports shortTrack;
-        auto operation = makeOperation(trackPath(image, 1), tags, &shortTrack);
-        m_queue.addOperation(operation);
-        settle(operation, shortTrack);
+        const UploadReports shortTrack = uploadTrack(trackPath(image, 1), tags);
         QCOMPARE(shortTrack.failures.size(), 1);
         QCOMPARE(shortTrack.failures[0].code(), 200);
         QCOMPARE(shortTrack.failures[0].localizedDescription(),
@@ -197,40 +139,33 @@ private slots:
 
         // A sector in the middle of track 2 cannot be read.
         ripSimulateUnreadableSectors({image.trackFirstSector(1) + 150});
-        Reports damaged;
         tags.setTrack(2);
-        operation = makeOperation(trackPath(image, 2), tags, &damaged);
-        m_queue.addOperation(operation);
-        settle(operation, damaged);
+        const UploadReports damaged = uploadTrack(trackPath(image, 2), tags);
         QCOMPARE(damaged.failures.size(), 1);
         QCOMPARE(damaged.failures[0].code(), 200);
         QVERIFY(!damaged.failures[0].localizedDescription().isEmpty());
         ripSimulateUnreadableSectors({});
 
-        Reports missing;
-        operation = makeOperation(trackPath(image, 7), tags, &missing);
-        m_queue.addOperation(operation);
-        settle(operation, missing);
+        const UploadReports missing = uploadTrack(trackPath(image, 7), tags);
         QCOMPARE(missing.failures.size(), 1);
         QCOMPARE(missing.failures[0].code(), 200);
 
         // Cancelled at its first rip progress: it stops there and reports the
         // cancellation once.
-        Reports cancelled;
         tags.setTrack(3);
-        operation = makeOperation(trackPath(image, 3), tags, &cancelled);
-        std::weak_ptr<AsyncUploadRequestOperation> weak = operation;
-        operation->ripProgressBlock = [&cancelled, weak](double fraction) {
-            cancelled.rip << fraction;
-            if (auto self = weak.lock()) {
-                self->cancel();
-            }
-        };
-        m_queue.addOperation(operation);
-        settle(operation, cancelled);
+        std::shared_ptr<AsyncUploadRequestOperation> cancelledOperation;
+        const UploadReports cancelled = uploadTrack(
+            trackPath(image, 3), tags,
+            [](AsyncUploadRequestOperation &operation, UploadReports &reports) {
+                operation.ripProgressBlock = [&reports, &operation](double fraction) {
+                    reports.rip << fraction;
+                    operation.cancel();
+                };
+            },
+            &cancelledOperation);
         QCOMPARE(cancelled.failures.size(), 1);
         QVERIFY(cancelled.failures[0].isCancelled());
-        QVERIFY(operation->framesRead() < 9000);
+        QVERIFY(cancelledOperation->framesRead() < 9000);
 
         QCOMPARE(uploadRequests(), requestsBefore);
     }
