@@ -1,57 +1,22 @@
 #include "audio/accuraterip.h"
 #include "audio/cdripper.h"
 #include "audio/riplog.h"
-#include "core/logger.h"
+#include "riptesting.h"
 #include "support/devserverprocess.h"
-#include "support/discimage.h"
 
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QTcpServer>
 #include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 #include <zlib.h>
 
-#include <memory>
-
 namespace {
 
-struct DiscCloser
-{
-    void operator()(CdIo_t *disc) const { cdio_destroy(disc); }
-};
-using Disc = std::unique_ptr<CdIo_t, DiscCloser>;
-
-Disc openDisc(const DiscImage &image)
-{
-    return Disc(cdio_open(image.cuePath().toLocal8Bit().constData(), DRIVER_UNKNOWN));
-}
-
-// A second, deliberately plain reading of the AccurateRip sums: every sample
-// as a 32-bit little-endian word times its 1-based position, in 64 bits.
-void referenceSums(const QByteArray &audio, bool first, bool last, quint32 *v1, quint32 *v2)
-{
-    const qint64 count = audio.size() / 4;
-    quint64 sum1 = 0;
-    quint64 sum2 = 0;
-    for (qint64 position = 1; position <= count; ++position) {
-        if ((first && position < 5 * 588) || (last && position > count - 5 * 588)) {
-            continue;
-        }
-        const quint64 word = qFromLittleEndian<quint32>(audio.constData() + (position - 1) * 4);
-        const quint64 product = word * quint64(position);
-        sum1 += product & 0xffffffffu;
-        sum2 += (product & 0xffffffffu) + (product >> 32);
-    }
-    *v1 = quint32(sum1);
-    *v2 = quint32(sum2);
-}
-
-// The ids spelled out from track starts in sectors (audio only) and the end
-// of the audio, and the freedb id from all starts and the lead-out.
+// The ids spelled out from the audio tracks' starts in sectors and the end
+// of the audio, and the freedb id from every track's start and the lead-out.
 struct ReferenceIds
 {
     quint32 id1 = 0;
@@ -59,7 +24,7 @@ struct ReferenceIds
     quint32 freedb = 0;
 };
 
-ReferenceIds referenceIds(const QList<int> &audioStarts, int audioEnd, const QList<int> &allStarts, int leadOut)
+ReferenceIds referenceIds(const AccurateRip::TableOfContents &toc, const QList<int> &audioStarts, int audioEnd)
 {
     ReferenceIds ids;
     for (int i = 0; i < audioStarts.size(); ++i) {
@@ -69,13 +34,13 @@ ReferenceIds referenceIds(const QList<int> &audioStarts, int audioEnd, const QLi
     ids.id1 += quint32(audioEnd);
     ids.id2 += quint32(audioEnd) * quint32(audioStarts.size() + 1);
     int digits = 0;
-    for (int start : allStarts) {
-        for (const QChar c : QString::number((start + 150) / 75)) {
+    for (const AccurateRip::TocTrack &track : toc.tracks) {
+        for (const QChar c : QString::number((track.start + 150) / 75)) {
             digits += c.digitValue();
         }
     }
-    const int seconds = (leadOut + 150) / 75 - (allStarts.first() + 150) / 75;
-    ids.freedb = quint32(digits % 255) << 24 | quint32(seconds) << 8 | quint32(allStarts.size());
+    const int seconds = (toc.leadOut + 150) / 75 - (toc.tracks.front().start + 150) / 75;
+    ids.freedb = quint32(digits % 255) << 24 | quint32(seconds) << 8 | quint32(toc.tracks.size());
     return ids;
 }
 
@@ -132,71 +97,42 @@ private slots:
 
     void discIdsFromTheTableOfContents()
     {
-        // An audio disc read from its image.
+        // An audio disc read from its image; a data track first (the audio
+        // tracks count from 1 among themselves, the freedb id still sees
+        // every track); a data track last, as on an enhanced CD (the audio
+        // ends 11400 sectors before the data session).
         const DiscImage image =
             DiscImage::create(m_dir.path(), QStringLiteral("ids"), DiscImage::audioOptions({750, 1234, 600, 977}));
-        QVERIFY(image.isValid());
         Disc disc = openDisc(image);
         QVERIFY(disc);
-        AccurateRip::TableOfContents toc;
-        QVERIFY(AccurateRip::readTableOfContents(disc.get(), &toc));
-        const AccurateRip::DiscIds ids = AccurateRip::discIds(toc);
-        const QList<int> starts{0, 750, 1984, 2584};
-        const ReferenceIds expected = referenceIds(starts, 3561, starts, 3561);
-        QCOMPARE(ids.audioTracks, 4);
-        QCOMPARE(ids.id1, expected.id1);
-        QCOMPARE(ids.id2, expected.id2);
-        QCOMPARE(ids.freedb, expected.freedb);
-        QCOMPARE(ids.text(), QStringLiteral("004-%1-%2-%3")
-                                 .arg(expected.id1, 8, 16, QLatin1Char('0'))
-                                 .arg(expected.id2, 8, 16, QLatin1Char('0'))
-                                 .arg(expected.freedb, 8, 16, QLatin1Char('0')));
-        // The folders are id1's last three hex digits, lowest first.
-        QCOMPARE(AccurateRip::entryPath(ids), QStringLiteral("accuraterip/%1/%2/%3/dBAR-%4.bin")
-                                                  .arg(expected.id1 & 0xf, 0, 16)
-                                                  .arg((expected.id1 >> 4) & 0xf, 0, 16)
-                                                  .arg((expected.id1 >> 8) & 0xf, 0, 16)
-                                                  .arg(ids.text()));
-        QCOMPARE(AccurateRip::entryURL(ids, QUrl(QStringLiteral("http://example.test/db"))).toString(),
-                 QStringLiteral("http://example.test/db/") + AccurateRip::entryPath(ids));
+        AccurateRip::TableOfContents read;
+        QVERIFY(AccurateRip::readTableOfContents(disc.get(), &read));
+        const AccurateRip::TableOfContents mixed{{{1, 0, false}, {2, 20000, true}, {3, 31000, true}}, 40000};
+        const AccurateRip::TableOfContents enhanced{{{1, 0, true}, {2, 15000, true}, {3, 40000, false}}, 52000};
+        const QList<std::tuple<AccurateRip::TableOfContents, QList<int>, int>> cases{
+            {read, {0, 750, 1984, 2584}, 3561}, {mixed, {20000, 31000}, 40000}, {enhanced, {0, 15000}, 28600}};
+        for (const auto &[toc, audioStarts, audioEnd] : cases) {
+            const AccurateRip::DiscIds ids = AccurateRip::discIds(toc);
+            const ReferenceIds expected = referenceIds(toc, audioStarts, audioEnd);
+            QCOMPARE(ids.audioTracks, int(audioStarts.size()));
+            QCOMPARE(ids.id1, expected.id1);
+            QCOMPARE(ids.id2, expected.id2);
+            QCOMPARE(ids.freedb, expected.freedb);
+        }
 
         // The sample disc of the local service (tracks at 0, 300, 600,
         // lead-out 900), worked by hand: id1 1800, id2 1 + 600 + 1800 + 3600,
-        // freedb digits 2 + 6 + 1 + 0 = 9, 12 seconds, 3 tracks.
-        AccurateRip::TableOfContents sample;
-        sample.tracks = {{1, 0, true}, {2, 300, true}, {3, 600, true}};
-        sample.leadOut = 900;
-        QCOMPARE(AccurateRip::discIds(sample).text(), QStringLiteral("003-00000708-00001771-09000c03"));
-
-        // A data track first: the audio tracks count from 1 among
-        // themselves, the freedb id still sees every track.
-        AccurateRip::TableOfContents mixed;
-        mixed.tracks = {{1, 0, false}, {2, 20000, true}, {3, 31000, true}};
-        mixed.leadOut = 40000;
-        const ReferenceIds mixedIds = referenceIds({20000, 31000}, 40000, {0, 20000, 31000}, 40000);
-        QCOMPARE(AccurateRip::discIds(mixed).audioTracks, 2);
-        QCOMPARE(AccurateRip::discIds(mixed).id1, mixedIds.id1);
-        QCOMPARE(AccurateRip::discIds(mixed).id2, mixedIds.id2);
-        QCOMPARE(AccurateRip::discIds(mixed).freedb, mixedIds.freedb);
-
-        // A data track last (an enhanced CD): the audio ends 11400 sectors
-        // before the data session.
-        AccurateRip::TableOfContents enhanced;
-        enhanced.tracks = {{1, 0, true}, {2, 15000, true}, {3, 40000, false}};
-        enhanced.leadOut = 52000;
-        const ReferenceIds enhancedIds = referenceIds({0, 15000}, 28600, {0, 15000, 40000}, 52000);
-        QCOMPARE(AccurateRip::discIds(enhanced).audioTracks, 2);
-        QCOMPARE(AccurateRip::discIds(enhanced).id1, enhancedIds.id1);
-        QCOMPARE(AccurateRip::discIds(enhanced).id2, enhancedIds.id2);
-        QCOMPARE(AccurateRip::discIds(enhanced).freedb, enhancedIds.freedb);
+        // freedb digits 2 + 6 + 1 + 0 = 9, 12 seconds, 3 tracks. Its entry
+        // lies in folders named by id1's last three hex digits, lowest first.
+        const AccurateRip::DiscIds sample = AccurateRip::discIds({{{1, 0, true}, {2, 300, true}, {3, 600, true}}, 900});
+        QCOMPARE(sample.text(), QStringLiteral("003-00000708-00001771-09000c03"));
+        QCOMPARE(AccurateRip::entryURL(sample, QUrl(QStringLiteral("http://example.test/db"))).toString(),
+                 QStringLiteral("http://example.test/db/accuraterip/8/0/7/dBAR-003-00000708-00001771-09000c03.bin"));
 
         // No audio: no ids, and no lookup.
-        AccurateRip::TableOfContents data;
-        data.tracks = {{1, 0, false}};
-        data.leadOut = 1000;
-        QVERIFY(!AccurateRip::discIds(data).isValid());
-        QCOMPARE(AccurateRip::fetch(AccurateRip::discIds(data), root(), 1000).status,
-                 AccurateRip::Lookup::Status::Failed);
+        const AccurateRip::DiscIds data = AccurateRip::discIds({{{1, 0, false}}, 1000});
+        QVERIFY(!data.isValid());
+        QCOMPARE(AccurateRip::fetch(data, root(), 1000).status, AccurateRip::Lookup::Status::Failed);
     }
 
     void entriesAndVerdicts()
@@ -256,7 +192,6 @@ private slots:
     {
         const DiscImage image =
             DiscImage::create(m_dir.path(), QStringLiteral("verified"), DiscImage::audioOptions({400, 350, 420}));
-        QVERIFY(image.isValid());
         Disc disc = openDisc(image);
         QVERIFY(disc);
         AccurateRip::TableOfContents toc;
@@ -265,11 +200,9 @@ private slots:
         QList<quint32> v1s;
         QList<quint32> v2s;
         for (int i = 0; i < 3; ++i) {
-            quint32 v1 = 0;
-            quint32 v2 = 0;
-            referenceSums(image.trackAudio(i), i == 0, i == 2, &v1, &v2);
-            v1s << v1;
-            v2s << v2;
+            const AccurateRipSums sums = accurateRipSums(image.trackAudio(i), i == 0, i == 2);
+            v1s << sums.v1;
+            v2s << sums.v2;
         }
         // The middle track's v1 entry holds a wrong sum: v2 still vouches.
         QList<quint32> v1sWithFault = v1s;
@@ -338,46 +271,28 @@ private slots:
                  quint32(crc32(0, reinterpret_cast<const Bytef *>(audio.constData()), uInt(audio.size()))));
         QCOMPARE(ripCrc32(reinterpret_cast<const uint8_t *>("123456789"), 9), 0xCBF43926u);
 
+        // The figures the rip log formats itself (the rest of its text, its
+        // folder and its mention in the application log are checked in the
+        // log of a pelicane-cli rip).
         RipLog log;
-        log.source = QStringLiteral("/dev/sr0");
-        log.readOffset = 6;
         log.discId = QStringLiteral("sqiQcFcdWmoQZM6Hly5BnKDt1s0-");
-        log.accurateRipId = QStringLiteral("003-00000708-00001771-09000c03");
-        log.accurateRipLookup = QStringLiteral("2 entries");
         log.album = QStringLiteral("AC/DC: Live?");
         log.started = QDateTime(QDate(2026, 3, 4), QTime(5, 6, 7));
         RipLogTrack good;
         good.number = 1;
-        good.firstSector = 0;
-        good.lastSector = 299;
         good.statistics.sectorsRead = 310;
         good.statistics.rereads = 10;
-        good.statistics.corrections = 2;
         good.ripped = true;
         good.checksumV1 = 0x6a3e51f0;
         good.checksumV2 = 0x30a0e496;
         good.crc32 = 0xecdca07e;
-        good.accurateRip = QStringLiteral("accurately ripped (confidence 12)");
-        good.file = QStringLiteral("/music/01 Morning Tide.flac");
         RipLogTrack bad;
         bad.number = 2;
-        bad.firstSector = 300;
-        bad.lastSector = 599;
-        bad.statistics.skips = 3;
-        bad.message = QStringLiteral("Track 2: sectors 400-402 could not be read.");
-        bad.accurateRip = QStringLiteral("not checked: the track was not ripped");
         log.tracks = {good, bad};
-
         const QString text = log.text();
         for (const char *line :
-             {"Drive:        /dev/sr0\n", "Read offset:  6 samples\n", "Disc id:      sqiQcFcdWmoQZM6Hly5BnKDt1s0-\n",
-              "AccurateRip:  003-00000708-00001771-09000c03\n", "Track 01\n  Sectors:      0-299 (300)\n",
-              "  Reads:        310 sectors, 10 re-read, 0 read errors\n",
-              "  Paranoia:     0 verifications, 2 corrections, 0 skips\n",
-              "  AccurateRip:  v1 6A3E51F0, v2 30A0E496\n  CRC32:        ECDCA07E\n",
-              "  Verification: accurately ripped (confidence 12)\n", "  Result:       ripped\n",
-              "Track 02\n  Sectors:      300-599 (300)\n", "0 corrections, 3 skips\n", "  Result:       FAILED\n",
-              "  Message:      Track 2: sectors 400-402 could not be read.\n", "1 of 2 tracks failed.\n"}) {
+             {"  Reads:        310 sectors, 10 re-read, 0 read errors\n",
+              "  AccurateRip:  v1 6A3E51F0, v2 30A0E496\n  CRC32:        ECDCA07E\n", "  Result:       ripped\n"}) {
             QVERIFY2(text.contains(QString::fromUtf8(line)), line);
         }
         // A failed track has no sums to show.
@@ -390,10 +305,7 @@ private slots:
         unnamed.discId.clear();
         QCOMPARE(unnamed.fileName(), QStringLiteral("Audio CD 2026-03-04 05-06-07.log"));
 
-        // Beside the application log, and named in it; a second log of the
-        // same second does not replace the first.
-        const QString logFile = Logger::logFileURL().toLocalFile();
-        QCOMPARE(ripLogFolder(), QFileInfo(logFile).absolutePath() + QStringLiteral("/rips"));
+        // A second log of the same second does not replace the first.
         QString path;
         QVERIFY(!writeRipLog(log, &path));
         QCOMPARE(path, ripLogFolder() + QStringLiteral("/AC_DC_ Live_ 2026-03-04 05-06-07.log"));
@@ -403,9 +315,6 @@ private slots:
         QString second;
         QVERIFY(!writeRipLog(log, &second));
         QCOMPARE(second, ripLogFolder() + QStringLiteral("/AC_DC_ Live_ 2026-03-04 05-06-07 (2).log"));
-        QFile appLog(logFile);
-        QVERIFY(appLog.open(QIODevice::ReadOnly));
-        QVERIFY(appLog.readAll().contains(("Rip log written to " + path).toUtf8()));
     }
 };
 

@@ -1,32 +1,13 @@
 #include "audio/flacencoder.h"
 #include "support/discimage.h"
+#include "support/flactools.h"
 
 #include <QBuffer>
 #include <QImage>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
-
-// Standard output of one of the reference tools; empty when it fails.
-QByteArray runTool(const QString &program, const QStringList &arguments)
-{
-    QProcess process;
-    process.start(program, arguments);
-    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        return {};
-    }
-    return process.readAllStandardOutput();
-}
-
-// The samples as the reference decoder reads them, 16-bit little-endian
-// interleaved; decoding fails when the stored MD5 does not match.
-QByteArray decode(const QString &path)
-{
-    return runTool(QStringLiteral("flac"),
-                   {"-d", "-s", "-c", "--force-raw-format", "--endian=little", "--sign=signed", path});
-}
 
 // The metadata block names in order ("STREAMINFO", ...).
 QStringList blockTypes(const QString &path)
@@ -34,15 +15,10 @@ QStringList blockTypes(const QString &path)
     QStringList types;
     const QRegularExpression type(QStringLiteral("^METADATA block #\\d+\n  type: \\d+ \\((\\w+)\\)$"),
                                   QRegularExpression::MultilineOption);
-    for (auto it = type.globalMatch(QString::fromUtf8(runTool("metaflac", {"--list", path}))); it.hasNext();) {
+    for (auto it = type.globalMatch(QString::fromUtf8(flacToolOutput("metaflac", {"--list", path}))); it.hasNext();) {
         types << it.next().captured(1);
     }
     return types;
-}
-
-QStringList comments(const QString &path)
-{
-    return QString::fromUtf8(runTool("metaflac", {"--export-tags-to=-", path})).split('\n', Qt::SkipEmptyParts);
 }
 
 } // namespace
@@ -96,9 +72,9 @@ private slots:
         const QString path = encode(encoder, m_audio, PLCID3Tag(), &error, &progress);
         QVERIFY2(!error, qPrintable(error ? error->localizedDescription() : QString()));
         QCOMPARE(path, encoder.filepath().toLocalFile());
-        QCOMPARE(runTool("metaflac", {"--show-channels", "--show-bps", "--show-sample-rate", path}),
+        QCOMPARE(flacToolOutput("metaflac", {"--show-channels", "--show-bps", "--show-sample-rate", path}),
                  QByteArray("2\n16\n44100\n"));
-        const QByteArray decoded = decode(path);
+        const QByteArray decoded = decodedFlacAudio(path);
         QCOMPARE(decoded.size(), m_audio.size());
         QVERIFY(decoded == m_audio);
         // The last report: every sample written, of the total announced.
@@ -147,10 +123,10 @@ private slots:
         OptionalError error;
         const QString path = encode(encoder, m_audio.left(20 * 2352), tags, &error);
         QVERIFY(!error);
-        QCOMPARE(comments(path), expected);
+        QCOMPARE(flacComments(path), expected);
         // The picture block is there even without artwork, and the padding block is never written.
         QCOMPARE(blockTypes(path), (QStringList{"STREAMINFO", "VORBIS_COMMENT", "PICTURE"}));
-        QVERIFY(runTool("metaflac", {"--export-picture-to=-", path}).isEmpty());
+        QVERIFY(flacToolOutput("metaflac", {"--export-picture-to=-", path}).isEmpty());
     }
 
     void artworkIsTheFrontCoverWithItsSize()
@@ -168,13 +144,13 @@ private slots:
         OptionalError error;
         const QString path = encode(encoder, m_audio.left(10 * 2352), tags, &error);
         QVERIFY(!error);
-        const QString listing = QString::fromUtf8(runTool("metaflac", {"--list", "--block-type=PICTURE", path}));
+        const QString listing = QString::fromUtf8(flacToolOutput("metaflac", {"--list", "--block-type=PICTURE", path}));
         QVERIFY2(listing.contains(QStringLiteral("type: 3 (Cover (front))")), qPrintable(listing));
         QVERIFY(listing.contains(QStringLiteral("MIME type: image/png")));
         QVERIFY(listing.contains(QStringLiteral("width: 40")));
         QVERIFY(listing.contains(QStringLiteral("height: 24")));
         QVERIFY(listing.contains(QStringLiteral("depth: 32")));
-        QCOMPARE(runTool("metaflac", {"--export-picture-to=-", path}), png);
+        QCOMPARE(flacToolOutput("metaflac", {"--export-picture-to=-", path}), png);
     }
 };
 
