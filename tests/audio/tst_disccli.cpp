@@ -1,60 +1,18 @@
+#include "support/clitesting.h"
 #include "support/devserverprocess.h"
 #include "support/discimage.h"
+#include "support/discservicesdata.h"
+#include "support/flactools.h"
 
 #include <QDir>
 #include <QFile>
-#include <QProcess>
+#include <QJsonArray>
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
-
-struct Run
-{
-    int exitCode = -1;
-    QString standardOutput;
-    QString standardError;
-    qint64 elapsedMs = 0;
-};
-
-Run runTool(const QString &program, const QStringList &arguments, const QProcessEnvironment &environment)
-{
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    QElapsedTimer timer;
-    timer.start();
-    process.start(program, arguments);
-    Run run;
-    if (process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit) {
-        run.exitCode = process.exitCode();
-    }
-    run.elapsedMs = timer.elapsed();
-    run.standardOutput = QString::fromUtf8(process.readAllStandardOutput());
-    run.standardError = QString::fromUtf8(process.readAllStandardError());
-    return run;
-}
-
-// The samples of a FLAC file as the reference decoder reads them.
-QByteArray decode(const QString &path)
-{
-    QProcess process;
-    process.start(QStringLiteral("flac"),
-                  {"-d", "-s", "-c", "--force-raw-format", "--endian=little", "--sign=signed", path});
-    if (!process.waitForFinished(60000) || process.exitCode() != 0) {
-        return {};
-    }
-    return process.readAllStandardOutput();
-}
-
-QStringList tags(const QString &path)
-{
-    QProcess process;
-    process.start(QStringLiteral("metaflac"), {QStringLiteral("--export-tags-to=-"), path});
-    process.waitForFinished(60000);
-    return QString::fromUtf8(process.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts);
-}
 
 QString readAll(const QString &path)
 {
@@ -64,10 +22,11 @@ QString readAll(const QString &path)
 
 } // namespace
 
-// pelicane-cli rip on the sample disc of scripts/make-samples.sh, whose
-// AccurateRip entry the script computes from the tones it writes, and on
-// generated discs the service does not know or that fail.
-class TestRipCli : public QObject
+// pelicane-cli disc-info and rip on the sample disc of
+// scripts/make-samples.sh, with the release, cover and AccurateRip entry
+// (computed from the tones it writes) the script writes for the local
+// service; and rip on generated discs the service does not know or that fail.
+class TestDiscCli : public QObject
 {
     Q_OBJECT
 
@@ -76,13 +35,13 @@ class TestRipCli : public QObject
     QString m_image;
     QProcessEnvironment m_environment;
 
-    Run rip(const QStringList &arguments, const QProcessEnvironment &environment)
+    ProgramRun rip(const QStringList &arguments, const QProcessEnvironment &environment)
     {
-        return runTool(QStringLiteral(PELICANE_CLI_PATH), QStringList{QStringLiteral("rip")} + arguments, environment);
+        return runCli(QStringList{QStringLiteral("rip")} + arguments, environment);
     }
-    Run rip(const QStringList &arguments) { return rip(arguments, m_environment); }
+    ProgramRun rip(const QStringList &arguments) { return rip(arguments, m_environment); }
 
-    QString ripLogOf(const Run &run)
+    QString ripLogOf(const ProgramRun &run)
     {
         const QRegularExpressionMatch match =
             QRegularExpression(QStringLiteral("^Rip log: (.+)$"), QRegularExpression::MultilineOption)
@@ -94,26 +53,77 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_server.start());
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("PELICANE_SAMPLE_SECONDS"), QStringLiteral("1"));
-        const Run samples = runTool(QStringLiteral(PELICANE_SOURCE_DIR "/scripts/make-samples.sh"),
-                                    {m_dir.filePath(QStringLiteral("music")), m_server.dataDirectory()}, environment);
-        QCOMPARE(samples.exitCode, 0);
-        m_image = m_dir.filePath(QStringLiteral("music/Sample CD/sample-cd.cue"));
-        QVERIFY(QFile::exists(m_image));
-
+        m_image = makeSamples(m_server, m_dir.filePath(QStringLiteral("music")));
+        QVERIFY(!m_image.isEmpty());
+        DiscServicesData::pointAt(m_server);
         m_environment = QProcessEnvironment::systemEnvironment();
-        m_environment.insert(QStringLiteral("PELICANE_MUSICBRAINZ_SERVER"),
-                             QStringLiteral("127.0.0.1:%1").arg(m_server.port()));
-        m_environment.insert(QStringLiteral("PELICANE_COVERART_URL"), m_server.baseUrl());
-        m_environment.insert(QStringLiteral("PELICANE_DISCOGS_URL"), m_server.baseUrl());
         m_environment.insert(QStringLiteral("PELICANE_ACCURATERIP_URL"), m_server.baseUrl());
+    }
+
+    void discInfoOfTheSampleDisc()
+    {
+        const ProgramRun run = runCli({QStringLiteral("disc-info"), m_image, QStringLiteral("--json")});
+        QCOMPARE(run.exitCode, 0);
+        const QJsonObject json = run.json();
+        QVERIFY2(!json.isEmpty(), qPrintable(run.standardOutput));
+        QCOMPARE(json.value("releaseId").toString(), QStringLiteral("5a1e7c1d-0c7b-4c8e-9c61-0d1f2a3b4c5d"));
+        QCOMPARE(json.value("releases").toArray().size(), 2);
+        QCOMPARE(json.value("error").type(), QJsonValue::Null);
+        const QJsonArray tracks = json.value("tracks").toArray();
+        QCOMPARE(tracks.size(), 3);
+        QCOMPARE(tracks[0].toObject().value("title").toString(), QStringLiteral("Morning Tide"));
+        QCOMPARE(tracks[2].toObject().value("year").toInt(), 2019);
+        QVERIFY(tracks[1].toObject().value("path").toString().endsWith(QStringLiteral("/2 Audio Track.aiff")));
+        QCOMPARE(json.value("artwork").toObject().value("format").toString(), QStringLiteral("image/jpeg"));
+        QVERIFY(json.value("artwork").toObject().value("bytes").toInt() > 100);
+
+        // The other pressing, chosen.
+        const ProgramRun chosen = runCli({QStringLiteral("disc-info"), QStringLiteral("--release"),
+                                          QStringLiteral("8f3d2b6e-7a4c-4f1e-a2b9-3c4d5e6f7a8b"), m_image});
+        QCOMPARE(chosen.exitCode, 0);
+        QVERIFY(chosen.standardOutput.contains(QStringLiteral("Release: 8f3d2b6e-7a4c-4f1e-a2b9-3c4d5e6f7a8b")));
+        QVERIFY(chosen.standardOutput.contains(QStringLiteral("year 2021")));
+    }
+
+    // Without MusicBrainz the disc still reads: CD-TEXT, and the failure
+    // report kept off the JSON.
+    void discInfoWithoutMusicBrainz()
+    {
+        QTcpServer closed;
+        QVERIFY(closed.listen(QHostAddress::LocalHost));
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("PELICANE_MUSICBRAINZ_SERVER"),
+                           QStringLiteral("127.0.0.1:%1").arg(closed.serverPort()));
+        closed.close();
+        const ProgramRun run = runCli({QStringLiteral("disc-info"), QStringLiteral("--json"), m_image}, environment);
+        QCOMPARE(run.exitCode, 0);
+        const QJsonObject json = run.json();
+        QVERIFY2(!json.isEmpty(), qPrintable(run.standardOutput));
+        QCOMPARE(json.value("tracks").toArray()[1].toObject().value("title").toString(), QStringLiteral("GULL SONG"));
+        QCOMPARE(json.value("error").toObject().value("code").toInt(), 1001);
+        QCOMPARE(json.value("releaseId").type(), QJsonValue::Null);
+        QVERIFY(run.standardError.contains(QStringLiteral("Connection Exception: '")));
+        QVERIFY(run.elapsedMs < 30000);
+    }
+
+    void discInfoOfNoDiscAndWrongArguments()
+    {
+        const ProgramRun missing = runCli(
+            {QStringLiteral("disc-info"), QStringLiteral("--json"), m_dir.filePath(QStringLiteral("missing.cue"))});
+        QCOMPARE(missing.exitCode, 1);
+        QCOMPARE(missing.json().value("error").toObject().value("code").toInt(), 1000);
+        QCOMPARE(missing.json().value("tracks").toArray().size(), 0);
+
+        for (const QStringList &wrong : {QStringList{}, QStringList{m_image, QStringLiteral("--release")},
+                                         QStringList{m_image, QStringLiteral("--bogus")}}) {
+            QCOMPARE(runCli(QStringList{QStringLiteral("disc-info")} + wrong).exitCode, 2);
+        }
     }
 
     void sampleDiscRipsVerifiedAndTagged()
     {
         const QString out = m_dir.filePath(QStringLiteral("out-sample"));
-        const Run run = rip({m_image, QStringLiteral("--out"), out});
+        const ProgramRun run = rip({m_image, QStringLiteral("--out"), out});
         QCOMPARE(run.exitCode, 0);
         QVERIFY2(run.elapsedMs < 20000, qPrintable(QString::number(run.elapsedMs)));
         const QStringList names{QStringLiteral("01 Morning Tide.flac"), QStringLiteral("02 Gull Song.flac"),
@@ -130,9 +140,9 @@ private slots:
         QVERIFY(bin.open(QIODevice::ReadOnly));
         const QByteArray audio = bin.readAll();
         for (int i = 0; i < 3; ++i) {
-            QVERIFY(decode(QDir(out).filePath(names[i])) == audio.mid(i * 300 * 2352, 300 * 2352));
+            QVERIFY(decodedFlacAudio(QDir(out).filePath(names[i])) == audio.mid(i * 300 * 2352, 300 * 2352));
         }
-        const QStringList second = tags(QDir(out).filePath(names[1]));
+        const QStringList second = flacComments(QDir(out).filePath(names[1]));
         QVERIFY2(second.contains(QStringLiteral("title=Gull Song")), qPrintable(second.join(u',')));
         QVERIFY(second.contains(QStringLiteral("album=Harbour Lights")));
         QVERIFY(second.contains(QStringLiteral("tracknumber=2/3")));
@@ -152,16 +162,16 @@ private slots:
         // Chosen tracks only, with an offset: the audio moves by it, so the
         // database no longer vouches for it.
         const QString chosen = m_dir.filePath(QStringLiteral("out-chosen"));
-        const Run some = rip({m_image, QStringLiteral("--out"), chosen, QStringLiteral("--tracks"), QStringLiteral("2"),
-                              QStringLiteral("--read-offset"), QStringLiteral("30")});
+        const ProgramRun some = rip({m_image, QStringLiteral("--out"), chosen, QStringLiteral("--tracks"),
+                                     QStringLiteral("2"), QStringLiteral("--read-offset"), QStringLiteral("30")});
         QCOMPARE(some.exitCode, 0);
         QCOMPARE(QDir(chosen).entryList(QDir::Files), QStringList{names[1]});
         QVERIFY2(some.standardOutput.contains(QStringLiteral("Track 02: ripped, no match")),
                  qPrintable(some.standardOutput));
-        QVERIFY(decode(QDir(chosen).filePath(names[1])) == audio.mid(300 * 2352 + 30 * 4, 300 * 2352));
+        QVERIFY(decodedFlacAudio(QDir(chosen).filePath(names[1])) == audio.mid(300 * 2352 + 30 * 4, 300 * 2352));
     }
 
-    void wrongArguments()
+    void ripWrongArguments()
     {
         const QString out = m_dir.filePath(QStringLiteral("out-wrong"));
         for (const QStringList &arguments :
@@ -172,7 +182,7 @@ private slots:
                           QStringLiteral("99999")},
               QStringList{m_image, QStringLiteral("--out"), out, QStringLiteral("--loud")},
               QStringList{m_dir.filePath(QStringLiteral("nothing.cue")), QStringLiteral("--out"), out}}) {
-            const Run run = rip(arguments);
+            const ProgramRun run = rip(arguments);
             QVERIFY2(run.exitCode == 2, qPrintable(arguments.join(u' ') + u' ' + QString::number(run.exitCode)));
             QVERIFY(!run.standardError.isEmpty());
         }
@@ -189,7 +199,7 @@ private slots:
         QVERIFY(image.isValid());
         QVERIFY(QFile::resize(image.binPath(), qint64(450) * 2352 + 100));
         const QString out = m_dir.filePath(QStringLiteral("out-cut"));
-        const Run run = rip({image.cuePath(), QStringLiteral("--out"), out});
+        const ProgramRun run = rip({image.cuePath(), QStringLiteral("--out"), out});
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.standardOutput.contains(QStringLiteral("Track 01: ripped, not in database -> Track 01.flac\n")),
                  qPrintable(run.standardOutput));
@@ -198,7 +208,7 @@ private slots:
         QVERIFY(run.standardOutput.contains(QStringLiteral("Track 03: FAILED: Track 3 is not on the disc")));
         QVERIFY(run.standardOutput.contains(QStringLiteral("2 of 3 tracks failed")));
         QCOMPARE(QDir(out).entryList(QDir::Files), QStringList{QStringLiteral("Track 01.flac")});
-        QVERIFY(decode(QDir(out).filePath(QStringLiteral("Track 01.flac"))) == image.trackAudio(0));
+        QVERIFY(decodedFlacAudio(QDir(out).filePath(QStringLiteral("Track 01.flac"))) == image.trackAudio(0));
         const QString text = readAll(ripLogOf(run));
         QCOMPARE(text.count(QStringLiteral("Result:       FAILED")), 2);
         QVERIFY(text.contains(QStringLiteral("Message:      Track last frame is larger than last disc frame.")));
@@ -212,7 +222,7 @@ private slots:
         closed.close();
         const DiscImage whole =
             DiscImage::create(m_dir.path(), QStringLiteral("whole"), DiscImage::audioOptions({200, 200}));
-        const Run unchecked =
+        const ProgramRun unchecked =
             rip({whole.cuePath(), QStringLiteral("--out"), m_dir.filePath(QStringLiteral("out-u"))}, unreachable);
         QCOMPARE(unchecked.exitCode, 0);
         QVERIFY2(unchecked.standardOutput.contains(
@@ -221,5 +231,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestRipCli)
-#include "tst_ripcli.moc"
+QTEST_GUILESS_MAIN(TestDiscCli)
+#include "tst_disccli.moc"
