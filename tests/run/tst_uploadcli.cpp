@@ -4,6 +4,7 @@
 #include "runsupport.h"
 
 #include "scan/scantree.h"
+#include "support/clitesting.h"
 #include "support/devserverprocess.h"
 
 #include <QProcess>
@@ -14,17 +15,6 @@
 #include <cerrno>
 #include <cstring>
 
-namespace {
-
-struct CliResult
-{
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-} // namespace
-
 class TestUploadCli : public QObject
 {
     Q_OBJECT
@@ -32,26 +22,10 @@ class TestUploadCli : public QObject
     DevServerProcess m_server;
     QTemporaryDir m_files;
 
-    CliResult run(const QStringList &args, const QString &email = QString::fromLatin1(DevServerProcess::kDemoEmail),
-                  const QString &password = QStringLiteral("pw"))
+    static ProgramRun run(const QStringList &args,
+                          const QString &email = QString::fromLatin1(DevServerProcess::kDemoEmail))
     {
-        QProcess process;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("PELICANE_EMAIL"), email);
-        environment.insert(QStringLiteral("PELICANE_PASSWORD"), password);
-        process.setProcessEnvironment(environment);
-        process.setStandardInputFile(QProcess::nullDevice());
-        process.start(QStringLiteral(PELICANE_CLI_PATH), QStringList{QStringLiteral("upload")} + args);
-        CliResult result;
-        if (!process.waitForFinished(240000)) {
-            process.kill();
-            process.waitForFinished();
-            return result;
-        }
-        result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        result.out = QString::fromUtf8(process.readAllStandardOutput());
-        result.err = QString::fromUtf8(process.readAllStandardError());
-        return result;
+        return runCli(QStringList{QStringLiteral("upload")} + args, accountEnvironment(email), 240000);
     }
 
     qint64 uploadRequests() const { return m_server.requestCounts().value(QStringLiteral("upload")).toInteger(); }
@@ -76,24 +50,26 @@ private slots:
         QCOMPARE(m_server.seed(seeded, email).size(), 3);
         const qint64 requests = uploadRequests();
 
-        const CliResult dry = run({QStringLiteral("--dry-run"), music.root}, email);
+        const ProgramRun dry = run({QStringLiteral("--dry-run"), music.root}, email);
         QCOMPARE(dry.exitCode, 0);
-        QVERIFY2(dry.out.contains(QStringLiteral("Would upload 5 of 8 files:")), qPrintable(dry.out));
+        QVERIFY2(dry.standardOutput.contains(QStringLiteral("Would upload 5 of 8 files:")),
+                 qPrintable(dry.standardOutput));
         for (int i = 0; i < 8; ++i) {
-            QCOMPARE(dry.out.contains(QStringLiteral("  ") + music.paths[i] + QLatin1Char('\n')), i >= 3);
+            QCOMPARE(dry.standardOutput.contains(QStringLiteral("  ") + music.paths[i] + QLatin1Char('\n')), i >= 3);
         }
-        QVERIFY(dry.out.contains(QStringLiteral("Already in the library: 3 files")));
+        QVERIFY(dry.standardOutput.contains(QStringLiteral("Already in the library: 3 files")));
         QCOMPARE(uploadRequests(), requests);
         QCOMPARE(libraryField(m_server.library(email)).size(), 3);
 
-        const CliResult upload =
+        const ProgramRun upload =
             run({QStringLiteral("--playlist"), QStringLiteral("Road Trip"), QStringLiteral("--tag=cli"),
                  QStringLiteral("--threads"), QStringLiteral("2"), music.root},
                 email);
         QCOMPARE(upload.exitCode, 0);
-        QVERIFY2(upload.out.contains(QStringLiteral("Discovered: \t8 files\nUploaded: \t5 files\n"
-                                                    "Skipped: \t3 files (already uploaded)\nErrors: \t\t0 files\n")),
-                 qPrintable(upload.out));
+        QVERIFY2(upload.standardOutput.contains(
+                     QStringLiteral("Discovered: \t8 files\nUploaded: \t5 files\n"
+                                    "Skipped: \t3 files (already uploaded)\nErrors: \t\t0 files\n")),
+                 qPrintable(upload.standardOutput));
         const QJsonArray files = m_server.library(email).value(QStringLiteral("files")).toArray();
         QCOMPARE(files.size(), 8);
         QSet<QString> uploadedPaths;
@@ -106,10 +82,11 @@ private slots:
         }
         QCOMPARE(uploadedPaths, QSet<QString>(music.paths.begin() + 3, music.paths.end()));
 
-        const CliResult again = run({music.root}, email);
+        const ProgramRun again = run({music.root}, email);
         QCOMPARE(again.exitCode, 0);
-        QVERIFY2(again.out.contains(QStringLiteral("Uploaded: \t0 files\nSkipped: \t8 files (already uploaded)\n")),
-                 qPrintable(again.out));
+        QVERIFY2(again.standardOutput.contains(
+                     QStringLiteral("Uploaded: \t0 files\nSkipped: \t8 files (already uploaded)\n")),
+                 qPrintable(again.standardOutput));
     }
 
     // Checked before signing in: a path that is there but cannot be used is not "missing".
@@ -118,12 +95,13 @@ private slots:
         const QString overlong = ScanTree::makeTooDeepFolder(m_files.path(), QStringLiteral("deep"));
         const auto remove = qScopeGuard([&] { ScanTree::removeTree(m_files.filePath(QStringLiteral("deep"))); });
         QVERIFY(overlong.toUtf8().size() > 4096);
-        const CliResult result = run({overlong});
+        const ProgramRun result = run({overlong});
         QCOMPARE(result.exitCode, 2);
-        QVERIFY2(!result.err.contains(QStringLiteral("no such file")), qPrintable(result.err));
-        QVERIFY2(result.err.contains(QString::fromLocal8Bit(strerror(ENAMETOOLONG))), qPrintable(result.err));
-        const CliResult missing = run({m_files.filePath(QStringLiteral("not here"))});
-        QVERIFY(missing.err.contains(QStringLiteral("no such file or folder")));
+        QVERIFY2(!result.standardError.contains(QStringLiteral("no such file")), qPrintable(result.standardError));
+        QVERIFY2(result.standardError.contains(QString::fromLocal8Bit(strerror(ENAMETOOLONG))),
+                 qPrintable(result.standardError));
+        const ProgramRun missing = run({m_files.filePath(QStringLiteral("not here"))});
+        QVERIFY(missing.standardError.contains(QStringLiteral("no such file or folder")));
     }
 
     // Files the search could not reach were not uploaded: neither a run nor a dry run ends as a success.
@@ -135,10 +113,11 @@ private slots:
         QVERIFY(!ScanTree::makeTooDeepFolder(music.root, QStringLiteral("deep")).isEmpty());
         const auto remove = qScopeGuard([&] { ScanTree::removeTree(music.root + QStringLiteral("/deep")); });
         for (const QStringList &extra : {QStringList{QStringLiteral("--dry-run")}, QStringList{}}) {
-            const CliResult result = run(extra + QStringList{music.root}, email);
+            const ProgramRun result = run(extra + QStringList{music.root}, email);
             QCOMPARE(result.exitCode, 1);
-            QVERIFY2(result.err.contains(QStringLiteral("1 file or folder could not be read while searching")),
-                     qPrintable(result.err));
+            QVERIFY2(
+                result.standardError.contains(QStringLiteral("1 file or folder could not be read while searching")),
+                qPrintable(result.standardError));
         }
         QCOMPARE(libraryField(m_server.library(email)).size(), 2);
     }
@@ -151,46 +130,40 @@ private slots:
 
         // A few failures: the run goes on to the end and reports them.
         QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"count", 2}, {"status", 500}, {"message", "Disk full"}}));
-        const CliResult some = run({QStringLiteral("--threads"), QStringLiteral("1"), music.root}, email);
+        const ProgramRun some = run({QStringLiteral("--threads"), QStringLiteral("1"), music.root}, email);
         QCOMPARE(some.exitCode, 1);
-        QVERIFY2(some.out.contains(QStringLiteral("Uploaded: \t53 files\n")), qPrintable(some.out));
-        QVERIFY(some.out.contains(QStringLiteral("Errors: \t\t2 files\n")));
-        QCOMPARE(some.err.count(QStringLiteral(": Disk full")), 2);
+        QVERIFY2(some.standardOutput.contains(QStringLiteral("Uploaded: \t53 files\n")),
+                 qPrintable(some.standardOutput));
+        QVERIFY(some.standardOutput.contains(QStringLiteral("Errors: \t\t2 files\n")));
+        QCOMPARE(some.standardError.count(QStringLiteral(": Disk full")), 2);
         QCOMPARE(libraryField(m_server.library(email)).size(), 53);
 
         // Every upload failing: 50 in a row stop the run with the message.
         const QString other = QStringLiteral("failing2@lyrabox.test");
         QVERIFY(m_server.createAccount(other, QStringLiteral("pw")));
         QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"count", 0}, {"status", 500}}));
-        const CliResult all = run({music.root}, other);
+        const ProgramRun all = run({music.root}, other);
         QVERIFY(m_server.clearFaults());
         QCOMPARE(all.exitCode, 1);
-        QVERIFY2(all.err.contains(QStringLiteral("10 files failed to upload in a row.")), qPrintable(all.err));
-        QVERIFY2(all.out.contains(QStringLiteral("Errors: \t\t50 files\n")), qPrintable(all.out));
-        QVERIFY(all.out.contains(QStringLiteral("Not uploaded: \t5 files")));
+        QVERIFY2(all.standardError.contains(QStringLiteral("10 files failed to upload in a row.")),
+                 qPrintable(all.standardError));
+        QVERIFY2(all.standardOutput.contains(QStringLiteral("Errors: \t\t50 files\n")), qPrintable(all.standardOutput));
+        QVERIFY(all.standardOutput.contains(QStringLiteral("Not uploaded: \t5 files")));
         QCOMPARE(libraryField(m_server.library(other)).size(), 0);
     }
 
-    // The help says how often a file is tried; a session revoked mid-run
-    // stops the run with "session expired" and exit 3, no file failed for it.
+    // A session revoked mid-run stops the run with "session expired" and
+    // exit 3, no file failed for it.
     void revokedSessionStopsWithSessionExpired()
     {
-        QProcess help;
-        help.start(QStringLiteral(PELICANE_CLI_PATH), {QStringLiteral("upload"), QStringLiteral("--help")});
-        QVERIFY(help.waitForFinished(10000));
-        QVERIFY(help.readAllStandardOutput().contains("up to 10 attempts in all"));
-
         const QString email = QStringLiteral("revoked-cli@lyrabox.test");
         QVERIFY(m_server.createAccount(email, QStringLiteral("pw")));
         const MusicFolder music = MusicFolder::make(m_files.filePath(QStringLiteral("revoked")), 60, 100, 400, 44);
         QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"count", 0}, {"latency_ms", 100}}));
         QProcess process;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("PELICANE_EMAIL"), email);
-        environment.insert(QStringLiteral("PELICANE_PASSWORD"), QStringLiteral("pw"));
-        process.setProcessEnvironment(environment);
+        process.setProcessEnvironment(accountEnvironment(email));
         process.setStandardInputFile(QProcess::nullDevice());
-        process.start(QStringLiteral(PELICANE_CLI_PATH), {QStringLiteral("upload"), music.root});
+        process.start(cliPath(), {QStringLiteral("upload"), music.root});
         QTRY_VERIFY_WITH_TIMEOUT(libraryField(m_server.library(email)).size() >= 3, 20000);
         QVERIFY(m_server.revokeToken(email));
         QVERIFY(process.waitForFinished(20000));
@@ -210,16 +183,10 @@ private slots:
         QVERIFY(m_server.createAccount(email, QStringLiteral("pw")));
         const MusicFolder music = MusicFolder::make(m_files.filePath(QStringLiteral("secret")), 3, 100, 400, 45);
         QCOMPARE(run({music.root}, email).exitCode, 0);
-        QProcess download;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("PELICANE_EMAIL"), email);
-        environment.insert(QStringLiteral("PELICANE_PASSWORD"), QStringLiteral("pw"));
-        download.setProcessEnvironment(environment);
-        download.setStandardInputFile(QProcess::nullDevice());
-        download.start(QStringLiteral(PELICANE_CLI_PATH),
-                       {QStringLiteral("download-library"), m_files.filePath(QStringLiteral("secret-library"))});
-        QVERIFY(download.waitForFinished(60000));
-        QCOMPARE(download.exitCode(), 0);
+        const ProgramRun download =
+            runCli({QStringLiteral("download-library"), m_files.filePath(QStringLiteral("secret-library"))},
+                   accountEnvironment(email));
+        QCOMPARE(download.exitCode, 0);
 
         const QString token = m_server.library(email).value(QStringLiteral("token")).toString();
         QVERIFY(token.size() >= 16);
@@ -234,16 +201,15 @@ private slots:
     // namespace of its own (unshare, as root); the mapping has its own tests.
     void noNetworkSaysOffline()
     {
-        QProcess process;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("PELICANE_EMAIL"), QString::fromLatin1(DevServerProcess::kDemoEmail));
-        environment.insert(QStringLiteral("PELICANE_PASSWORD"), QStringLiteral("demo"));
+        QProcessEnvironment environment = accountEnvironment(QString::fromLatin1(DevServerProcess::kDemoEmail),
+                                                             QString::fromLatin1(DevServerProcess::kDemoPassword));
         environment.insert(QStringLiteral("PELICANE_API_URL"), QStringLiteral("http://10.9.9.9:8080/s/JSON/"));
         environment.insert(QStringLiteral("PELICANE_UPLOAD_URL"), QStringLiteral("http://10.9.9.9:8080/upload/"));
+        QProcess process;
         process.setProcessEnvironment(environment);
         process.setStandardInputFile(QProcess::nullDevice());
-        process.start(QStringLiteral("unshare"), {QStringLiteral("-n"), QStringLiteral(PELICANE_CLI_PATH),
-                                                  QStringLiteral("upload"), m_files.path()});
+        process.start(QStringLiteral("unshare"),
+                      {QStringLiteral("-n"), cliPath(), QStringLiteral("upload"), m_files.path()});
         if (!process.waitForFinished(30000)) {
             QSKIP("unshare is not available");
         }

@@ -3,7 +3,6 @@
 // the failure prompts, fed in directly where a test needs a particular error.
 #include "runsupport.h"
 
-#include "core/logger.h"
 #include "service/lyraboxservice.h"
 #include "session/md5checkoperation.h"
 #include "session/sessionmodel.h"
@@ -36,6 +35,13 @@ class TestUploadRun : public QObject
         QVERIFY(model.isUploading());
     }
 
+    // The upload of `path` ends with `error` (none: uploaded).
+    static void finish(SessionModel &model, const QString &path, const OptionalError &error)
+    {
+        model.fileLists().add(FileList::Uploading, path);
+        model.lyraboxDidFinishUpload(nullptr, path, error);
+    }
+
     QString writeFile(const QString &name, const QByteArray &content)
     {
         QFile file(m_files.filePath(name));
@@ -64,16 +70,13 @@ private slots:
         const std::optional<QString> md5 = FileHash::md5HashOfFileAtPath(path);
         QVERIFY(md5);
         const QString line = QFileInfo(path).fileName() + QStringLiteral(" - skipped");
-        const qint64 logStart = Logger::logSize();
-        auto logged = [&] {
-            QFile log(Logger::logFileURL().toLocalFile());
-            return log.open(QIODevice::ReadOnly) && log.seek(logStart) &&
-                   QString::fromUtf8(log.readAll()).contains(line);
-        };
+        const LogWatch log;
         bool loggedAtCheck = false;
         bool ended = false;
         Md5CheckOperation::Handlers handlers;
-        handlers.checked = [&](const QString &, bool known, qint64, qint64) { loggedAtCheck = known && logged(); };
+        handlers.checked = [&](const QString &, bool known, qint64, qint64) {
+            loggedAtCheck = known && log.text().contains(line);
+        };
         handlers.ended = [&](double) { ended = true; };
         handlers.logKnown = true;
         QObject context;
@@ -168,12 +171,8 @@ private slots:
         ScriptedPrompter prompter;
         SessionModel model(&prompter);
         startRunning(model);
-        auto finish = [&](const QString &path, const OptionalError &error) {
-            model.fileLists().add(FileList::Uploading, path);
-            model.lyraboxDidFinishUpload(nullptr, path, error);
-        };
         for (int i = 0; i < 49; ++i) {
-            finish(QStringLiteral("/f%1").arg(i), failure(1));
+            finish(model, QStringLiteral("/f%1").arg(i), failure(1));
         }
         QVERIFY(prompter.alerts.isEmpty());
         QVERIFY(model.isUploading());
@@ -182,7 +181,7 @@ private slots:
 
         model.fileLists().add(FileList::Uploading, QStringLiteral("/g"));
         LogWatch log;
-        finish(QStringLiteral("/f49"), failure(500));
+        finish(model, QStringLiteral("/f49"), failure(500));
         QCOMPARE(prompter.alerts.size(), 1);
         QCOMPARE(prompter.alerts[0].message, QStringLiteral("Upload Error"));
         QCOMPARE(prompter.alerts[0].informative,
@@ -203,17 +202,13 @@ private slots:
         ScriptedPrompter prompter;
         SessionModel model(&prompter);
         startRunning(model);
-        auto finish = [&](const QString &path, const OptionalError &error) {
-            model.fileLists().add(FileList::Uploading, path);
-            model.lyraboxDidFinishUpload(nullptr, path, error);
-        };
         for (int i = 0; i < 30; ++i) {
-            finish(QStringLiteral("/f%1").arg(i), failure(1));
+            finish(model, QStringLiteral("/f%1").arg(i), failure(1));
         }
-        finish(QStringLiteral("/ok"), std::nullopt);
+        finish(model, QStringLiteral("/ok"), std::nullopt);
         QCOMPARE(model.simultaneousErrors(), 0);
         for (int i = 30; i < 79; ++i) {
-            finish(QStringLiteral("/f%1").arg(i), failure(1));
+            finish(model, QStringLiteral("/f%1").arg(i), failure(1));
         }
         QVERIFY(prompter.alerts.isEmpty());
         QVERIFY(model.isUploading());
