@@ -328,6 +328,9 @@ private slots:
             const RipResult second = rip(engine.context, 2);
             QCOMPARE(second.status, 1);
             QCOMPARE(second.messages, QStringList{QStringLiteral("Track last frame is larger than last disc frame.")});
+            // Refused before any read, holding no buffer.
+            QCOMPARE(second.progressCalls, 1);
+            QVERIFY(!second.record.buffer);
             const RipResult third = rip(engine.context, 3);
             QCOMPARE(third.status, 1);
             QVERIFY2(third.messages.value(0).startsWith(QStringLiteral("Track 3 is not on the disc")),

@@ -148,8 +148,11 @@ private slots:
         QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_mixed.cuePath()));
         QCOMPARE(cdio_get_discmode(PLCAudioCDProcessor::cdio()), CDIO_DISC_MODE_CD_MIXED);
 
-        // A disc whose table of contents cannot be read passes whatever its mode.
+        // A disc whose table of contents cannot be read passes whatever its
+        // mode; a disc whose mode cannot be read is refused.
         QVERIFY(!PLCAudioCDProcessor::checkAudioDisc(CDIO_DISC_MODE_DVD_ROM, CDIO_INVALID_TRACK));
+        verifyOpeningError(PLCAudioCDProcessor::checkAudioDisc(CDIO_DISC_MODE_ERROR, 1),
+                           QStringLiteral("CD is not an Audio CD"));
     }
 
     void nonCDModeIsRefusedAndKeepsTheHandle()
