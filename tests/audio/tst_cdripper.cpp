@@ -1,6 +1,9 @@
 #include "audio/cdripper.h"
+#include "cd/plcaudiocdprocessor.h"
+#include "platform/discimages.h"
 #include "riptesting.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
