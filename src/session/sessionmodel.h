@@ -114,6 +114,9 @@ public:
     void OnSearchFolder();
     // Scans paths in the background and adds what it finds to foundFiles.
     void appendFilesAtPath(const QStringList &paths);
+    // The Cancel button of a running scan: stops it and goes back to the
+    // Search page with the folders as they were chosen.
+    void OnCancelSearch();
     static bool fileIsAlias(const QString &path) { return FolderScan::fileIsAlias(path); }
     // What files and folders dropped on the window do, by page.
     void filesDropped(const QStringList &paths);
@@ -300,6 +303,10 @@ signals:
     void listContainerViewSetUp();
     void fileCountLabelTextChanged(const QString &text);
     void fileSearchInProgressChanged(bool inProgress);
+    // Files found so far by the running scan (0 when it starts).
+    void fileSearchCountChanged(qint64 count);
+    // A scan's worker stopped because it was told to, having found `found` files.
+    void fileSearchAbandoned(qint64 found);
     void beginUploadEnabledChanged(bool enabled);
     // A file left foundFiles at row (the row as it was before).
     void foundFileRemoved(qsizetype row);

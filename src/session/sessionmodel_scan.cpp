@@ -80,6 +80,7 @@ void SessionModel::OnSearchFolder()
     setMainPageType(MainPageTypeList);
     setFileSearchInProgress(true);
     setFileCountLabelText(QStringLiteral("Searching for files..."));
+    emit fileSearchCountChanged(0);
     setBeginUploadEnabled(false);
     setIsFileSearchCanceled(false);
     // Batches of a scan that was cancelled before this one must not land in
@@ -105,9 +106,11 @@ void SessionModel::appendFilesAtPath(const QStringList &paths)
             }
             sinceHandOver.restart();
         };
+        qint64 found = 0;
         const FolderScan::Outcome outcome = FolderScan(formats).scan(
             paths,
             [&](const QString &path) {
+                ++found;
                 batch.append(path);
                 if (batch.size() >= kBatchSize || sinceHandOver.elapsed() >= kBatchIntervalMs) {
                     handOver();
@@ -116,7 +119,11 @@ void SessionModel::appendFilesAtPath(const QStringList &paths)
             [this] { return m_folderScanRunner.isStopping() || isFileSearchCanceled(); });
         handOver();
         if (!outcome.finished) {
-            return; // abandoned: no summary, no completion, no alert
+            // Abandoned: no summary, no completion, no alert; only word that
+            // this thread has let go.
+            QMetaObject::invokeMethod(
+                this, [this, found] { emit fileSearchAbandoned(found); }, Qt::QueuedConnection);
+            return;
         }
         QMetaObject::invokeMethod(
             this, [this, epoch, errors = outcome.errorCount] { finishFileSearch(epoch, errors); },
@@ -130,6 +137,24 @@ void SessionModel::mergeFoundFiles(const QStringList &paths, quint64 epoch)
         return;
     }
     m_files.add(FileList::Found, paths);
+    if (m_fileSearchInProgress) {
+        emit fileSearchCountChanged(m_files.found().size());
+    }
+}
+
+void SessionModel::OnCancelSearch()
+{
+    if (!m_fileSearchInProgress) {
+        return;
+    }
+    Logger::log(QStringLiteral("Scan cancelled"));
+    // The worker sees the flag before its next entry; batches it already
+    // sent are dropped by the epoch.
+    setIsFileSearchCanceled(true);
+    ++m_scanEpoch;
+    setFileSearchInProgress(false);
+    // The folders chosen stay: the Search page shows them again.
+    setMainPageType(MainPageTypeSearch);
 }
 
 void SessionModel::finishFileSearch(quint64 epoch, qint64 errorCount)

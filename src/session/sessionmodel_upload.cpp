@@ -448,6 +448,9 @@ void SessionModel::OnStartOver()
     m_foundDisks.clear();
     emit foundDisksChanged(m_foundDisks);
     setIsFileSearchCanceled(true);
+    if (m_fileSearchInProgress) {
+        setFileSearchInProgress(false);
+    }
     setMainPageType(MainPageTypeSearch);
     service()->reset();
 }

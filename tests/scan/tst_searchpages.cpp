@@ -11,8 +11,10 @@
 
 #include <QApplication>
 #include <QCheckBox>
+#include <QElapsedTimer>
 #include <QMimeData>
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -168,6 +170,80 @@ private slots:
         // The page fits a small laptop's screen.
         QVERIFY2(window.minimumSizeHint().width() <= 640,
                  qPrintable(QString::number(window.minimumSizeHint().width())));
+    }
+
+    void scanCountsAsItGoesAndCancels()
+    {
+        // Many more files than one hand-over carries, so the count has steps
+        // to show and a scan is still walking when Cancel comes.
+        constexpr int kFolders = 150;
+        constexpr int kFilesPerFolder = 1000;
+        constexpr qint64 kTotal = kFolders * kFilesPerFolder;
+        const QString big = m_dir.filePath(QStringLiteral("big"));
+        QCOMPARE(makeWideTree(big, kFolders, kFilesPerFolder), kTotal);
+
+        MainWindowController window;
+        window.loadWindow();
+        window.resize(800, 600);
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        window.setMainPageType(MainPageTypeSearch);
+        Ui::MainWindowController *ui = window.ui();
+        SessionModel *session = window.session();
+        session->setSearchFolderPath({big});
+        session->updateSearchFolderPath();
+
+        // A whole scan: the count beside the spinner grows, and goes with it.
+        QStringList shown;
+        auto recordCount = connect(session, &SessionModel::fileSearchCountChanged, this, [&] {
+            shown << ui->fileSearchCountLabel->text();
+            QVERIFY(ui->fileSearchCountLabel->isVisible() && ui->cancelSearchButton->isVisible());
+        });
+        ui->searchButton->click();
+        QVERIFY(waitForScan(window));
+        disconnect(recordCount);
+        QVERIFY2(shown.size() >= 4, qPrintable(shown.join(QLatin1Char('|'))));
+        QCOMPARE(shown.first(), QStringLiteral("0 files found so far"));
+        QCOMPARE(shown.last(), QStringLiteral("150,000 files found so far"));
+        qint64 previous = -1;
+        for (const QString &text : shown) {
+            const qint64 count = text.section(QLatin1Char(' '), 0, 0).remove(QLatin1Char(',')).toLongLong();
+            QVERIFY2(count > previous, qPrintable(shown.join(QLatin1Char('|'))));
+            previous = count;
+        }
+        QVERIFY(ui->fileSearchCountLabel->isHidden() && ui->cancelSearchButton->isHidden());
+        QCOMPARE(session->foundFiles().size(), kTotal);
+
+        // Again, cancelled as soon as the first files are counted: the walk
+        // stops on its thread well before its end, and the folder page comes
+        // back with the folder still chosen.
+        window.setMainPageType(MainPageTypeSearch);
+        QSignalSpy abandoned(session, &SessionModel::fileSearchAbandoned);
+        QElapsedTimer sinceCancel;
+        auto cancelEarly = connect(session, &SessionModel::fileSearchCountChanged, this, [&](qint64 count) {
+            if (count > 0 && !sinceCancel.isValid()) {
+                sinceCancel.start();
+                ui->cancelSearchButton->click();
+            }
+        });
+        LogWatch log;
+        ui->searchButton->click();
+        QTRY_COMPARE_WITH_TIMEOUT(abandoned.size(), 1, 10000);
+        const qint64 stoppedAfterMs = sinceCancel.elapsed();
+        disconnect(cancelEarly);
+        QVERIFY2(stoppedAfterMs < 1000, qPrintable(QString::number(stoppedAfterMs)));
+        QVERIFY2(abandoned.first().first().toLongLong() < kTotal, qPrintable(abandoned.first().first().toString()));
+        QVERIFY(session->folderScanRunner().waitForDone(10000));
+        QCoreApplication::processEvents();
+        QCOMPARE(window.mainPageType(), quint32(MainPageTypeSearch));
+        QVERIFY(ui->searchContainerView->isVisible());
+        QCOMPARE(session->searchFolderPath(), QStringList{big});
+        QCOMPARE(ui->searchFolderPathTextField->text(), big);
+        QVERIFY(!session->isFileSearchInProgress());
+        QVERIFY(session->foundFiles().isEmpty());
+        QCOMPARE(log.lines().filter(QStringLiteral("Scan cancelled")).size(), 1);
+        QVERIFY(log.lines().filter(QStringLiteral("Scan complete")).isEmpty());
+        ScanTree::removeTree(big);
     }
 };
 

@@ -1,6 +1,7 @@
 // The folder and file-list pages of the main window.
 #include "session/ui/mainwindowcontroller.h"
 
+#include "core/formatting.h"
 #include "core/paths.h"
 #include "platform/settings.h"
 #include "session/ui/filelistitemview.h"
@@ -175,7 +176,19 @@ void MainWindowController::connectSearchPages()
         } else {
             m_ui->fileSearchProgressIndicator->stopAnimation();
         }
+        // The running count and the way out exist only while a scan runs.
+        m_ui->fileSearchCountLabel->setVisible(inProgress);
+        m_ui->cancelSearchButton->setVisible(inProgress);
     });
+    connect(m_session, &SessionModel::fileSearchCountChanged, this, [this](qint64 count) {
+        m_ui->fileSearchCountLabel->setText(count == 1
+                                                ? QStringLiteral("1 file found so far")
+                                                : QStringLiteral("%1 files found so far").arg(groupedNumber(count)));
+    });
+    m_ui->fileSearchCountLabel->hide();
+    m_ui->cancelSearchButton->hide();
+    m_ui->cancelSearchButton->setShortcut(QKeySequence(Qt::Key_Escape));
+    connect(m_ui->cancelSearchButton, &QPushButton::clicked, m_session, &SessionModel::OnCancelSearch);
     connect(m_session, &SessionModel::beginUploadEnabledChanged, m_ui->beginUploadButton, &QPushButton::setEnabled);
     connect(m_session, &SessionModel::listContainerViewSetUp, this, [this] {
         // Back to 3 every time the list is set up, whatever was typed before.
