@@ -27,4 +27,7 @@ find_program(PELICANE_DPKG_SHLIBDEPS dpkg-shlibdeps)
 if(PELICANE_DPKG_SHLIBDEPS)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 endif()
+# QtKeychain opens libsecret only when it runs; without it the password goes
+# to the settings file.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libsecret-1-0")
 include(CPack)

@@ -13,5 +13,7 @@ mkdir -p "$out"
 # A home of its own, so no settings or log of the user's are touched.
 home=$(mktemp -d)
 trap 'rm -rf "$home"' EXIT
+# No session bus either: the user's keyring is not touched.
 HOME=$home XDG_CONFIG_HOME=$home/config XDG_DATA_HOME=$home/data XDG_CACHE_HOME=$home/cache \
+  DBUS_SESSION_BUS_ADDRESS=unix:path=$home/no-bus \
   xvfb-run -a -s '-screen 0 1280x900x24' "$build/tests/screenshots/pelicane-screenshots" "$out" "$samples"

@@ -78,7 +78,8 @@ public:
     // The saved folder, or the Music folder, as the first scan roots. A saved
     // folder that has vanished stays first, followed by the Music folder.
     void loadSearchFolderPath();
-    // E-mail, password and Remember Me from the settings.
+    // E-mail and Remember Me from the settings; with Remember Me, the
+    // password from its store, which answers later (passwordLoaded).
     void loadCredentials();
 
     // --- Sign-in (sessionmodel_login.cpp) ------------------------------------
@@ -91,7 +92,8 @@ public:
     bool isLoggingIn() const { return m_isLoggingIn; }
     // Signs in with the fields as typed; both must be non-empty.
     void OnLogin();
-    // Switching it off forgets the stored e-mail and password at once.
+    // Switching it off forgets the stored e-mail and password (the password
+    // in whichever store holds it).
     void OnRememberMeChecked(bool checked);
 
     // --- Folders and disc watch (sessionmodel_scan.cpp) ----------------------
@@ -289,6 +291,8 @@ public:
 signals:
     // A page was entered (after its set-up); the window shows its area.
     void mainPageTypeChanged(quint32 type);
+    // The remembered password arrived from its store (loadCredentials).
+    void passwordLoaded(const QString &password);
     // The sign-in request went out (true) or was answered (false).
     void loggingInChanged(bool loggingIn);
     void searchFolderPathTextChanged(const QString &text);

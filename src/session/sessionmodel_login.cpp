@@ -1,5 +1,7 @@
 #include "session/sessionmodel.h"
 
+#include "core/logger.h"
+#include "platform/passwordstore.h"
 #include "platform/settings.h"
 #include "service/lyraboxservice.h"
 
@@ -22,11 +24,22 @@ void SessionModel::loadCredentials()
     if (m_email.isNull()) {
         m_email = QStringLiteral("");
     }
-    m_password = Settings::string(kSettingsPassword);
-    if (m_password.isNull()) {
-        m_password = QStringLiteral("");
-    }
+    m_password = QStringLiteral("");
     m_rememberMe = Settings::boolean(kSettingsRememberMe);
+    if (!m_rememberMe) {
+        return; // nothing is remembered; the keyring is not bothered
+    }
+    // The keyring may first ask to be unlocked: the field fills when it answers.
+    PasswordStore::read(this, [this](const std::optional<QString> &password, const OptionalError &error) {
+        if (error) {
+            Logger::log(QStringLiteral("Remember Me: ") + error->localizedDescription());
+        }
+        // What the user typed meanwhile wins.
+        if (password && m_password.isEmpty()) {
+            m_password = *password;
+            emit passwordLoaded(*password);
+        }
+    });
 }
 
 void SessionModel::OnLogin()
@@ -46,7 +59,11 @@ void SessionModel::OnRememberMeChecked(bool checked)
     m_rememberMe = checked;
     if (!checked) {
         Settings::remove(kSettingsEmail);
-        Settings::remove(kSettingsPassword);
+        PasswordStore::remove(this, [this](const OptionalError &error) {
+            if (error) {
+                showAlert(QStringLiteral("Remember Me"), error->localizedDescription(), QStringLiteral("OK"));
+            }
+        });
     }
     Settings::setValue(kSettingsRememberMe, checked);
 }
@@ -69,7 +86,13 @@ void SessionModel::lyraboxDidLogin(LyraboxService *service, const OptionalError 
     }
     if (m_rememberMe) {
         Settings::setValue(kSettingsEmail, m_email);
-        Settings::setValue(kSettingsPassword, m_password);
+        PasswordStore::write(m_password, this, [this](const OptionalError &error) {
+            if (error) {
+                showAlert(QStringLiteral("Remember Me"),
+                          error->localizedDescription() + QStringLiteral("\n\nYou will need to type it next time."),
+                          QStringLiteral("OK"));
+            }
+        });
     }
     setMainPageType(MainPageTypeSearch);
 }

@@ -124,9 +124,18 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), kAnswerTimeout);
         QVERIFY(ui->searchContainerView->isVisible());
         QCOMPARE(Settings::string(kSettingsEmail), demoEmail());
-        QCOMPARE(Settings::string(kSettingsPassword), demoPassword());
+        // No keyring runs for the tests: the password goes to the settings file.
+        QTRY_COMPARE(Settings::string(kSettingsPassword), demoPassword());
         QVERIFY(!LyraboxService::sharedService().userToken().isEmpty());
         QVERIFY(logLines().contains(QStringLiteral("SetPage(Search)")));
+
+        // A restart fills both fields, the password once its store answers.
+        {
+            MainWindowController again;
+            again.showWindow();
+            QCOMPARE(again.ui()->emailField->text(), demoEmail());
+            QTRY_COMPARE(again.ui()->passwdField->text(), demoPassword());
+        }
 
         // Unchecking forgets both at once; a restart shows empty fields.
         window.setMainPageType(MainPageTypeLogin);
@@ -134,6 +143,11 @@ private slots:
         QVERIFY(!Settings::contains(kSettingsEmail));
         QVERIFY(!Settings::contains(kSettingsPassword));
         QCOMPARE(Settings::value(kSettingsRememberMe).toBool(), false);
+        MainWindowController afterwards;
+        afterwards.showWindow();
+        QTest::qWait(100);
+        QVERIFY(afterwards.ui()->emailField->text().isEmpty() && afterwards.ui()->passwdField->text().isEmpty());
+        QCOMPARE(logLines().filter(QStringLiteral("Password store:")).size(), 1);
     }
 
     void expiredSessionPausesAndReturnsToLogin()

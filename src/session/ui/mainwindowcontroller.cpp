@@ -110,6 +110,11 @@ void MainWindowController::windowDidLoad()
         m_ui->emailField->setCursorPosition(int(m_ui->emailField->text().size()));
         m_ui->passwdField->setText(m_session->password());
         m_ui->rememberMeCheckbox->setChecked(m_session->rememberMe());
+        connect(m_session, &SessionModel::passwordLoaded, this, [this](const QString &password) {
+            if (m_ui->passwdField->text().isEmpty()) {
+                m_ui->passwdField->setText(password);
+            }
+        });
         m_ui->emailField->setFocus(Qt::OtherFocusReason);
 
         centerOnScreen();
