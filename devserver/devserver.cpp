@@ -21,6 +21,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -575,20 +576,29 @@ void DevServer::handleDownload(const httplib::Request &req, httplib::Response &r
     res.set_header("Estimated-Content-Length", std::to_string(total));
     res.status = 200;
     const qint64 dropAfter = plan.dropAfterBytes;
-    res.set_content_provider(size_t(total), "application/zip",
-                             [zip, dropAfter, sent = qint64(0)](size_t, size_t, httplib::DataSink &sink) mutable {
-                                 std::vector<char> buffer(64 * 1024);
-                                 qint64 want = qint64(buffer.size());
-                                 if (dropAfter >= 0)
-                                     want = std::min(want, dropAfter - sent);
-                                 if (want <= 0)
-                                     return false; // the dropped-connection fault
-                                 const qint64 n = zip->read(buffer.data(), want);
-                                 if (n <= 0)
-                                     return false;
-                                 sent += n;
-                                 return sink.write(buffer.data(), size_t(n));
-                             });
+    const qint64 rate = plan.bytesPerSecond;
+    res.set_content_provider(
+        size_t(total), "application/zip",
+        [zip, dropAfter, rate, sent = qint64(0),
+         started = std::chrono::steady_clock::now()](size_t, size_t, httplib::DataSink &sink) mutable {
+            std::vector<char> buffer(64 * 1024);
+            qint64 want = qint64(buffer.size());
+            if (rate > 0) {
+                // A slow link: about twenty pieces a second, each sent no
+                // sooner than the rate allows.
+                want = std::clamp<qint64>(rate / 20, 1, want);
+                std::this_thread::sleep_until(started + std::chrono::microseconds(sent * 1000000 / rate));
+            }
+            if (dropAfter >= 0)
+                want = std::min(want, dropAfter - sent);
+            if (want <= 0)
+                return false; // the dropped-connection fault
+            const qint64 n = zip->read(buffer.data(), want);
+            if (n <= 0)
+                return false;
+            sent += n;
+            return sink.write(buffer.data(), size_t(n));
+        });
 }
 
 void DevServer::handleControl(const httplib::Request &req, httplib::Response &res, const std::string &body)

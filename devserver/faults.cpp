@@ -21,8 +21,9 @@ const char *endpointName(Endpoint endpoint)
 
 QString Faults::add(const QJsonObject &rule)
 {
-    static const QSet<QString> known{"endpoint", "count",        "latency_ms",       "status",         "message",
-                                     "body",     "content_type", "drop_after_bytes", "omit_end_marker"};
+    static const QSet<QString> known{
+        "endpoint", "count",        "latency_ms",       "status",          "message",
+        "body",     "content_type", "drop_after_bytes", "omit_end_marker", "bytes_per_second"};
     for (auto it = rule.begin(); it != rule.end(); ++it) {
         if (!known.contains(it.key()))
             return "unknown fault key \"" + it.key() + "\"";
@@ -54,7 +55,7 @@ QString Faults::add(const QJsonObject &rule)
         *out = value.toInteger();
         return *out >= minimum && *out <= maximum;
     };
-    qint64 count, latency, status, drop;
+    qint64 count, latency, status, drop, rate;
     if (!integer("count", 1, 0, 1000000, &count))
         return "\"count\" must be a whole number of 0 or more";
     if (!integer("latency_ms", 0, 0, 600000, &latency))
@@ -63,6 +64,8 @@ QString Faults::add(const QJsonObject &rule)
         return "\"status\" must be an HTTP status from 100 to 999";
     if (!integer("drop_after_bytes", -1, -1, std::numeric_limits<qint64>::max(), &drop))
         return "\"drop_after_bytes\" must be a whole number of 0 or more";
+    if (!integer("bytes_per_second", 0, 0, std::numeric_limits<qint64>::max(), &rate))
+        return "\"bytes_per_second\" must be a whole number of 0 or more";
     if (rule.contains("message") && !rule.value("message").isString())
         return "\"message\" must be a string";
     if (rule.contains("body") && !rule.value("body").isString())
@@ -80,6 +83,7 @@ QString Faults::add(const QJsonObject &rule)
     r.plan.contentType = rule.value("content_type").toString().toUtf8();
     r.plan.dropAfterBytes = drop;
     r.plan.omitEndMarker = rule.value("omit_end_marker").toBool();
+    r.plan.bytesPerSecond = rate;
 
     std::lock_guard lock(m_mutex);
     m_rules.push_back(r);
@@ -127,6 +131,9 @@ FaultPlan Faults::take(Endpoint endpoint)
         if (p.dropAfterBytes >= 0 && plan.dropAfterBytes < 0)
             plan.dropAfterBytes = p.dropAfterBytes;
         plan.omitEndMarker = plan.omitEndMarker || p.omitEndMarker;
+        // The slowest link wins.
+        if (p.bytesPerSecond > 0 && (plan.bytesPerSecond == 0 || p.bytesPerSecond < plan.bytesPerSecond))
+            plan.bytesPerSecond = p.bytesPerSecond;
         if (it->remaining > 0 && --it->remaining == 0)
             it = m_rules.erase(it);
         else

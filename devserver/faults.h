@@ -24,6 +24,7 @@ struct FaultPlan
     QByteArray contentType;
     qint64 dropAfterBytes = -1; // -1: keep the connection
     bool omitEndMarker = false;
+    qint64 bytesPerSecond = 0; // a segment is sent no faster; 0: as fast as it goes
 };
 
 // Fault rules set through the control endpoint. A rule names an endpoint (or "download" for

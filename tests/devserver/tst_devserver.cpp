@@ -446,13 +446,24 @@ private slots:
         QCOMPARE(counts.value("header").toInteger(), 2);
     }
 
-    void latencyDelaysTheAnswer()
+    void latencyAndRateDelayTheAnswer()
     {
         QVERIFY(m_server.addFault({{"endpoint", "list"}, {"latency_ms", 800}}));
         QElapsedTimer timer;
         timer.start();
         QCOMPARE(digestList(m_userId, m_token).status, 200);
         QVERIFY(timer.elapsed() >= 800);
+
+        // A slow link: 200 kB at 250 kB/s take 0.8 s, whole.
+        m_server.seed({QJsonObject{{"name", "slow.flac"}, {"size", 200000}}});
+        QVERIFY(m_server.addFault({{"endpoint", "segment"}, {"bytes_per_second", 250000}}));
+        timer.restart();
+        const LoopbackHttpResult slow = download("&offset=0&length=50&end_marker=1");
+        const qint64 elapsed = timer.elapsed();
+        QCOMPARE(slow.status, 200);
+        QCOMPARE(slow.header("Estimated-Content-Length").toLongLong(), slow.body.size());
+        QVERIFY2(elapsed >= 750 && elapsed < 5000, qPrintable(QString::number(elapsed)));
+        QVERIFY(!m_server.addFault({{"endpoint", "segment"}, {"bytes_per_second", -1}}));
     }
 
     void droppedConnections()
