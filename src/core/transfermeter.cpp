@@ -1,17 +1,17 @@
-#include "session/runtransfermeter.h"
+#include "core/transfermeter.h"
 
 #include <QLocale>
 
 #include <algorithm>
 #include <cmath>
 
-void RunTransferMeter::restart(double now)
+void TransferMeter::restart(double now)
 {
     m_samples.clear();
     m_samples.push_back({now, m_sent});
 }
 
-void RunTransferMeter::update(qint64 doneBytes, qint64 totalBytes, double now)
+void TransferMeter::update(qint64 doneBytes, qint64 totalBytes, double now)
 {
     if (doneBytes > m_done) {
         m_sent += doneBytes - m_done;
@@ -33,7 +33,7 @@ void RunTransferMeter::update(qint64 doneBytes, qint64 totalBytes, double now)
     }
 }
 
-int RunTransferMeter::percent() const
+int TransferMeter::percent() const
 {
     if (m_total <= 0) {
         return -1;
@@ -41,7 +41,7 @@ int RunTransferMeter::percent() const
     return int(std::clamp<qint64>(m_done * 100 / m_total, 0, 100));
 }
 
-double RunTransferMeter::speed() const
+double TransferMeter::speed() const
 {
     if (m_samples.size() < 2) {
         return -1;
@@ -55,7 +55,7 @@ double RunTransferMeter::speed() const
     return double(last.sent - first.sent) / seconds;
 }
 
-qint64 RunTransferMeter::secondsLeft() const
+qint64 TransferMeter::secondsLeft() const
 {
     const double bytesPerSecond = speed();
     if (bytesPerSecond <= 0 || m_total <= 0) {
@@ -64,7 +64,29 @@ qint64 RunTransferMeter::secondsLeft() const
     return qint64(std::ceil(double(std::max<qint64>(0, m_total - m_done)) / bytesPerSecond));
 }
 
-QString RunTransferMeter::formatBytes(qint64 bytes)
+QString TransferMeter::amountText(bool approximateTotal) const
+{
+    return QStringLiteral("%1 of %2%3")
+        .arg(formatBytes(m_done), approximateTotal ? QStringLiteral("about ") : QString(), formatBytes(m_total));
+}
+
+QString TransferMeter::progressText(bool approximateTotal) const
+{
+    QString text = amountText(approximateTotal);
+    const double bytesPerSecond = speed();
+    if (bytesPerSecond >= 0) {
+        text += QStringLiteral(" — %1/s").arg(formatBytes(qint64(bytesPerSecond)));
+    }
+    const qint64 left = secondsLeft();
+    if (left >= 0) {
+        text += QStringLiteral(" — %1 left").arg(formatDuration(left));
+    } else if (bytesPerSecond == 0) {
+        text += QStringLiteral(" — waiting");
+    }
+    return text;
+}
+
+QString TransferMeter::formatBytes(qint64 bytes)
 {
     if (bytes < 1000) {
         return bytes == 1 ? QStringLiteral("1 byte") : QStringLiteral("%1 bytes").arg(bytes);
@@ -81,7 +103,7 @@ QString RunTransferMeter::formatBytes(qint64 bytes)
     return QStringLiteral("%1 %2").arg(QString::number(value, 'f', decimals), QLatin1String(units[unit]));
 }
 
-QString RunTransferMeter::formatDuration(qint64 seconds)
+QString TransferMeter::formatDuration(qint64 seconds)
 {
     seconds = std::max<qint64>(0, seconds);
     if (seconds < 60) {

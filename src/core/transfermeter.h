@@ -5,11 +5,12 @@
 
 #include <deque>
 
-// The overall progress of an upload run by bytes: how much is sent of how
-// much, the speed averaged over the last few seconds and the time left at
-// that speed. It is fed the bytes done and the total whenever they change
-// and once a second; times are seconds on a monotonic clock.
-class RunTransferMeter
+// The overall progress of a transfer by bytes (an upload run, the library
+// download): how much is done of how much, the speed averaged over the last
+// few seconds and the time left at that speed. It is fed the bytes done and
+// the total whenever they change and once a second; times are seconds on a
+// monotonic clock.
+class TransferMeter
 {
 public:
     // The speed is the bytes sent over this many seconds, divided by them.
@@ -20,8 +21,8 @@ public:
     // Forgets the history: at the start of a run, and on pause and resume,
     // so that a pause does not drag the speed down.
     void restart(double now);
-    // Bytes done may fall back (a failed file starts over); only what moves
-    // forward counts as sent for the speed.
+    // Bytes done may fall back (a failed file or segment starts over); only
+    // what moves forward counts as sent for the speed.
     void update(qint64 doneBytes, qint64 totalBytes, double now);
 
     qint64 doneBytes() const { return m_done; }
@@ -32,6 +33,12 @@ public:
     double speed() const;
     // Whole seconds left at the current speed; -1 while unknown.
     qint64 secondsLeft() const;
+
+    // "12.5 MB of 40.0 MB" ("of about" for a total that is an estimate).
+    QString amountText(bool approximateTotal = false) const;
+    // The amount, then the speed and the time left once they are known:
+    // "12.5 MB of 40.0 MB — 1.20 MB/s — 25 s left"; "— waiting" while nothing moves.
+    QString progressText(bool approximateTotal = false) const;
 
     // "1.5 MB", "820 KB", "12 bytes": decimal units, as file managers show sizes.
     static QString formatBytes(qint64 bytes);

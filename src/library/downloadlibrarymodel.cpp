@@ -10,7 +10,6 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QLocale>
 #include <QMutexLocker>
 #include <QSaveFile>
 
@@ -19,11 +18,6 @@
 namespace {
 
 const char *const kTrackCountKey = "downloaded_track_count";
-
-QString formatBytes(qint64 bytes)
-{
-    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
-}
 
 } // namespace
 
@@ -51,6 +45,8 @@ DownloadLibraryModel::DownloadLibraryModel(const QUrl &URL, const QString &userI
     m_resumeTimer.setTimerType(Qt::PreciseTimer);
     m_resumeTimer.setInterval(kRetryDelayMilliseconds);
     connect(&m_resumeTimer, &QTimer::timeout, this, [this] { m_downloadQueue.setSuspended(false); });
+    m_meterTick.setInterval(1000);
+    connect(&m_meterTick, &QTimer::timeout, this, &DownloadLibraryModel::updateDownloadProgress);
     m_view.actionText = QStringLiteral("Configuring Library Download...");
 }
 
@@ -169,6 +165,10 @@ void DownloadLibraryModel::trackCountReceived(qint64 count)
         ++m_downloadsScheduled;
     }
     Logger::log(QStringLiteral(" - Scheduled %1 chunks").arg(chunks.size()));
+    m_runTracks = count - start;
+    m_clock.start();
+    m_meter.restart(0);
+    m_meterTick.start();
     m_view.actionText = QStringLiteral("Downloading Library...");
     m_view.progressDeterminate = true;
     m_view.progressValue = 0;
@@ -265,17 +265,19 @@ void DownloadLibraryModel::chunkProgress(ChunkProgress &progress)
 void DownloadLibraryModel::chunkFinished(qint64 offset, qint64 length, const std::optional<QUrl> &file,
                                          const OptionalError &error)
 {
+    m_chunkRunning = false;
     if (!error) {
         ++m_downloadsCompleted;
         m_tracksCompleted = offset + length;
+        // The segment's last progress report was queued before this.
+        m_finishedBytes += m_currentBytes;
+        m_finishedTracks += length;
         const QString archive = file ? file->toLocalFile() : QString();
         addToUnzipQueue(archive, offset, length);
         updateDownloadProgress();
-        m_chunkRunning = false;
         Q_EMIT chunkDownloaded(offset, length, archive);
         return;
     }
-    m_chunkRunning = false;
     if (error->code() == -999) {
         return;
     }
@@ -444,29 +446,44 @@ void DownloadLibraryModel::showDone()
 
 void DownloadLibraryModel::updateDownloadProgress()
 {
-    if (m_extractingShown || m_isComplete || m_downloadsScheduled == 0) {
+    if (m_extractingShown || m_isComplete || m_incomplete || m_downloadsScheduled == 0) {
+        m_meterTick.stop();
         return;
     }
-    double fraction = 0;
+    measureTransfer();
     QString text = QStringLiteral("Segment %1 of %2")
                        .arg(std::min(m_downloadsCompleted + 1, m_downloadsScheduled))
                        .arg(m_downloadsScheduled);
-    if (m_chunkRunning) {
-        if (m_currentEstimatedBytes > 0) {
-            fraction = std::min(1.0, double(m_currentBytes) / double(m_currentEstimatedBytes));
-            text += QStringLiteral(": %1 of %2").arg(formatBytes(m_currentBytes), formatBytes(m_currentEstimatedBytes));
-        } else {
-            text += QStringLiteral(": %1").arg(formatBytes(m_currentBytes));
-        }
-        if (m_currentSpeed >= 0) {
-            text += QStringLiteral(" at %1/s").arg(formatBytes(m_currentSpeed));
-        }
-    } else if (m_downloadsCompleted == m_downloadsScheduled) {
+    if (m_downloadsCompleted == m_downloadsScheduled) {
         text = QStringLiteral("All %1 segments downloaded").arg(m_downloadsScheduled);
+    } else if (m_meter.totalBytes() > 0) {
+        text += QStringLiteral(": ") + m_meter.progressText(m_totalEstimated);
     }
     m_view.progressText = text;
-    m_view.progressValue = (m_downloadsCompleted + fraction) / m_downloadsScheduled;
+    m_view.progressValue =
+        m_meter.totalBytes() > 0 ? std::min(1.0, double(m_meter.doneBytes()) / double(m_meter.totalBytes())) : 0.0;
     changeView();
+}
+
+// Bytes done are the finished segments' and the running one's so far (a
+// failed segment's go back to 0). The total adds the running segment's
+// announced size and weighs the tracks still to come at the bytes per track
+// seen so far.
+void DownloadLibraryModel::measureTransfer()
+{
+    qint64 knownBytes = m_finishedBytes;
+    qint64 knownTracks = m_finishedTracks;
+    const bool running = m_chunkRunning && m_currentEstimatedBytes > 0;
+    if (running) {
+        knownBytes += std::max(m_currentEstimatedBytes, m_currentBytes);
+        knownTracks += m_chunks.value(m_currentOffset).first;
+    }
+    const qint64 tracksToCome = std::max<qint64>(0, m_runTracks - knownTracks);
+    const qint64 total =
+        knownTracks > 0 ? knownBytes + qint64(double(knownBytes) / double(knownTracks) * double(tracksToCome)) : 0;
+    m_totalEstimated = tracksToCome > 0;
+    const qint64 done = m_finishedBytes + (m_chunkRunning ? m_currentBytes : 0);
+    m_meter.update(done, total, double(m_clock.elapsed()) / 1000.0);
 }
 
 void DownloadLibraryModel::OnCancel()

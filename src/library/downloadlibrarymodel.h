@@ -1,9 +1,11 @@
 #pragma once
 
 #include "core/error.h"
+#include "core/transfermeter.h"
 #include "library/unzipoperation.h"
 #include "platform/operationqueue.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QMap>
 #include <QMutex>
@@ -105,6 +107,13 @@ public:
     qint64 currentEstimatedBytes() const { return m_currentEstimatedBytes; }
     qint64 currentSpeed() const { return m_currentSpeed; }
 
+    // The whole run by bytes: done of the total, the averaged speed and the
+    // time left. The total weighs segments not yet announced at the bytes
+    // per track of those that were, so it is an estimate until the last one
+    // has announced its size.
+    const TransferMeter &transferMeter() const { return m_meter; }
+    bool isTotalEstimated() const { return m_totalEstimated; }
+
     const DownloadLibraryViewState &viewState() const { return m_view; }
 
     // Archive delegate; called on the extraction thread.
@@ -162,6 +171,7 @@ private:
     void writeResumeRecord(qint64 count);
     void showDone();
     void updateDownloadProgress();
+    void measureTransfer();
     void changeView();
 
     QUrl m_URL;
@@ -204,6 +214,16 @@ private:
     qint64 m_currentEstimatedBytes = -1;
     qint64 m_currentSpeed = -1;
     bool m_extractingShown = false;
+
+    // By bytes over the whole run (measureTransfer).
+    qint64 m_runTracks = 0;      // tracks this run downloads
+    qint64 m_finishedTracks = 0; // of segments downloaded
+    qint64 m_finishedBytes = 0;
+    bool m_totalEstimated = true;
+    TransferMeter m_meter;
+    QElapsedTimer m_clock;
+    // Once a second while downloading, so speed and time left follow a stall.
+    QTimer m_meterTick;
 
     DownloadLibraryViewState m_view;
 };

@@ -249,8 +249,8 @@ public:
 
     // --- Overall progress and the run's record (sessionmodel_progress.cpp) ---
     using Connection = UploadRunRecord::Connection;
-    // Bytes sent of the total, speed and time left; see RunTransferMeter.
-    const RunTransferMeter &progressMeter() const { return m_record.meter; }
+    // Bytes sent of the total, speed and time left; see TransferMeter.
+    const TransferMeter &progressMeter() const { return m_record.meter; }
     bool areFileSizesKnown() const { return m_record.sizesKnown; }
     // The run's progress in whole percent: by bytes once the sizes are known,
     // by files before (and for runs whose files have no size, such as a CD).

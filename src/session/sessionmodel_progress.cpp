@@ -256,27 +256,13 @@ int SessionModel::overallPercent() const
 
 QString SessionModel::transferText() const
 {
-    const RunTransferMeter &meter = m_record.meter;
     if (!m_record.sizesKnown) {
         return QStringLiteral("Measuring files…");
     }
-    QString text =
-        QStringLiteral("%1 of %2")
-            .arg(RunTransferMeter::formatBytes(meter.doneBytes()), RunTransferMeter::formatBytes(meter.totalBytes()));
     if (!m_isUploading) {
-        return text + QStringLiteral(" — paused");
+        return m_record.meter.amountText() + QStringLiteral(" — paused");
     }
-    const double speed = meter.speed();
-    if (speed >= 0) {
-        text += QStringLiteral(" — %1/s").arg(RunTransferMeter::formatBytes(qint64(speed)));
-    }
-    const qint64 left = meter.secondsLeft();
-    if (left >= 0) {
-        text += QStringLiteral(" — %1 left").arg(RunTransferMeter::formatDuration(left));
-    } else if (speed == 0) {
-        text += QStringLiteral(" — waiting");
-    }
-    return text;
+    return m_record.meter.progressText();
 }
 
 bool SessionModel::isRunInProgress() const
@@ -326,9 +312,9 @@ QString SessionModel::resultTitleText() const
 
 QString SessionModel::resultDetailsText() const
 {
-    QString text = QStringLiteral("Time taken: %1").arg(RunTransferMeter::formatDuration(runDurationSeconds()));
+    QString text = QStringLiteral("Time taken: %1").arg(TransferMeter::formatDuration(runDurationSeconds()));
     if (m_record.sizesKnown) {
-        text += QStringLiteral("   Size sent: %1").arg(RunTransferMeter::formatBytes(m_record.completed.bytes));
+        text += QStringLiteral("   Size sent: %1").arg(TransferMeter::formatBytes(m_record.completed.bytes));
     }
     return text;
 }

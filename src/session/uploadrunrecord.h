@@ -1,6 +1,6 @@
 #pragma once
 
-#include "session/runtransfermeter.h"
+#include "core/transfermeter.h"
 #include "session/uploadlistitem.h"
 
 #include <QElapsedTimer>
@@ -33,7 +33,7 @@ struct UploadRunRecord
     TailSum skipped;
     TailSum errored;
 
-    RunTransferMeter meter;
+    TransferMeter meter;
     QElapsedTimer clock;
     QTimer tick;
 

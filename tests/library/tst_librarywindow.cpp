@@ -16,6 +16,7 @@
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
@@ -76,6 +77,7 @@ private slots:
     void errorLineDetailsAndOpenFolder();
     void startedFromTheMainWindow();
     void failuresThatEndTheRunStayOnScreen();
+    void progressGoesByBytesWithTimeLeft();
 
 private:
     std::unique_ptr<DownloadLibraryController> makeWindow(const QString &folder);
@@ -240,6 +242,54 @@ void TestLibraryWindow::startedFromTheMainWindow()
     QCOMPARE(button->text(), QStringLiteral("Start Download"));
     // The window and its run go away once closed.
     QTRY_VERIFY(window.isNull());
+}
+
+void TestLibraryWindow::progressGoesByBytesWithTimeLeft()
+{
+    // A slow link, so the speed is measured; the 70 tracks of about the same
+    // size come as a segment of 50 and one of 20.
+    constexpr qint64 kRate = 120000;
+    QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"bytes_per_second", kRate}, {"count", 0}}));
+    QTemporaryDir folder;
+    auto window = makeWindow(folder.path());
+    Ui::DownloadLibraryController *ui = window->ui();
+    QStringList texts;
+    int barAfterFirstSegment = -1;
+    connect(window->model(), &DownloadLibraryModel::viewStateChanged, this,
+            [&] { texts.append(ui->progressTextField->text()); });
+    connect(window->model(), &DownloadLibraryModel::chunkDownloaded, this, [&](qint64 offset) {
+        if (offset == 0) {
+            barAfterFirstSegment = ui->progressIndicator->value();
+        }
+    });
+    QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Done!"), kTimeout);
+
+    // 50 of 70 tracks' bytes, not one of two segments.
+    QCOMPARE(ui->progressIndicator->maximum(), 1000);
+    QVERIFY2(barAfterFirstSegment >= 690 && barAfterFirstSegment <= 740,
+             qPrintable(QString::number(barAfterFirstSegment)));
+
+    // The line tells the speed, averaged, and the time left, which shrinks.
+    const QRegularExpression figures(QStringLiteral(" — ([0-9.]+) KB/s — ([0-9]+) s left$"));
+    QList<double> speeds;
+    QList<int> secondsLeft;
+    for (const QString &text : texts) {
+        const QRegularExpressionMatch match = figures.match(text);
+        if (match.hasMatch()) {
+            speeds.append(match.captured(1).toDouble() * 1000);
+            secondsLeft.append(match.captured(2).toInt());
+        }
+    }
+    QVERIFY2(!speeds.isEmpty(), qPrintable(texts.join(QLatin1Char('\n'))));
+    for (const double speed : speeds) {
+        QVERIFY2(speed > kRate * 0.5 && speed < kRate * 1.5, qPrintable(QString::number(speed)));
+    }
+    QVERIFY2(secondsLeft.first() > secondsLeft.last() || secondsLeft.size() == 1,
+             qPrintable(texts.join(QLatin1Char('\n'))));
+    QVERIFY(texts.contains(QStringLiteral("All 2 segments downloaded")));
+    QCOMPARE(LibraryTest::compareWithLibrary(m_server, QDir(folder.path()).filePath("My Lyrabox Library")),
+             QStringList());
+    window->ui()->cancelButton->click();
 }
 
 QTEST_MAIN(TestLibraryWindow)

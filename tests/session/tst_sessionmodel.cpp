@@ -58,7 +58,7 @@ private slots:
     // it, bytes that fall back (a file starting over) not counted as sent.
     void transferMeterAveragesOverRecentSeconds()
     {
-        RunTransferMeter meter;
+        TransferMeter meter;
         meter.restart(0.0);
         meter.update(0, 10'000'000, 0.0);
         QCOMPARE(meter.speed(), -1.0);
@@ -84,11 +84,11 @@ private slots:
         meter.update(9'000'000, 10'000'000, 100.5);
         QCOMPARE(meter.speed(), -1.0);
 
-        QCOMPARE(RunTransferMeter::formatBytes(999), QStringLiteral("999 bytes"));
-        QCOMPARE(RunTransferMeter::formatBytes(1'250'000), QStringLiteral("1.25 MB"));
-        QCOMPARE(RunTransferMeter::formatBytes(125'000'000), QStringLiteral("125 MB"));
-        QCOMPARE(RunTransferMeter::formatDuration(185), QStringLiteral("3 min 05 s"));
-        QCOMPARE(RunTransferMeter::formatDuration(7620), QStringLiteral("2 h 07 min"));
+        QCOMPARE(TransferMeter::formatBytes(999), QStringLiteral("999 bytes"));
+        QCOMPARE(TransferMeter::formatBytes(1'250'000), QStringLiteral("1.25 MB"));
+        QCOMPARE(TransferMeter::formatBytes(125'000'000), QStringLiteral("125 MB"));
+        QCOMPARE(TransferMeter::formatDuration(185), QStringLiteral("3 min 05 s"));
+        QCOMPARE(TransferMeter::formatDuration(7620), QStringLiteral("2 h 07 min"));
     }
 };
 
