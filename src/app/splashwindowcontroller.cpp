@@ -6,6 +6,7 @@
 #include <QCloseEvent>
 #include <QMouseEvent>
 #include <QScreen>
+#include <QSvgWidget>
 #include <QTimer>
 
 SplashWindowController::SplashWindowController(QWidget *parent)
@@ -19,6 +20,7 @@ SplashWindowController::SplashWindowController(QWidget *parent)
     palette.setColor(QPalette::Window, Qt::black);
     setPalette(palette);
     setAutoFillBackground(true);
+    m_ui->iconView->load(QStringLiteral(":/icons/com.lyrabox.pelicane.svg"));
     m_ui->versionLabel->setText(QStringLiteral("Version %1 (%2)").arg(AppInfo::shortVersion(), AppInfo::buildNumber()));
     windowDidLoad();
 }

@@ -10,6 +10,8 @@
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QSignalSpy>
+#include <QSvgRenderer>
+#include <QSvgWidget>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -39,6 +41,26 @@ private slots:
         QVERIFY(splash.windowFlags() & Qt::FramelessWindowHint);
         QVERIFY(splash.splashTimer() && splash.splashTimer()->isSingleShot());
         QCOMPARE(splash.splashTimer()->interval(), 3000);
+
+        // The program's icon, drawn from its SVG, centred above the name.
+        splash.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&splash));
+        auto *icon = splash.findChild<QSvgWidget *>(QStringLiteral("iconView"));
+        QVERIFY(icon && icon->isVisible());
+        QVERIFY(icon->renderer()->isValid());
+        QCOMPARE(icon->renderer()->defaultSize(), QSize(256, 256));
+        const QRect iconArea(icon->mapTo(&splash, QPoint(0, 0)), icon->size());
+        QCOMPARE(iconArea.size(), QSize(96, 96));
+        QVERIFY(splash.rect().contains(iconArea));
+        QCOMPARE(iconArea.center().x(), splash.rect().center().x());
+        auto *title = splash.findChild<QWidget *>(QStringLiteral("titleLabel"));
+        QVERIFY(title && iconArea.bottom() < title->mapTo(&splash, QPoint(0, 0)).y());
+        // Some of its blue, the app's own colour, is on screen there.
+        const QImage shown = splash.grab().toImage();
+        const QColor middle = shown.pixelColor(
+            (QPointF(iconArea.center().x() - 30, iconArea.top() + 20) * shown.devicePixelRatio()).toPoint());
+        QVERIFY2(middle.blue() > 150 && middle.red() < 100, qPrintable(middle.name()));
+        splash.stopSplashTimer();
     }
 
     void launchWritesBannerAndClickOpensMainWindowOnce()
