@@ -5,6 +5,7 @@
 
 #include <QLabel>
 #include <QPainter>
+#include <QPixmap>
 
 #include <algorithm>
 #include <limits>
@@ -102,7 +103,16 @@ void FileListItemDelegate::paint(QPainter *painter, const QStyleOptionViewItem &
     if (option.state.testFlag(QStyle::State_Selected)) {
         painter->fillRect(option.rect, option.palette.color(QPalette::Active, QPalette::Highlight).darker(150));
     }
-    m_view->render(painter, painter->deviceTransform().map(option.rect.topLeft()), QRegion(), QWidget::DrawChildren);
+    // Drawn into a picture of the row at the screen's pixel density, then
+    // placed in the painter's own coordinates: a render offset would have to
+    // be given in device pixels, which on a high-density screen moves every
+    // row but the first off its place.
+    const qreal ratio = painter->device()->devicePixelRatioF();
+    QPixmap row((QSizeF(option.rect.size()) * ratio).toSize());
+    row.setDevicePixelRatio(ratio);
+    row.fill(Qt::transparent);
+    m_view->render(&row, QPoint(), QRegion(), QWidget::DrawChildren);
+    painter->drawPixmap(option.rect.topLeft(), row);
     painter->restore();
 }
 

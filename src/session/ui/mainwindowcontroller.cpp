@@ -35,6 +35,50 @@ void paintTitleWhite(QWidget *widget)
     widget->setStyleSheet(QStringLiteral("color: white;"));
 }
 
+// Keeps a button's text cut in the middle to the button's width, so the
+// start and the end of a long path stay readable.
+class MiddleElidedText : public QObject
+{
+public:
+    explicit MiddleElidedText(QPushButton *button) : QObject(button), m_button(button)
+    {
+        button->installEventFilter(this);
+    }
+
+    void setText(const QString &text)
+    {
+        m_text = text;
+        m_button->setText(text);
+        m_wholeWidth = m_button->sizeHint().width();
+        // What the style adds around the text.
+        m_padding = m_wholeWidth - m_button->fontMetrics().horizontalAdvance(text);
+        fit();
+    }
+    // The button's width with the whole text.
+    int wholeWidth() const { return m_wholeWidth; }
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        if (event->type() == QEvent::Resize || event->type() == QEvent::FontChange) {
+            fit();
+        }
+        return QObject::eventFilter(watched, event);
+    }
+
+private:
+    void fit()
+    {
+        m_button->setText(
+            m_button->fontMetrics().elidedText(m_text, Qt::ElideMiddle, std::max(0, m_button->width() - m_padding)));
+    }
+
+    QPushButton *m_button;
+    QString m_text;
+    int m_padding = 0;
+    int m_wholeWidth = 0;
+};
+
 } // namespace
 
 MainWindowController::MainWindowController(QWidget *parent)
@@ -229,16 +273,25 @@ void MainWindowController::resizeEvent(QResizeEvent *event)
 void MainWindowController::setupLogFileButtons()
 {
     const QUrl url = Logger::logFileURL();
-    m_ui->logFileButton->setText(
-        QStringLiteral("Log file: %1").arg(url.isValid() ? url.toLocalFile() : QStringLiteral("(null)")));
-    QPalette palette = m_ui->logFileButton->palette();
+    const QString text =
+        QStringLiteral("Log file: %1").arg(url.isValid() ? url.toLocalFile() : QStringLiteral("(null)"));
+    QPushButton *button = m_ui->logFileButton;
+    QPalette palette = button->palette();
     palette.setColor(QPalette::ButtonText, kLogLinkColor);
-    m_ui->logFileButton->setPalette(palette);
-    m_ui->logFileButton->setCursor(Qt::PointingHandCursor);
-    // A long log path must not set the window's narrowest width; the whole
-    // path stays in the tooltip.
-    m_ui->logFileButton->setToolTip(m_ui->logFileButton->text());
-    m_ui->logFileButton->setSizePolicy(QSizePolicy::Ignored, m_ui->logFileButton->sizePolicy().verticalPolicy());
+    button->setPalette(palette);
+    button->setCursor(Qt::PointingHandCursor);
+    // Its whole width where there is room, and no more; cut in the middle
+    // where there is not: a long log path must not set the window's
+    // narrowest width. The whole path stays in the tooltip.
+    auto *elided = button->findChild<MiddleElidedText *>();
+    if (!elided) {
+        elided = new MiddleElidedText(button);
+    }
+    elided->setText(text);
+    button->setToolTip(text);
+    button->setMaximumWidth(elided->wholeWidth());
+    button->setSizePolicy(QSizePolicy::Ignored, button->sizePolicy().verticalPolicy());
+    m_ui->logBarLayout->setStretchFactor(button, 1);
 
     const qint64 size = Logger::logSize();
     if (size < kClearLogThreshold) {
