@@ -14,6 +14,15 @@ mkdir -p "$out"
 home=$(mktemp -d)
 trap 'rm -rf "$home"' EXIT
 # No session bus either: the user's keyring is not touched.
-HOME=$home XDG_CONFIG_HOME=$home/config XDG_DATA_HOME=$home/data XDG_CACHE_HOME=$home/cache \
-  DBUS_SESSION_BUS_ADDRESS=unix:path=$home/no-bus \
-  xvfb-run -a -s '-screen 0 1280x900x24' "$build/tests/screenshots/pelicane-screenshots" "$out" "$samples"
+shoot() { # SCALE SCREEN OUTDIR
+  rm -rf "$home"/config "$home"/data "$home"/cache
+  HOME=$home XDG_CONFIG_HOME=$home/config XDG_DATA_HOME=$home/data XDG_CACHE_HOME=$home/cache \
+    DBUS_SESSION_BUS_ADDRESS=unix:path=$home/no-bus QT_SCALE_FACTOR=$1 \
+    xvfb-run -a -s "-screen 0 $2x24" "$build/tests/screenshots/pelicane-screenshots" "$3" "$samples"
+}
+shoot 1 1280x900 "$out"
+# The file list once more at twice the scale, as a high-density screen shows it.
+mkdir -p "$home/scale-2"
+shoot 2 2560x1800 "$home/scale-2" > /dev/null
+cp "$home/scale-2/05-file-list.png" "$out/15-file-list-scale-2.png"
+echo "$out/15-file-list-scale-2.png"

@@ -3,6 +3,7 @@
 // page, window and prompt into OUTDIR. Run by scripts/screenshots.sh under a
 // virtual display.
 #include "../library/librarytestsupport.h"
+#include "../scan/scantree.h"
 
 #include "app/splashwindowcontroller.h"
 #include "library/ui/downloadlibrarycontroller.h"
@@ -51,9 +52,9 @@ void pause(int milliseconds)
     waitUntil([] { return false; }, milliseconds);
 }
 
-void shoot(QWidget *window, const QString &name)
+void shoot(QWidget *window, const QString &name, int settleMs = 150)
 {
-    pause(150);
+    pause(settleMs);
     const QString path = QDir(g_out).filePath(name + QStringLiteral(".png"));
     if (window->grab().save(path)) {
         std::printf("%s\n", qPrintable(path));
@@ -131,6 +132,26 @@ int main(int argc, char *argv[])
     shootNextModal<QFileDialog>(QStringLiteral("04-folder-chooser"), [](QFileDialog *d) { d->reject(); });
     window.OnBrowseFolder();
 
+    // A search through a large tree, caught while it counts, then cancelled.
+    {
+        QTemporaryDir large;
+        const QString tree = large.filePath(QStringLiteral("Archive"));
+        step(ScanTree::makeWideTree(tree, 200, 1000) == 200000, "the large tree");
+        window.session()->setSearchFolderPath({tree});
+        window.OnSearchFolder();
+        step(waitUntil([&] {
+                 return ui->fileSearchCountLabel->isVisible() &&
+                        !ui->fileSearchCountLabel->text().startsWith(QStringLiteral("0 "));
+             }),
+             "the running count");
+        shoot(&window, QStringLiteral("14-searching"), 0);
+        ui->cancelSearchButton->click();
+        step(window.mainPageType() == MainPageTypeSearch, "the cancelled search");
+        window.session()->folderScanRunner().waitForDone();
+        window.session()->setSearchFolderPath({music});
+        window.session()->updateSearchFolderPath();
+    }
+
     window.OnSearchFolder();
     step(waitUntil([&] { return ui->beginUploadButton->isEnabled(); }), "the scan");
     ui->filesTableView->selectRow(1);
@@ -171,9 +192,9 @@ int main(int argc, char *argv[])
     step(waitUntil([&] { return window.mainPageType() == MainPageTypeResult; }, 120000), "the end of the run");
     shoot(&window, QStringLiteral("11-result"));
 
-    // The library window, mid-download and done.
+    // The library window, mid-download over a slow link and done.
     LibraryTest::seedTracks(server, 120, 200000);
-    server.addFault(QJsonObject{{"endpoint", "segment"}, {"count", 1}, {"latency_ms", 2000}});
+    server.addFault(QJsonObject{{"endpoint", "segment"}, {"count", 0}, {"bytes_per_second", 4000000}});
     QTemporaryDir folder;
     const LyraboxService &service = LyraboxService::sharedService();
     {
@@ -181,11 +202,10 @@ int main(int argc, char *argv[])
                                           &window);
         library.setFolderOpener([](const QUrl &) {});
         library.show();
-        step(waitUntil(
-                 [&] { return library.ui()->actionTextField->text() == QStringLiteral("Downloading Library..."); }),
-             "the library download");
-        pause(500);
-        shoot(&library, QStringLiteral("12-library"));
+        step(waitUntil([&] { return library.ui()->progressTextField->text().endsWith(QStringLiteral(" left")); }),
+             "the library download's time left");
+        shoot(&library, QStringLiteral("12-library"), 0);
+        server.clearFaults();
         step(waitUntil([&] { return library.ui()->actionTextField->text() == QStringLiteral("Done!"); }, 120000),
              "the end of the library download");
         shoot(&library, QStringLiteral("13-library-done"));
