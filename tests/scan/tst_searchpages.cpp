@@ -68,6 +68,19 @@ private:
         return !window.session()->isFileSearchInProgress() && window.session()->folderScanRunner().waitForDone(60000);
     }
 
+    // The window up on the Search page, as after signing in.
+    static bool showOnSearchPage(MainWindowController &window)
+    {
+        window.loadWindow();
+        window.resize(800, 600);
+        window.show();
+        if (!QTest::qWaitForWindowExposed(&window)) {
+            return false;
+        }
+        window.setMainPageType(MainPageTypeSearch);
+        return true;
+    }
+
 private slots:
     void initTestCase()
     {
@@ -88,11 +101,7 @@ private slots:
     void dropFillsTheListWhereSelectedFilesAreRemoved()
     {
         MainWindowController window;
-        window.loadWindow();
-        window.resize(800, 600);
-        window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&window));
-        window.setMainPageType(MainPageTypeSearch);
+        QVERIFY(showOnSearchPage(window));
         Ui::MainWindowController *ui = window.ui();
         ui->uploadThreadCountField->setText(QStringLiteral("5"));
 
@@ -183,11 +192,7 @@ private slots:
         QCOMPARE(makeWideTree(big, kFolders, kFilesPerFolder), kTotal);
 
         MainWindowController window;
-        window.loadWindow();
-        window.resize(800, 600);
-        window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&window));
-        window.setMainPageType(MainPageTypeSearch);
+        QVERIFY(showOnSearchPage(window));
         Ui::MainWindowController *ui = window.ui();
         SessionModel *session = window.session();
         session->setSearchFolderPath({big});
