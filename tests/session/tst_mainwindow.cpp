@@ -163,6 +163,17 @@ private slots:
         QVERIFY(ui->loginButton->isEnabled());
         QVERIFY(!ui->loginProgressIndicator->isAnimating());
         QCOMPARE(window.mainPageType(), quint32(MainPageTypeLogin));
+        // Return on the Remember Me box and on the focused button tries too.
+        for (QWidget *focused :
+             {static_cast<QWidget *>(ui->rememberMeCheckbox), static_cast<QWidget *>(ui->loginButton)}) {
+            window.activateWindow();
+            QVERIFY(QTest::qWaitForWindowActive(&window));
+            focused->setFocus();
+            unexpected.answer(QStringLiteral("OK"));
+            QTest::keyClick(focused, Qt::Key_Return);
+        }
+        QCOMPARE(unexpected.seen.size(), 3);
+        QCOMPARE(unexpected.seen[2].informativeText, QStringLiteral("Email and Password must not be blank."));
     }
 };
 

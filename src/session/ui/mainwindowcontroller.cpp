@@ -12,6 +12,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QScreen>
+#include <QShortcut>
 
 namespace {
 
@@ -327,6 +328,14 @@ void MainWindowController::connectLoginPage()
     connect(m_ui->emailField, &QLineEdit::returnPressed, this, [this] { OnEnterPressed(m_ui->emailField); });
     connect(m_ui->passwdField, &QLineEdit::returnPressed, this, [this] { OnEnterPressed(m_ui->passwdField); });
     connect(m_ui->loginButton, &QPushButton::clicked, this, &MainWindowController::OnLogin);
+    // Return signs in from anywhere on the form, as it would in a dialog:
+    // on the focused button, and after ticking Remember Me by keyboard.
+    m_ui->loginButton->setAutoDefault(true);
+    for (const int key : {Qt::Key_Return, Qt::Key_Enter}) {
+        auto *returnOnCheckbox = new QShortcut(QKeySequence(key), m_ui->rememberMeCheckbox);
+        returnOnCheckbox->setContext(Qt::WidgetShortcut);
+        connect(returnOnCheckbox, &QShortcut::activated, this, &MainWindowController::OnLogin);
+    }
     // Only the user's clicks count: loading the saved state must not store it again.
     connect(m_ui->rememberMeCheckbox, &QCheckBox::clicked, this, &MainWindowController::OnRememberMeChecked);
     connect(m_session, &SessionModel::loggingInChanged, this, [this](bool loggingIn) {
