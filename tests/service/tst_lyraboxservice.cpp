@@ -68,6 +68,19 @@ private:
     }
 };
 
+// A service whose callbacks are recorded.
+struct Client
+{
+    LyraboxService service;
+    RecordingDelegate delegate;
+    Client() { service.setDelegate(&delegate); }
+    // Waits until `count` callbacks have arrived.
+    bool waitFor(int count)
+    {
+        return QTest::qWaitFor([&] { return delegate.calls.size() >= count; }, 30000) && delegate.calls.size() == count;
+    }
+};
+
 QString expectedAuthToken()
 {
     const QString text = ClientFields::deviceName() + ":" + ClientFields::version() + ":" + ClientFields::client() +
@@ -124,9 +137,8 @@ private slots:
 
     void signInRequestOnTheWire()
     {
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         service.setUserId("old");
         service.setUserToken("old");
         m_capture->respond(
@@ -138,7 +150,7 @@ private slots:
         // Cleared before anything was sent.
         QCOMPARE(service.userId(), QString(""));
         QCOMPARE(service.userToken(), QString(""));
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
 
         QCOMPARE(m_capture->requests().size(), 1);
         const CaptureServer::Request request = m_capture->requests().first();
@@ -172,9 +184,8 @@ private slots:
 
     void verificationRequestOnTheWire()
     {
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         service.setUserId("42");
         service.setUserToken("t0");
         m_capture->respond(200, json({{"result", true},
@@ -183,9 +194,9 @@ private slots:
                                       {"supported", QJsonArray{QJsonObject{{"extension", ".FLAC"}}}}}));
         service.verifyLogin();
         QCOMPARE(service.userId(), "42"); // nothing is cleared
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         service.verifyLogin();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QVERIFY(c.waitFor(2));
 
         QCOMPARE(QJsonDocument::fromJson(m_capture->requests().first().body).object(),
                  (QJsonObject{{"mode", "status"},
@@ -238,11 +249,10 @@ private slots:
         QVERIFY(server.listen(QHostAddress::LocalHost));
         qputenv("PELICANE_API_URL", QStringLiteral("https://127.0.0.1:%1/s/JSON/").arg(server.serverPort()).toUtf8());
 
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         service.loginWithEmail("a@b.c", "pw");
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         const OptionalError error = delegate.calls.first().error;
         QVERIFY(error);
         QCOMPARE(error->code(), TransportError::SecureConnectionFailed);
@@ -252,73 +262,48 @@ private slots:
         QCOMPARE(requests, 0);
     }
 
+    // The id goes back as it was received, a number or text; as text (in the digest list
+    // request) a number keeps every digit: not cut to six, and no overflow past 64 bits.
     void userIdGoesBackAsReceived_data()
     {
         QTest::addColumn<QJsonValue>("id");
-        QTest::newRow("number") << QJsonValue(10002);
-        QTest::newRow("text") << QJsonValue("10002");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("text") << QJsonValue("10002") << "10002";
+        QTest::newRow("fraction") << QJsonValue(905437.497) << "905437.497";
+        QTest::newRow("past 64 bits") << QJsonValue(1e20) << "100000000000000000000";
+        QTest::newRow("eleven digits") << QJsonValue(12345678901.0) << "12345678901";
     }
 
     void userIdGoesBackAsReceived()
     {
         QFETCH(QJsonValue, id);
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
-        m_capture->respond(
-            200, json({{"result", true}, {"authenticated", true}, {"user", QJsonObject{{"id", id}, {"token", "t1"}}}}));
-        service.loginWithEmail("a@b.c", "pw");
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
-        QCOMPARE(service.userId(), "10002");
-        service.verifyLogin();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
-        QCOMPARE(QJsonDocument::fromJson(m_capture->requests().last().body).object().value("user_id"), id);
-    }
-
-    // The digest list request sends the id as text, which must name the same
-    // number: not cut to six digits, and no overflow past 64 bits.
-    void numericIdsKeepEveryDigit_data()
-    {
-        QTest::addColumn<double>("id");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("fraction") << 905437.497 << "905437.497";
-        QTest::newRow("past 64 bits") << 1e20 << "100000000000000000000";
-        QTest::newRow("eleven digits") << 12345678901.0 << "12345678901";
-    }
-
-    void numericIdsKeepEveryDigit()
-    {
-        QFETCH(double, id);
         QFETCH(QString, text);
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         m_capture->respond(200, json({{"result", true}, {"user", QJsonObject{{"id", id}, {"token", "t1"}}}}));
         service.loginWithEmail("a@b.c", "pw");
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         QCOMPARE(service.userId(), text);
-        QCOMPARE(service.userId().toDouble(), id);
 
         m_capture->respond(200, json({{"result", true}, {"md5", QJsonArray{}}}));
         service.readMd5List();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QVERIFY(c.waitFor(2));
         QVERIFY(QString::fromUtf8(m_capture->requests().last().body).startsWith("user_id=" + text + "&token=t1&"));
         service.verifyLogin();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 3, 30000);
-        QCOMPARE(QJsonDocument::fromJson(m_capture->requests().last().body).object().value("user_id"), QJsonValue(id));
+        QVERIFY(c.waitFor(3));
+        QCOMPARE(QJsonDocument::fromJson(m_capture->requests().last().body).object().value("user_id"), id);
     }
 
     void digestListRequestOnTheWire()
     {
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         service.setUserId("42");
         service.setUserToken("t0");
         const QSet<QString> &live = service.getMd5List();
         m_capture->respond(200, json({{"result", 1}, {"md5", QJsonArray{"aa", "bb", "aa"}}}));
         service.readMd5List();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         QCOMPARE(live, QSet<QString>({"aa", "bb"}));
 
         const CaptureServer::Request request = m_capture->requests().first();
@@ -362,12 +347,11 @@ private slots:
         QFETCH(QByteArray, body);
         QFETCH(bool, success);
         QFETCH(QString, message);
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         m_capture->respond(status, body);
         service.loginWithEmail("a@b.c", "pw");
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         const OptionalError error = delegate.calls.first().error;
         QCOMPARE(bool(error), !success);
         if (error) {
@@ -380,12 +364,11 @@ private slots:
 
     void maintenanceAndFailedSignIn()
     {
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         m_capture->respond(200, json({{"result", false}, {"maintenance", true}, {"message", "Back soon"}}));
         service.loginWithEmail("a@b.c", "pw");
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         QVERIFY(delegate.calls.at(0).error->isMaintenance());
         QCOMPARE(delegate.calls.at(0).error->localizedDescription(), "Back soon");
 
@@ -393,16 +376,15 @@ private slots:
         m_capture->respond(
             200, json({{"result", false}, {"maintenance", true}, {"authenticated", true}, {"message", "Back soon"}}));
         service.verifyLogin();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QVERIFY(c.waitFor(2));
         QCOMPARE(delegate.calls.at(1).name, "verify");
         QVERIFY(!delegate.calls.at(1).error->isMaintenance());
     }
 
     void verificationThatIsNoLongerAuthenticated()
     {
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         service.setUserId("1");
         service.setUserToken("old");
         m_capture->respond(
@@ -418,9 +400,8 @@ private slots:
 
     void networkFailureIsNeverALostSession()
     {
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         // A port nobody listens on.
         QTcpServer closed;
         QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
@@ -428,7 +409,7 @@ private slots:
         closed.close();
         qputenv("PELICANE_API_URL", QByteArray("http://127.0.0.1:" + QByteArray::number(port) + "/s/JSON/"));
         service.verifyLogin();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         QCOMPARE(delegate.calls.first().name, "verify");
         QCOMPARE(delegate.calls.first().error->code(), -1004);
 
@@ -436,21 +417,20 @@ private slots:
         qputenv("PELICANE_API_URL", m_capture->url("/s/JSON/").toUtf8());
         m_capture->respond(500, "{}");
         service.verifyLogin();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QVERIFY(c.waitFor(2));
         QCOMPARE(delegate.calls.at(1).name, "verify");
         QCOMPARE(delegate.calls.at(1).error->localizedDescription(), "Internal Server Error (500)");
     }
 
     void cancelledAndTimedOutRequests()
     {
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         m_capture->setHold(true);
         service.loginWithEmail("a@b.c", "pw");
         QTRY_COMPARE_WITH_TIMEOUT(m_capture->requests().size(), 1, 30000);
         service.stopService();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         QCOMPARE(delegate.calls.first().error->code(), -999);
         QCOMPARE(newLog().last(), responseLine("/s/JSON/", 0, false, true, "cancelled"));
 
@@ -464,10 +444,9 @@ private slots:
 
     void stopUploadsThenVerifyLogin()
     {
-        LyraboxService service;
         // stopUploads cancels the queue and every request, and forgets the progress records.
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
         m_capture->setHold(true);
         service.readMd5List();
         QTRY_COMPARE_WITH_TIMEOUT(m_capture->requests().size(), 1, 30000);
@@ -481,7 +460,7 @@ private slots:
         QVERIFY(upload->isCancelled());
         release = true;
         QVERIFY(service.uploadProgresses().isEmpty());
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         QCOMPARE(delegate.calls.first().error->code(), -999);
 
         // A resume verifies the session right after the pause: the pause
@@ -490,7 +469,7 @@ private slots:
         m_capture->respond(200, json({{"result", true}, {"authenticated", true}}));
         service.stopUploads();
         service.verifyLogin();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QVERIFY(c.waitFor(2));
         QCOMPARE(delegate.calls.at(1).name, "verify");
         QCOMPARE(delegate.calls.at(1).error.value_or(Error::errorWithMessage("none")).localizedDescription(), "none");
     }
@@ -499,16 +478,15 @@ private slots:
     {
         DevServerProcess server;
         QVERIFY2(server.start(), qPrintable(server.errorString()));
-        LyraboxService service;
-        RecordingDelegate delegate;
-        service.setDelegate(&delegate);
+        Client c;
+        auto &[service, delegate] = c;
 
         service.loginWithEmail(DevServerProcess::kDemoEmail, "wrong");
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 1, 30000);
+        QVERIFY(c.waitFor(1));
         QCOMPARE(delegate.calls.at(0).error->localizedDescription(), "Invalid e-mail address or password.");
 
         service.loginWithEmail(DevServerProcess::kDemoEmail, DevServerProcess::kDemoPassword);
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 2, 30000);
+        QVERIFY(c.waitFor(2));
         QCOMPARE(delegate.calls.at(1).error.value_or(Error::errorWithMessage("none")).localizedDescription(), "none");
         const QJsonObject library = server.library();
         QCOMPARE(service.userId(), QString::number(library.value("user_id").toInteger()));
@@ -518,7 +496,7 @@ private slots:
 
         QVERIFY(server.revokeToken());
         service.verifyLogin();
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.calls.size(), 3, 30000);
+        QVERIFY(c.waitFor(3));
         QCOMPARE(delegate.calls.at(2).name, "authorization");
     }
 };
