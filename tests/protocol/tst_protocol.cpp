@@ -1,5 +1,4 @@
 #include "core/error.h"
-#include "protocol/httpstatuscodemap.h"
 #include "protocol/transporterror.h"
 #include "protocol/urlencoding.h"
 
@@ -16,37 +15,14 @@ class TestProtocol : public QObject
     Q_OBJECT
 
 private slots:
-    void errorsCarryDomainCodeAndMessage()
+    void cancelledErrorNamesDomainAndCode()
     {
-        const Error noMessage = Error::errorWithMessage();
-        QCOMPARE(noMessage.code(), 0);
-        QCOMPARE(noMessage.domain(), QStringLiteral("com.lyrabox.pelicane"));
-        QCOMPARE(noMessage.localizedDescription(), QStringLiteral("Error occurred but message was unspecified."));
-        QVERIFY(noMessage.hasUserInfo());
-        QVERIFY(!noMessage.isMaintenance());
-
-        const Error maintenance = Error::maintenanceErrorWithMessage(QStringLiteral("Back soon"));
-        QVERIFY(maintenance.isMaintenance());
-        QCOMPARE(maintenance.localizedDescription(), QStringLiteral("Back soon"));
-
         const Error cancelled = Error::cancelledError();
         QCOMPARE(cancelled.code(), -999);
         QVERIFY(cancelled.isCancelled());
         QVERIFY(!cancelled.hasUserInfo());
         QCOMPARE(cancelled.localizedDescription(),
                  QStringLiteral("The operation couldn’t be completed. (com.lyrabox.pelicane error -999.)"));
-    }
-
-    void statusNamesTable()
-    {
-        QCOMPARE(HTTPStatusCodeMap::count(), 63);
-        // Phrases where this table differs from the usual wording.
-        QCOMPARE(HTTPStatusCodeMap::descriptionForCode(203), QStringLiteral("Non-authoritative Information"));
-        QCOMPARE(HTTPStatusCodeMap::descriptionForCode(414), QStringLiteral("Request-URI Too Long"));
-        QCOMPARE(HTTPStatusCodeMap::descriptionForCode(599), QStringLiteral("Network Connect Timeout Error"));
-        for (unsigned absent : {306u, 425u, 520u, 0u, 1000u}) {
-            QVERIFY2(HTTPStatusCodeMap::descriptionForCode(absent).isNull(), qPrintable(QString::number(absent)));
-        }
     }
 
     void transportErrorsMapToCodes_data()
