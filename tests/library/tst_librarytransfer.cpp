@@ -66,7 +66,6 @@ private slots:
     void initTestCase();
     void cleanup() { QVERIFY(m_server.clearFaults()); }
     void headerRequest();
-    void chunkFromTheService();
     void failuresAreReportedOnce_data();
     void failuresAreReportedOnce();
     void cancelAndDestroy();
@@ -139,30 +138,6 @@ void TestLibraryTransfer::headerRequest()
     QCOMPARE(
         Endpoints::libraryDownloadURL(QStringLiteral("1001"), QStringLiteral("abc+def/=")).query(QUrl::FullyEncoded),
         wholeLibraryQuery);
-}
-
-void TestLibraryTransfer::chunkFromTheService()
-{
-    QTemporaryDir folder;
-    const QString destination = folder.filePath(QStringLiteral("My Lyrabox Library"));
-    OperationQueue queue;
-    Outcome outcome;
-    const OperationRef chunk = startChunk(queue, outcome, destination, 50);
-    QTRY_VERIFY_WITH_TIMEOUT(chunk->isFinished(), kTimeout);
-
-    QCOMPARE(outcome.completions, 1);
-    QVERIFY2(!chunk->error(), qPrintable(chunk->error() ? chunk->error()->localizedDescription() : QString()));
-    const QString path = QDir(destination).filePath(QStringLiteral(".temp-1.zip"));
-    QCOMPARE(chunk->downloadedFileURL(), std::optional<QUrl>(QUrl::fromLocalFile(path)));
-    // The marker is cut off the archive.
-    QVERIFY(chunk->estimatedBytes().has_value());
-    QCOMPARE(QFileInfo(path).size(), *chunk->estimatedBytes() - 4);
-    QCOMPARE(outcome.lastBytes, *chunk->estimatedBytes());
-    QCOMPARE(LibraryTest::filesUnder(destination), QStringList{QStringLiteral(".temp-1.zip")});
-    const QString log = LibraryTest::logText();
-    QVERIFY(log.contains(QStringLiteral("DownloadLibrary(50, 50, chunk)")));
-    QVERIFY(log.contains(QStringLiteral("&offset=50&length=50&end_marker=1 - StatusCode: 200, Result: True, "
-                                        "Canceled: False, Message: nil")));
 }
 
 void TestLibraryTransfer::failuresAreReportedOnce_data()
