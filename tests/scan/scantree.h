@@ -3,12 +3,14 @@
 // Real folder trees for the scan tests, including folders the walk cannot
 // read even when the tests run as root.
 
+#include "session/sessionmodel.h"
 #include "support/sessiontesting.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QTest>
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -84,6 +86,22 @@ inline qint64 makeWideTree(const QString &root, int folders, int filesPerFolder)
         }
     }
     return made;
+}
+
+inline QStringList sorted(QStringList list)
+{
+    list.sort();
+    return list;
+}
+
+// Waits for the session's scan to end (the spinner stops) and for its last hand-over.
+inline bool waitForScan(SessionModel &session)
+{
+    QDeadlineTimer deadline(60000);
+    while (session.isFileSearchInProgress() && !deadline.hasExpired()) {
+        QTest::qWait(10);
+    }
+    return !session.isFileSearchInProgress() && session.folderScanRunner().waitForDone(60000);
 }
 
 // Removes a tree, however deep (rm works below PATH_MAX with relative opens).

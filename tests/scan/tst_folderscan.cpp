@@ -29,12 +29,6 @@ Scanned scan(const QStringList &roots, const FolderScan::CancelCheck &isCanceled
     return result;
 }
 
-QStringList sorted(QStringList list)
-{
-    list.sort();
-    return list;
-}
-
 } // namespace
 
 class TestFolderScan : public QObject

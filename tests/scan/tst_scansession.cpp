@@ -27,22 +27,6 @@ class TestScanSession : public QObject
         return session;
     }
 
-    // Waits for the scan to end (the spinner stops) and for its last hand-over.
-    static bool waitForScan(SessionModel &session)
-    {
-        QDeadlineTimer deadline(60000);
-        while (session.isFileSearchInProgress() && !deadline.hasExpired()) {
-            QTest::qWait(10);
-        }
-        return !session.isFileSearchInProgress() && session.folderScanRunner().waitForDone(60000);
-    }
-
-    static QStringList sorted(QStringList list)
-    {
-        list.sort();
-        return list;
-    }
-
 private slots:
     void initTestCase()
     {

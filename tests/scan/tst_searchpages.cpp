@@ -59,14 +59,7 @@ private:
     QTemporaryDir m_dir;
     QString m_library;
 
-    static bool waitForScan(MainWindowController &window)
-    {
-        QDeadlineTimer deadline(60000);
-        while (window.session()->isFileSearchInProgress() && !deadline.hasExpired()) {
-            QTest::qWait(10);
-        }
-        return !window.session()->isFileSearchInProgress() && window.session()->folderScanRunner().waitForDone(60000);
-    }
+    static bool waitForScan(MainWindowController &window) { return ScanTree::waitForScan(*window.session()); }
 
     // The window up on the Search page, as after signing in.
     static bool showOnSearchPage(MainWindowController &window)
