@@ -77,7 +77,6 @@ private slots:
         QCOMPARE(Settings::string(kSettingsEmail), QStringLiteral("me@example.com"));
 
         QVERIFY(ui->maskContainerView->isHidden());
-        QCOMPARE(ui->maskContainerView->backgroundColor(), QColor(0x99, 0x99, 0x99, 0x70));
     }
 
     void exceptionDuringLoadIsShownAndLoadGoesOn()
