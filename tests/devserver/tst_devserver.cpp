@@ -150,10 +150,12 @@ private:
                      {"auth_token", authToken()}})
             .json();
     }
-    QJsonObject verify(const QJsonValue &userId, const QString &token)
+    QJsonObject verify(const QJsonValue &userId, const QString &token) { return status(userId, token).json(); }
+    LoopbackHttpResult status(const QJsonValue &userId, const QString &token)
     {
-        return json({{"mode", "status"}, {"user_id", userId}, {"token", token}}).json();
+        return json({{"mode", "status"}, {"user_id", userId}, {"token", token}});
     }
+    LoopbackHttpResult status() { return status(m_userId.toLongLong(), m_token); }
     // The digest-list form as the client encodes it: blanks escaped, parentheses kept.
     LoopbackHttpResult digestList(const QString &userId, const QString &token, const QByteArray &extra = {})
     {
@@ -239,7 +241,7 @@ private slots:
         QCOMPARE(answer.value("user").toObject().value("token").toString(), m_token);
         QVERIFY(!answer.value("supported").toArray().isEmpty()); // sent without being asked
         // The id was handed out as a number and must come back as one.
-        const LoopbackHttpResult asText = json({{"mode", "status"}, {"user_id", m_userId}, {"token", m_token}});
+        const LoopbackHttpResult asText = status(m_userId, m_token);
         QCOMPARE(asText.status, 400);
         QVERIFY(asText.json().value("message").toString().contains("number"));
         QVERIFY(m_server.revokeToken());
@@ -413,16 +415,14 @@ private slots:
     {
         QVERIFY(m_server.addFault({{"endpoint", "json"}, {"status", 520}, {"count", 2}, {"message", "Down"}}));
         for (int i = 0; i < 2; ++i) {
-            const LoopbackHttpResult r =
-                json({{"mode", "status"}, {"user_id", m_userId.toLongLong()}, {"token", m_token}});
+            const LoopbackHttpResult r = status();
             QCOMPARE(r.status, 520);
             QCOMPARE(r.json().value("message").toString(), "Down");
         }
-        QCOMPARE(json({{"mode", "status"}, {"user_id", m_userId.toLongLong()}, {"token", m_token}}).status, 200);
+        QCOMPARE(status().status, 200);
 
         QVERIFY(m_server.addFault({{"endpoint", "json"}, {"body", "not json"}}));
-        const LoopbackHttpResult raw =
-            json({{"mode", "status"}, {"user_id", m_userId.toLongLong()}, {"token", m_token}});
+        const LoopbackHttpResult raw = status();
         QCOMPARE(raw.status, 200);
         QCOMPARE(raw.body, "not json");
 
@@ -484,7 +484,7 @@ private slots:
         QVERIFY(partial.connectionDropped);
 
         QVERIFY(m_server.addFault({{"endpoint", "json"}, {"drop_after_bytes", 10}}));
-        QVERIFY(json({{"mode", "status"}, {"user_id", m_userId.toLongLong()}, {"token", m_token}}).connectionDropped);
+        QVERIFY(status().connectionDropped);
 
         // Without the end marker the segment is a plain zip of the announced length.
         QVERIFY(m_server.addFault({{"endpoint", "segment"}, {"omit_end_marker", true}}));
