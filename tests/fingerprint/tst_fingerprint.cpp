@@ -35,42 +35,6 @@ bool setModificationTime(const QString &path, time_t seconds, long nanoseconds =
     return ::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0) == 0;
 }
 
-// A context whose "digest" is the byte count and the number of calls; it
-// shows what the streaming loop does with the algorithm it is given.
-struct CountingState
-{
-    int inits = 0;
-    int finals = 0;
-    quint64 bytes = 0;
-    std::size_t largestUpdate = 0;
-};
-
-FileHash::ComputationContext countingContext(CountingState *state)
-{
-    FileHash::ComputationContext context;
-    context.init = [](void *s) {
-        ++static_cast<CountingState *>(s)->inits;
-        return true;
-    };
-    context.update = [](void *s, const void *, std::size_t count) {
-        auto *state = static_cast<CountingState *>(s);
-        state->bytes += count;
-        state->largestUpdate = std::max(state->largestUpdate, count);
-        return true;
-    };
-    context.final = [](unsigned char *digest, void *s) {
-        auto *state = static_cast<CountingState *>(s);
-        ++state->finals;
-        for (int i = 0; i < 8; ++i) {
-            digest[i] = static_cast<unsigned char>(state->bytes >> (56 - 8 * i));
-        }
-        return true;
-    };
-    context.digestLength = 8;
-    context.state = state;
-    return context;
-}
-
 } // namespace
 
 class TestFingerprint : public QObject
@@ -120,22 +84,6 @@ private slots:
         QCOMPARE(md5, QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex()));
         QCOMPARE(FileHash::sha1HashOfFileAtPath(path),
                  QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha1).toHex()));
-    }
-
-    void generalOperationDrivesTheGivenAlgorithm()
-    {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("f"));
-        const qint64 size = 3 * qint64(FileHash::kReadChunkSize) + 5;
-        QVERIFY(writeFile(path, QByteArray(size, 'x')));
-
-        // The file streams through in pieces of at most one read, never whole.
-        CountingState state;
-        QCOMPARE(FileHash::hashOfFileAtPath(path, countingContext(&state)),
-                 QStringLiteral("%1").arg(size, 16, 16, QLatin1Char('0')));
-        QCOMPARE(state.inits, 1);
-        QCOMPARE(state.finals, 1);
-        QVERIFY(state.largestUpdate > 0 && state.largestUpdate <= FileHash::kReadChunkSize);
     }
 
     void validityFollowsModificationTime()
