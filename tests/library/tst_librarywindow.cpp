@@ -1,6 +1,7 @@
 // The library download window over the local service: its title bar, the abort question,
 // the error line and its details, Open Folder; and how the main window starts it (folder
 // chooser, the button standing for the window while it is open).
+#include "../session/alertdriver.h"
 #include "librarytestsupport.h"
 
 #include "library/ui/downloadlibrarycontroller.h"
@@ -24,28 +25,6 @@
 namespace {
 
 constexpr int kTimeout = 120000;
-
-// Presses `button` on the next modal alert and records its texts and buttons.
-void answerNextAlert(const QString &button, QList<QStringList> *seen)
-{
-    QTimer::singleShot(50, [button, seen] {
-        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
-        if (!box) {
-            answerNextAlert(button, seen);
-            return;
-        }
-        QStringList alert{box->text(), box->informativeText()};
-        QAbstractButton *target = nullptr;
-        for (QAbstractButton *b : box->buttons()) {
-            alert.append(b->text());
-            target = b->text() == button ? b : target;
-        }
-        seen->append(alert);
-        if (target) {
-            target->click();
-        }
-    });
-}
 
 // Answers the next folder chooser with `folder`.
 void answerChooser(const QString &folder, bool *seen)
@@ -120,11 +99,15 @@ void TestLibraryWindow::abortIsConfirmed()
     QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Downloading Library..."), kTimeout);
     QCOMPARE(ui->cancelButton->text(), QStringLiteral("Cancel"));
 
-    QList<QStringList> seen;
-    answerNextAlert(QStringLiteral("No"), &seen);
+    const auto askedToAbort = [](const AlertDriver &driver) {
+        return driver.seen.size() == 1 && driver.seen[0].text == QStringLiteral("Abort Download") &&
+               driver.seen[0].informativeText == QStringLiteral("Are you sure you want to abort the download?") &&
+               driver.seen[0].buttons == QStringList({"Yes", "No"});
+    };
+    AlertDriver no;
+    no.answer(QStringLiteral("No"));
     ui->cancelButton->click();
-    const QStringList question{"Abort Download", "Are you sure you want to abort the download?", "Yes", "No"};
-    QCOMPARE(seen, QList<QStringList>{question});
+    QVERIFY(askedToAbort(no));
     QVERIFY(window->isVisible());
     QCOMPARE(m_willClose, 0);
 
@@ -139,9 +122,10 @@ void TestLibraryWindow::abortIsConfirmed()
     QCOMPARE(m_willClose, 0);
 
     // The window manager's close asks the same question.
-    answerNextAlert(QStringLiteral("Yes"), &seen);
+    AlertDriver yes;
+    yes.answer(QStringLiteral("Yes"));
     window->close();
-    QCOMPARE(seen, (QList<QStringList>{question, question}));
+    QVERIFY(askedToAbort(yes));
     QVERIFY(!window->isVisible());
     QCOMPARE(m_willClose, 1);
     QVERIFY(m_opened.isEmpty());
@@ -159,13 +143,13 @@ void TestLibraryWindow::errorLineDetailsAndOpenFolder()
              QStringLiteral("An error occurred while downloading. Retrying library segment 1, attempt 1"));
     QVERIFY(ui->errorInfoButton->isVisible());
 
-    QList<QStringList> seen;
-    answerNextAlert(QStringLiteral("OK"), &seen);
+    AlertDriver details;
+    details.answer(QStringLiteral("OK"));
     ui->errorInfoButton->click();
-    QCOMPARE(seen.size(), 1);
-    QCOMPARE(seen.first().at(0), QStringLiteral("Download Error"));
-    QVERIFY(seen.first().at(1).contains(QStringLiteral("\n\nService Unavailable (503)\n\n")));
-    QCOMPARE(seen.first().mid(2), QStringList{QStringLiteral("OK")});
+    QCOMPARE(details.seen.size(), 1);
+    QCOMPARE(details.seen[0].text, QStringLiteral("Download Error"));
+    QVERIFY(details.seen[0].informativeText.contains(QStringLiteral("\n\nService Unavailable (503)\n\n")));
+    QCOMPARE(details.seen[0].buttons, QStringList{QStringLiteral("OK")});
 
     // The retry five seconds later brings everything in; the error line goes
     // once a segment arrives, and the finished bar is full, not busy.
@@ -183,7 +167,7 @@ void TestLibraryWindow::errorLineDetailsAndOpenFolder()
     QCOMPARE(m_opened, QList<QUrl>{QUrl::fromLocalFile(folder.path())});
     QCOMPARE(m_willClose, 1);
     QVERIFY(!window->isVisible());
-    QCOMPARE(seen.size(), 1);
+    QCOMPARE(details.seen.size(), 1);
 }
 
 void TestLibraryWindow::failuresThatEndTheRunStayOnScreen()
