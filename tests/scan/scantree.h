@@ -1,7 +1,7 @@
 #pragma once
 
 // Real folder trees for the scan tests, including folders the walk cannot
-// read even when the tests run as root.
+// read even when the tests run as root; and waiting for a session's scan.
 
 #include "session/sessionmodel.h"
 #include "support/sessiontesting.h"
