@@ -101,9 +101,11 @@ class TestLyraboxService : public QObject
 
 private:
     CaptureServer *m_capture = nullptr;
+    std::unique_ptr<Client> m_client; // a fresh one per test
     qint64 m_logStart = 0;
 
     QStringList newLog() const { return logMessages(m_logStart); }
+    bool waitFor(int callbacks) { return m_client->waitFor(callbacks); }
     QString responseLine(const QString &path, int status, bool result, bool cancelled, const QString &message) const
     {
         return QStringLiteral("Response: %1 - StatusCode: %2, Result: %3, Canceled: %4, Message: %5")
@@ -127,18 +129,19 @@ private slots:
         qputenv("PELICANE_API_URL", m_capture->url("/s/JSON/").toUtf8());
         qputenv("PELICANE_UPLOAD_URL", m_capture->url("/upload/").toUtf8());
         m_logStart = QFileInfo(Logger::logFileURL().toLocalFile()).size();
+        m_client = std::make_unique<Client>();
     }
 
     void cleanup()
     {
+        m_client.reset();
         delete m_capture;
         m_capture = nullptr;
     }
 
     void signInRequestOnTheWire()
     {
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         service.setUserId("old");
         service.setUserToken("old");
         m_capture->respond(
@@ -150,7 +153,7 @@ private slots:
         // Cleared before anything was sent.
         QCOMPARE(service.userId(), QString(""));
         QCOMPARE(service.userToken(), QString(""));
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
 
         QCOMPARE(m_capture->requests().size(), 1);
         const CaptureServer::Request request = m_capture->requests().first();
@@ -184,8 +187,7 @@ private slots:
 
     void verificationRequestOnTheWire()
     {
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         service.setUserId("42");
         service.setUserToken("t0");
         m_capture->respond(200, json({{"result", true},
@@ -194,9 +196,9 @@ private slots:
                                       {"supported", QJsonArray{QJsonObject{{"extension", ".FLAC"}}}}}));
         service.verifyLogin();
         QCOMPARE(service.userId(), "42"); // nothing is cleared
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         service.verifyLogin();
-        QVERIFY(c.waitFor(2));
+        QVERIFY(waitFor(2));
 
         QCOMPARE(QJsonDocument::fromJson(m_capture->requests().first().body).object(),
                  (QJsonObject{{"mode", "status"},
@@ -249,10 +251,9 @@ private slots:
         QVERIFY(server.listen(QHostAddress::LocalHost));
         qputenv("PELICANE_API_URL", QStringLiteral("https://127.0.0.1:%1/s/JSON/").arg(server.serverPort()).toUtf8());
 
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         service.loginWithEmail("a@b.c", "pw");
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         const OptionalError error = delegate.calls.first().error;
         QVERIFY(error);
         QCOMPARE(error->code(), TransportError::SecureConnectionFailed);
@@ -278,32 +279,30 @@ private slots:
     {
         QFETCH(QJsonValue, id);
         QFETCH(QString, text);
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         m_capture->respond(200, json({{"result", true}, {"user", QJsonObject{{"id", id}, {"token", "t1"}}}}));
         service.loginWithEmail("a@b.c", "pw");
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         QCOMPARE(service.userId(), text);
 
         m_capture->respond(200, json({{"result", true}, {"md5", QJsonArray{}}}));
         service.readMd5List();
-        QVERIFY(c.waitFor(2));
+        QVERIFY(waitFor(2));
         QVERIFY(QString::fromUtf8(m_capture->requests().last().body).startsWith("user_id=" + text + "&token=t1&"));
         service.verifyLogin();
-        QVERIFY(c.waitFor(3));
+        QVERIFY(waitFor(3));
         QCOMPARE(QJsonDocument::fromJson(m_capture->requests().last().body).object().value("user_id"), id);
     }
 
     void digestListRequestOnTheWire()
     {
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         service.setUserId("42");
         service.setUserToken("t0");
         const QSet<QString> &live = service.getMd5List();
         m_capture->respond(200, json({{"result", 1}, {"md5", QJsonArray{"aa", "bb", "aa"}}}));
         service.readMd5List();
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         QCOMPARE(live, QSet<QString>({"aa", "bb"}));
 
         const CaptureServer::Request request = m_capture->requests().first();
@@ -347,11 +346,10 @@ private slots:
         QFETCH(QByteArray, body);
         QFETCH(bool, success);
         QFETCH(QString, message);
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         m_capture->respond(status, body);
         service.loginWithEmail("a@b.c", "pw");
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         const OptionalError error = delegate.calls.first().error;
         QCOMPARE(bool(error), !success);
         if (error) {
@@ -364,11 +362,10 @@ private slots:
 
     void maintenanceAndFailedSignIn()
     {
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         m_capture->respond(200, json({{"result", false}, {"maintenance", true}, {"message", "Back soon"}}));
         service.loginWithEmail("a@b.c", "pw");
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         QVERIFY(delegate.calls.at(0).error->isMaintenance());
         QCOMPARE(delegate.calls.at(0).error->localizedDescription(), "Back soon");
 
@@ -376,15 +373,14 @@ private slots:
         m_capture->respond(
             200, json({{"result", false}, {"maintenance", true}, {"authenticated", true}, {"message", "Back soon"}}));
         service.verifyLogin();
-        QVERIFY(c.waitFor(2));
+        QVERIFY(waitFor(2));
         QCOMPARE(delegate.calls.at(1).name, "verify");
         QVERIFY(!delegate.calls.at(1).error->isMaintenance());
     }
 
     void verificationThatIsNoLongerAuthenticated()
     {
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         service.setUserId("1");
         service.setUserToken("old");
         m_capture->respond(
@@ -400,8 +396,7 @@ private slots:
 
     void networkFailureIsNeverALostSession()
     {
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         // A port nobody listens on.
         QTcpServer closed;
         QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
@@ -409,7 +404,7 @@ private slots:
         closed.close();
         qputenv("PELICANE_API_URL", QByteArray("http://127.0.0.1:" + QByteArray::number(port) + "/s/JSON/"));
         service.verifyLogin();
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         QCOMPARE(delegate.calls.first().name, "verify");
         QCOMPARE(delegate.calls.first().error->code(), -1004);
 
@@ -417,20 +412,19 @@ private slots:
         qputenv("PELICANE_API_URL", m_capture->url("/s/JSON/").toUtf8());
         m_capture->respond(500, "{}");
         service.verifyLogin();
-        QVERIFY(c.waitFor(2));
+        QVERIFY(waitFor(2));
         QCOMPARE(delegate.calls.at(1).name, "verify");
         QCOMPARE(delegate.calls.at(1).error->localizedDescription(), "Internal Server Error (500)");
     }
 
     void cancelledAndTimedOutRequests()
     {
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         m_capture->setHold(true);
         service.loginWithEmail("a@b.c", "pw");
         QTRY_COMPARE_WITH_TIMEOUT(m_capture->requests().size(), 1, 30000);
         service.stopService();
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         QCOMPARE(delegate.calls.first().error->code(), -999);
         QCOMPARE(newLog().last(), responseLine("/s/JSON/", 0, false, true, "cancelled"));
 
@@ -445,8 +439,7 @@ private slots:
     void stopUploadsThenVerifyLogin()
     {
         // stopUploads cancels the queue and every request, and forgets the progress records.
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
         m_capture->setHold(true);
         service.readMd5List();
         QTRY_COMPARE_WITH_TIMEOUT(m_capture->requests().size(), 1, 30000);
@@ -460,7 +453,7 @@ private slots:
         QVERIFY(upload->isCancelled());
         release = true;
         QVERIFY(service.uploadProgresses().isEmpty());
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         QCOMPARE(delegate.calls.first().error->code(), -999);
 
         // A resume verifies the session right after the pause: the pause
@@ -469,7 +462,7 @@ private slots:
         m_capture->respond(200, json({{"result", true}, {"authenticated", true}}));
         service.stopUploads();
         service.verifyLogin();
-        QVERIFY(c.waitFor(2));
+        QVERIFY(waitFor(2));
         QCOMPARE(delegate.calls.at(1).name, "verify");
         QCOMPARE(delegate.calls.at(1).error.value_or(Error::errorWithMessage("none")).localizedDescription(), "none");
     }
@@ -478,15 +471,14 @@ private slots:
     {
         DevServerProcess server;
         QVERIFY2(server.start(), qPrintable(server.errorString()));
-        Client c;
-        auto &[service, delegate] = c;
+        auto &[service, delegate] = *m_client;
 
         service.loginWithEmail(DevServerProcess::kDemoEmail, "wrong");
-        QVERIFY(c.waitFor(1));
+        QVERIFY(waitFor(1));
         QCOMPARE(delegate.calls.at(0).error->localizedDescription(), "Invalid e-mail address or password.");
 
         service.loginWithEmail(DevServerProcess::kDemoEmail, DevServerProcess::kDemoPassword);
-        QVERIFY(c.waitFor(2));
+        QVERIFY(waitFor(2));
         QCOMPARE(delegate.calls.at(1).error.value_or(Error::errorWithMessage("none")).localizedDescription(), "none");
         const QJsonObject library = server.library();
         QCOMPARE(service.userId(), QString::number(library.value("user_id").toInteger()));
@@ -496,7 +488,7 @@ private slots:
 
         QVERIFY(server.revokeToken());
         service.verifyLogin();
-        QVERIFY(c.waitFor(3));
+        QVERIFY(waitFor(3));
         QCOMPARE(delegate.calls.at(2).name, "authorization");
     }
 };
