@@ -5,14 +5,13 @@
 
 #include "audio/accuraterip.h"
 #include "audio/cdripper.h"
-#include "audio/flacencoder.h"
 #include "audio/riplog.h"
+#include "audio/trackripjob.h"
+#include "cd/discsession.h"
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
 #include "cli/terminal.h"
 #include "platform/discimages.h"
-#include "platform/settings.h"
-#include "protocol/endpoints.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -76,36 +75,6 @@ QString twoDigits(int number)
     return QStringLiteral("%1").arg(number, 2, 10, QLatin1Char('0'));
 }
 
-// Encodes the ripped audio and copies the file into the folder. Nothing on
-// success, else the error; file holds the path written.
-OptionalError encodeTrack(const RipTrack &track, const PLCID3Tag &tags, const QString &target,
-                          const std::function<void(uint64_t, uint64_t)> &progress)
-{
-    const uint64_t values = uint64_t(track.lastSector - track.firstSector + 1) * kRipSectorValues;
-    FLACEncoder encoder;
-    OptionalError copyError;
-    if (OptionalError error = encoder.configureWithSampleCount(values / 2, tags, {}, [&](const QUrl &fileURL) {
-            QFile::remove(target);
-            if (!QFile::copy(fileURL.toLocalFile(), target)) {
-                copyError = Error::errorWithMessage(QStringLiteral("%1 could not be written.").arg(target), 200);
-            }
-        })) {
-        return error;
-    }
-    const auto *samples = reinterpret_cast<const int16_t *>(track.audio);
-    constexpr uint64_t kChunk = uint64_t(kRipSectorValues) * 75;
-    for (uint64_t at = 0; at < values; at += kChunk) {
-        if (!encoder.processSamples(samples + at, size_t(std::min(kChunk, values - at)))) {
-            break;
-        }
-        progress(at, values);
-    }
-    if (OptionalError error = encoder.finish()) {
-        return error;
-    }
-    return copyError;
-}
-
 } // namespace
 
 int runRipCommand(const QStringList &args)
@@ -154,7 +123,7 @@ int runRipCommand(const QStringList &args)
         return ExitUsage;
     }
     // The drive's offset as the user set it, unless given for this rip.
-    const int readOffset = offsetArgument.value_or(Settings::value(kSettingsReadOffset, 0).toInt());
+    const int readOffset = offsetArgument.value_or(TrackRipJob::configuredReadOffset());
     if (readOffset < -kMaxOffsetSamples || readOffset > kMaxOffsetSamples) {
         err << "pelicane-cli rip: the read offset setting (" << readOffset << " samples) is out of range\n";
         return ExitUsage;
@@ -181,25 +150,27 @@ int runRipCommand(const QStringList &args)
     };
     status.show(QStringLiteral("Looking the disc up..."));
     const DiscMetadata metadata = PLCAudioCDProcessor::compileDiscMetadata(volume, trackPaths.values(), options, {});
-    CdIo_t *disc = PLCAudioCDProcessor::cdio();
-    if (!disc) {
-        if (OptionalError error = PLCAudioCDProcessor::openDeviceForVolume(volume)) {
-            status.endLine();
-            err << "pelicane-cli rip: " << error->localizedDescription() << "\n";
-            return ExitTracksFailed;
-        }
-        disc = PLCAudioCDProcessor::cdio();
+    OptionalError openError;
+    const std::shared_ptr<DiscSession> session = DiscSession::open(volume, &openError);
+    if (!session) {
+        status.endLine();
+        err << "pelicane-cli rip: " << openError->localizedDescription() << "\n";
+        return ExitTracksFailed;
     }
 
-    const track_t firstTrack = cdio_get_first_track_num(disc);
-    const track_t lastTrack = cdio_get_last_track_num(disc);
-    if (chosen.empty()) {
-        for (track_t n = firstTrack; n <= lastTrack && n != CDIO_INVALID_TRACK; ++n) {
-            if (ripIsAudioTrack(disc, n)) {
-                chosen.insert(int(n));
+    track_t firstTrack = CDIO_INVALID_TRACK;
+    track_t lastTrack = CDIO_INVALID_TRACK;
+    session->use([&](CdIo_t *disc) {
+        firstTrack = cdio_get_first_track_num(disc);
+        lastTrack = cdio_get_last_track_num(disc);
+        if (chosen.empty()) {
+            for (track_t n = firstTrack; n <= lastTrack && n != CDIO_INVALID_TRACK; ++n) {
+                if (ripIsAudioTrack(disc, n)) {
+                    chosen.insert(int(n));
+                }
             }
         }
-    }
+    });
     for (int n : chosen) {
         if (n < firstTrack || n > lastTrack) {
             status.endLine();
@@ -216,8 +187,8 @@ int runRipCommand(const QStringList &args)
 
     RipLog log;
     log.started = QDateTime::currentDateTime();
-    log.source = PLCAudioCDProcessor::deviceName().isEmpty() ? volume : PLCAudioCDProcessor::deviceName();
-    log.isImage = PLCAudioCDProcessor::isDiscImageOpen();
+    log.source = session->deviceName();
+    log.isImage = session->isImage();
     log.readOffset = readOffset;
     log.discId = metadata.discId;
     const auto tagsOf = [&](int number) {
@@ -229,41 +200,21 @@ int runRipCommand(const QStringList &args)
             tag.setTrack(number);
         }
         if (!tag.totalTracks()) {
-            tag.setTotalTracks(int(trackPaths.size()));
+            tag.setTotalTracks(int(lastTrack));
         }
         return tag;
     };
     if (!trackPaths.isEmpty()) {
         const PLCID3Tag first = tagsOf(trackPaths.firstKey());
         log.album = first.album().value_or(QString());
-        log.artist = first.albumArtist().value_or(first.artist().value_or(QString()));
+        log.artist = first.albumArtist().value_or(QString());
     }
 
     // AccurateRip first: each track's verdict is known as soon as it is ripped.
-    AccurateRip::TableOfContents toc;
-    AccurateRip::DiscIds ids;
-    if (AccurateRip::readTableOfContents(disc, &toc)) {
-        ids = AccurateRip::discIds(toc);
-    }
-    AccurateRip::Lookup lookup;
-    if (ids.isValid()) {
-        status.show(QStringLiteral("Asking AccurateRip..."));
-        log.accurateRipId = ids.text();
-        lookup = AccurateRip::fetch(ids, Endpoints::accurateRipURL(), kAccurateRipTimeoutMs);
-    } else {
-        lookup.error = QStringLiteral("the disc's table of contents could not be read");
-    }
-    switch (lookup.status) {
-    case AccurateRip::Lookup::Status::Found:
-        log.accurateRipLookup = QStringLiteral("%1 entries").arg(lookup.entries.size());
-        break;
-    case AccurateRip::Lookup::Status::NotInDatabase:
-        log.accurateRipLookup = QStringLiteral("not in database");
-        break;
-    case AccurateRip::Lookup::Status::Failed:
-        log.accurateRipLookup = QStringLiteral("not checked: ") + lookup.error;
-        break;
-    }
+    status.show(QStringLiteral("Asking AccurateRip..."));
+    const AccurateRip::Lookup lookup =
+        TrackRipJob::fetchAccurateRip(session, kAccurateRipTimeoutMs, &log.accurateRipId);
+    log.accurateRipLookup = lookup.summary();
     status.endLine();
     out << "Disc: " << (log.album.isEmpty() ? QStringLiteral("(unknown album)") : log.album)
         << (log.artist.isEmpty() ? QString() : QStringLiteral(" / ") + log.artist) << ", "
@@ -272,19 +223,8 @@ int runRipCommand(const QStringList &args)
         << log.accurateRipLookup << "\nRead offset: " << readOffset << " samples\n"
         << Qt::flush;
 
-    RipSettings settings;
-    settings.readRetries = kReadRetries;
-    ripSetReadOffset(&settings, readOffset);
-    RipContext *context = nullptr;
-    if (ripOpen(&context, &settings, disc) != 0) {
-        err << "pelicane-cli rip: the disc could not be opened for reading\n";
-        PLCAudioCDProcessor::closeDevice();
-        return ExitTracksFailed;
-    }
-
     bool interrupted = false;
     const InterruptWatcher interrupts([&] { interrupted = true; });
-    const track_t firstAudio = ripFirstAudioTrack(disc);
     int failures = 0;
     int done = 0;
     QElapsedTimer sinceShown;
@@ -294,12 +234,6 @@ int runRipCommand(const QStringList &args)
         ++done;
         const QString name = twoDigits(number);
         const QString prefix = QStringLiteral("Track %1 (%2 of %3): ").arg(name).arg(done).arg(chosen.size());
-        RipLogTrack entry;
-        entry.number = number;
-        entry.firstSector = uint32_t(std::max<lsn_t>(0, cdio_get_track_lsn(disc, track_t(number))));
-        entry.lastSector = uint32_t(std::max<lsn_t>(0, cdio_get_track_last_lsn(disc, track_t(number))));
-        RipTrack *track = ripTrackRecord(context, uint32_t(number));
-        QString lastMessage;
         const auto show = [&](const QString &text, bool force) {
             if (force || sinceShown.elapsed() >= showEveryMs) {
                 sinceShown.restart();
@@ -307,57 +241,35 @@ int runRipCommand(const QStringList &args)
             }
         };
         show(QStringLiteral("reading"), true);
-        const int result =
-            track ? ripTrack(
-                        context, track,
-                        [&](int32_t current, int32_t total, const int16_t *, bool *stop) {
-                            QCoreApplication::processEvents();
-                            if (interrupted) {
-                                *stop = true;
-                            }
-                            if (total > 0) {
-                                show(QStringLiteral("reading %1%").arg(qint64(current) * 100 / total), false);
-                            }
-                        },
-                        [&](const char *text) { lastMessage = QString::fromLocal8Bit(text).trimmed(); })
-                  : 1;
-        if (track) {
-            entry.statistics = track->statistics;
-        }
-        if (result == 0) {
-            const uint32_t sectors = track->lastSector - track->firstSector + 1;
-            entry.checksumV1 = track->checksumV1;
-            entry.checksumV2 = track->checksumV2;
-            entry.crc32 = ripCrc32(track->audio, size_t(sectors) * kRipSectorBytes);
-            const PLCID3Tag tags = tagsOf(number);
-            const QString title = tags.title().value_or(QString()).trimmed();
+        TrackRipRequest request;
+        request.disc = session;
+        request.trackNumber = number;
+        request.readOffset = readOffset;
+        request.readRetries = kReadRetries;
+        request.tags = tagsOf(number);
+        request.accurateRip = lookup;
+        TrackRipJob job(request);
+        const bool ripped = job.run(
+            [&](TrackRipJob::Stage stage, qint64 done, qint64 total) {
+                QCoreApplication::processEvents();
+                const QString what =
+                    stage == TrackRipJob::Stage::Reading ? QStringLiteral("reading") : QStringLiteral("encoding");
+                show(QStringLiteral("%1 %2%").arg(what).arg(done * 100 / std::max<qint64>(total, 1)), false);
+            },
+            [&] { return interrupted; });
+        RipLogTrack entry = job.logEntry();
+        if (ripped) {
+            const QString title = request.tags.title().value_or(QString()).trimmed();
             const QString stem =
                 title.isEmpty() ? QString(QStringLiteral("Track ") + name) : QString(name + u' ' + title);
             const QString file = QDir(folder).filePath(safeFileName(stem) + QStringLiteral(".flac"));
-            show(QStringLiteral("encoding"), true);
-            if (OptionalError error = encodeTrack(*track, tags, file, [&](uint64_t at, uint64_t total) {
-                    show(QStringLiteral("encoding %1%").arg(at * 100 / std::max<uint64_t>(total, 1)), false);
-                })) {
+            if (OptionalError error = job.saveAs(file)) {
+                entry.ripped = false;
                 entry.message = error->localizedDescription();
+                entry.file.clear();
             } else {
-                entry.ripped = true;
                 entry.file = QFileInfo(file).absoluteFilePath();
             }
-            // The database lists the audio tracks only, in order.
-            int index = 0;
-            for (int n = int(firstAudio); n < number; ++n) {
-                index += ripIsAudioTrack(disc, track_t(n)) ? 1 : 0;
-            }
-            entry.accurateRip = AccurateRip::verify(lookup, index, entry.checksumV1, entry.checksumV2).text();
-        } else {
-            entry.message = track && !track->failure.empty() ? QString::fromStdString(track->failure)
-                            : interrupted                    ? QStringLiteral("Stopped.")
-                            : lastMessage.isEmpty() ? QStringLiteral("Track %1 could not be ripped.").arg(number)
-                                                    : lastMessage;
-            entry.accurateRip = QStringLiteral("not checked: the track was not ripped");
-        }
-        if (track) {
-            ripReleaseTrack(track);
         }
         status.endLine();
         if (entry.ripped) {
@@ -373,8 +285,6 @@ int runRipCommand(const QStringList &args)
             break;
         }
     }
-    ripFree(&context);
-    PLCAudioCDProcessor::closeDevice();
 
     QString logPath;
     if (OptionalError error = writeRipLog(log, &logPath)) {

@@ -10,16 +10,15 @@
 #include "cli/signin.h"
 #include "cli/terminal.h"
 
-#include "audio/riplog.h"
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
 #include "core/formatting.h"
 #include "core/logger.h"
 #include "platform/discimages.h"
 #include "service/lyraboxservice.h"
+#include "session/audiocdflow.h"
 #include "session/audiocdprompter.h"
 #include "session/sessionmodel.h"
-#include "upload/cdtrackrips.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -264,6 +263,8 @@ public:
         done(1, album);
     }
     void refillAlbumPrompt(const AlbumPromptInput &) override {}
+    void setAlbumPromptBusy(bool, const QString &) override {}
+    void selectAlbumPromptRelease(const QString &) override {}
 
 private:
     const UploadCDOptions &m_options;
@@ -283,38 +284,6 @@ QString progressLine(const SessionModel &session)
         .arg(total)
         .arg(row.pathLabelText())
         .arg(row.progress());
-}
-
-// The rip log of the run: the disc, then each track that was ripped (or
-// failed to be), in disc order. Its path, or empty when nothing was ripped.
-QString writeUploadRipLog(SessionModel &session, const QString &volume, const QDateTime &started)
-{
-    const DiscMetadata &metadata = session.audioCDMetadata();
-    RipLog log;
-    log.started = started;
-    log.source = volume;
-    log.isImage = DiscImages::isDiscImageFile(volume);
-    log.discId = metadata.discId;
-    for (const QString &path : metadata.trackPaths) {
-        if (const std::optional<RipLogTrack> track = CDTrackRips::find(path)) {
-            log.tracks.append(*track);
-        }
-    }
-    if (log.tracks.isEmpty()) {
-        return QString();
-    }
-    if (!metadata.trackPaths.isEmpty()) {
-        const PLCID3Tag first = session.audioCDID3Tags().value(metadata.trackPaths.first());
-        log.album = first.album().value_or(QString());
-        log.artist = first.albumArtist().value_or(first.artist().value_or(QString()));
-    }
-    QString path;
-    if (const OptionalError error = writeRipLog(log, &path)) {
-        QTextStream(stderr) << "pelicane-cli upload-cd: the rip log could not be written: "
-                            << error->localizedDescription() << Qt::endl;
-        return QString();
-    }
-    return path;
 }
 
 } // namespace
@@ -342,7 +311,7 @@ int runUploadCDCommand(const QStringList &args)
     StatusLine status;
     CliCDPrompter prompter(options, status);
     SessionModel session(&prompter);
-    session.setAudioCDPrompter(&prompter);
+    session.cdFlow()->setPrompter(&prompter);
     session.attachToService();
     QEventLoop loop;
     int exitStatus = ExitSuccess;
@@ -358,7 +327,7 @@ int runUploadCDCommand(const QStringList &args)
                        {QStringLiteral("Could not rip from CD"), QStringLiteral("Error starting upload"),
                         QStringLiteral("Error Starting Upload")},
                        ExitNotStarted, finish, &stopReason, &running);
-    QObject::connect(&session, &SessionModel::audioCDMetadataCompiled, &loop, [&](const DiscMetadata &metadata) {
+    QObject::connect(session.cdFlow(), &AudioCDFlow::metadataCompiled, &loop, [&](const DiscMetadata &metadata) {
         status.endLine();
         printMetadata(out, metadata);
     });
@@ -401,10 +370,8 @@ int runUploadCDCommand(const QStringList &args)
         }
     });
 
-    const QDateTime started = QDateTime::currentDateTime();
-    CDTrackRips::clear();
     session.setMainPageType(MainPageTypeSearch);
-    session.beginUploadCD(*volume, options.release);
+    session.cdFlow()->beginUploadCD(*volume, options.release);
     ticker.start();
     loop.exec();
     ticker.stop();
@@ -412,7 +379,8 @@ int runUploadCDCommand(const QStringList &args)
     status.endLine();
     session.detachFromService();
     LyraboxService::sharedService().shutdown();
-    const QString ripLogPath = writeUploadRipLog(session, *volume, started);
+    session.cdFlow()->writeRipLog();
+    const QString ripLogPath = session.cdFlow()->ripLogPath();
 
     if (!ended) {
         if (!ripLogPath.isEmpty()) {
@@ -427,9 +395,8 @@ int runUploadCDCommand(const QStringList &args)
     out << session.discoveredLabelText().replace(QStringLiteral(" files"), QStringLiteral(" tracks")) << "\n"
         << session.uploadedLabelText().replace(QStringLiteral(" files"), QStringLiteral(" tracks")) << "\n"
         << session.errorsLabelText().replace(QStringLiteral(" files"), QStringLiteral(" tracks")) << Qt::endl;
-    for (const QString &path : session.erroredFiles()) {
-        const PLCID3Tag tag = session.audioCDID3Tags().value(path);
-        out << "  failed: " << (tag.title() ? *tag.title() : QFileInfo(path).fileName()) << "\n";
+    for (const auto &[track, verdict] : session.cdFlow()->trackVerdicts()) {
+        out << "  " << track << ": " << verdict << "\n";
     }
     const qint64 leftOver = session.foundFiles().size() + session.readyFiles().size() +
                             session.uploadingFiles().size() + session.retryFiles().size();

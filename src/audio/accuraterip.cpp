@@ -113,6 +113,19 @@ DiscIds discIds(const TableOfContents &toc)
     return ids;
 }
 
+QString Lookup::summary() const
+{
+    switch (status) {
+    case Status::Found:
+        return QStringLiteral("%1 entries").arg(entries.size());
+    case Status::NotInDatabase:
+        return QStringLiteral("not in database");
+    case Status::Failed:
+        break;
+    }
+    return QStringLiteral("not checked: ") + error;
+}
+
 QString entryPath(const DiscIds &ids)
 {
     return QStringLiteral("accuraterip/%1/%2/%3/dBAR-%4.bin")

@@ -81,6 +81,9 @@ struct Lookup
     Status status = Status::Failed;
     std::vector<Entry> entries;
     QString error; // why the lookup failed
+
+    // "2 entries", "not in database", "not checked: <why>".
+    QString summary() const;
 };
 
 // Fetches and parses the disc's entry from the database at root, waiting at

@@ -1,12 +1,16 @@
 #include "cd/discmetadata.h"
 
 #include "cd/discidentifier.h"
+#include "cd/discsession.h"
 #include "cd/musicbrainzquery.h"
 #include "cd/plcaudiocdprocessor.h"
+#include "cd/plcvolumetype.h"
 #include "core/logger.h"
 #include "protocol/endpoints.h"
 
 #include <QMetaObject>
+#include <QMutex>
+#include <QMutexLocker>
 #include <QPointer>
 #include <QThreadPool>
 
@@ -131,12 +135,122 @@ int discNumberOf(const MusicBrainz5::CRelease &release, const std::string &discI
     return 1;
 }
 
+// The MusicBrainz records of one release, by the disc's track number.
+struct ReleaseTracks
+{
+    QHash<int, PLCID3Tag> tracks;
+};
+
+// What the disc itself says: read once, under the disc's lock.
+struct DiscReading
+{
+    OptionalError error;
+    QString discId;
+    // MusicBrainz numbers a medium's tracks from the disc id's first track.
+    int idFirstTrack = 1;
+    int lastAudioTrack = 0;
+    QHash<int, PLCID3Tag> cdText;
+};
+
+struct CachedArtwork
+{
+    std::optional<QByteArray> image;
+    ArtworkLookup::Source source = ArtworkLookup::Source::None;
+};
+
+} // namespace
+
+// What the lookups of one disc found: another release picked later is
+// compiled from here, asking the services only for what is missing.
+struct DiscLookupCache
+{
+    QMutex lock;
+    std::optional<DiscReading> reading;
+    std::optional<QList<ReleaseCandidate>> releases;
+    QHash<QString, ReleaseTracks> releaseTracks;
+    QHash<QString, CachedArtwork> artwork;
+};
+
+std::shared_ptr<DiscLookupCache> makeDiscLookupCache()
+{
+    return std::make_shared<DiscLookupCache>();
+}
+
+namespace {
+
+// The genre of a disc's CD-TEXT: its text when it has one, else the code's
+// name; "Not Used", "Not Defined" and unknown codes name none.
+std::optional<QString> cdTextGenre(cdtext_t *cdtext)
+{
+    if (const char *genreText = cdtext_get_const(cdtext, CDTEXT_FIELD_GENRE, 0); genreText && *genreText) {
+        return QString::fromLatin1(genreText);
+    }
+    const cdtext_genre_t code = cdtext_get_genre(cdtext);
+    if (code <= CDTEXT_GENRE_UNDEFINED || code > CDTEXT_GENRE_WORLD_MUSIC) {
+        return std::nullopt;
+    }
+    return PLCAudioCDProcessor::stringWithUTF8String(cdtext_genre2str(code));
+}
+
+DiscReading readDisc(const QString &volumePath)
+{
+    DiscReading reading;
+    OptionalError error;
+    const std::shared_ptr<DiscSession> session = DiscSession::open(volumePath, &error);
+    if (!session) {
+        reading.error = error;
+        return reading;
+    }
+    error = session->use([&](CdIo_t *handle) {
+        DiscIdentifier::TableOfContents toc;
+        if (DiscIdentifier::readTableOfContents(handle, &toc)) {
+            reading.idFirstTrack = toc.first;
+            reading.lastAudioTrack = toc.last;
+        }
+        const DiscIdentifier::Result discId = DiscIdentifier::read(handle, session->deviceName(), session->isImage());
+        if (discId.id.isEmpty()) {
+            reading.error = Error::errorWithMessage(discId.error, kCDReadErrorCode);
+            return;
+        }
+        reading.discId = discId.id;
+
+        // Owned by the handle: it goes with it and is never freed here.
+        cdtext_t *cdtext = cdio_get_cdtext(handle);
+        const track_t first = cdio_get_first_track_num(handle);
+        const track_t last = cdio_get_last_track_num(handle);
+        if (!cdtext || first == CDIO_INVALID_TRACK || last == CDIO_INVALID_TRACK) {
+            return;
+        }
+        const auto field = [cdtext](cdtext_field_t key, int track) {
+            return PLCAudioCDProcessor::stringWithUTF8String(cdtext_get_const(cdtext, key, track_t(track)));
+        };
+        const std::optional<QString> genre = cdTextGenre(cdtext);
+        // CD-TEXT numbers its blocks as the disc numbers its tracks.
+        for (int number = first; number <= last; ++number) {
+            PLCID3Tag tag;
+            tag.setTitle(field(CDTEXT_FIELD_TITLE, number));
+            tag.setArtist(field(CDTEXT_FIELD_PERFORMER, number));
+            tag.setAlbum(field(CDTEXT_FIELD_TITLE, 0));
+            tag.setAlbumArtist(field(CDTEXT_FIELD_PERFORMER, 0));
+            tag.setGenreText(genre);
+            tag.setTrack(number);
+            tag.setTotalTracks(reading.lastAudioTrack > 0 ? reading.lastAudioTrack : int(last));
+            reading.cdText.insert(number, tag);
+        }
+    });
+    if (error) {
+        reading.error = error;
+    }
+    return reading;
+}
+
 class Compilation
 {
 public:
     Compilation(const QString &volumePath, const QStringList &trackPaths, const DiscMetadataOptions &options,
                 const PLCAudioCDProcessor::ProgressCallback &progress)
-        : m_volumePath(volumePath), m_options(options), m_progress(progress)
+        : m_volumePath(volumePath), m_options(options), m_progress(progress),
+          m_cache(options.cache ? options.cache : makeDiscLookupCache())
     {
         m_result.trackPaths = trackPaths;
     }
@@ -155,32 +269,44 @@ private:
         if (m_options.standardOutput) {
             m_options.standardOutput(line);
         } else {
-            std::printf("%s\n", line.toLocal8Bit().constData());
-            std::fflush(stdout);
+            Logger::log(line);
         }
     }
-    // Merges a record found for the track at index, or drops it when the
-    // disc has more tracks than paths.
-    void mergeFound(int index, const PLCID3Tag &tag)
+    // The disc's own number of the track at path (index i of the paths when
+    // the name says none).
+    int trackNumberOf(int index) const
     {
-        const QStringList &paths = m_result.trackPaths;
-        if (index < paths.size()) {
-            Logger::log(QStringLiteral(" - Found track: ") + describeOptional(tag.title()));
-            PLCAudioCDProcessor::updateTags(m_tags, paths.at(index), tag);
-        } else {
-            consoleLog(QStringLiteral("Skipping out of range track: ") + tag.description());
+        if (const auto track = PLCVolumeType::trackFileAtPath(m_result.trackPaths.at(index))) {
+            return track->trackNumber;
+        }
+        return m_firstTrack + index;
+    }
+    // Merges the records found for the disc's tracks into the paths' records.
+    void mergeFound(const QHash<int, PLCID3Tag> &found)
+    {
+        for (int i = 0; i < m_result.trackPaths.size(); ++i) {
+            const auto tag = found.constFind(trackNumberOf(i));
+            if (tag != found.constEnd()) {
+                Logger::log(QStringLiteral(" - Found track: ") + describeOptional(tag->title()));
+                PLCAudioCDProcessor::updateTags(m_tags, m_result.trackPaths.at(i), *tag);
+            }
         }
     }
 
     void searchMusicBrainz();
     void lookUpReleases(MusicBrainzQuery &query);
     void reportException(const char *prefix, const std::exception &exception, const MusicBrainzQuery &query);
-    void searchCDText(CdIo_t *handle);
+    ReleaseTracks tracksOf(const MusicBrainz5::CRelease &release, const ReleaseCandidate &named,
+                           const std::string &discId) const;
+    void lookUpArtwork();
     void finish();
 
     QString m_volumePath;
     DiscMetadataOptions m_options;
     PLCAudioCDProcessor::ProgressCallback m_progress;
+    std::shared_ptr<DiscLookupCache> m_cache;
+    DiscReading m_reading;
+    int m_firstTrack = 1;
     DiscMetadata m_result;
     ID3TagDictionary m_tags;
 };
@@ -190,44 +316,79 @@ DiscMetadata Compilation::run()
     const QStringList &paths = m_result.trackPaths;
     progress(ReadingCDStage);
     Logger::log(QStringLiteral("Compiling %1 ID3 tags for CD: %2").arg(paths.size()).arg(m_volumePath));
-    if (OptionalError error = PLCAudioCDProcessor::openDeviceForVolume(m_volumePath)) {
-        m_result.error = error;
-        return m_result;
+    {
+        QMutexLocker locker(&m_cache->lock);
+        if (m_cache->reading) {
+            m_reading = *m_cache->reading;
+        }
+    }
+    if (m_reading.discId.isEmpty()) {
+        m_reading = readDisc(m_volumePath);
+        if (m_reading.error) {
+            m_result.error = m_reading.error;
+            return m_result;
+        }
+        QMutexLocker locker(&m_cache->lock);
+        m_cache->reading = m_reading;
     }
     progress(DiscInformationStage);
 
-    CdIo_t *handle = PLCAudioCDProcessor::cdio();
+    m_firstTrack = m_reading.cdText.isEmpty()
+                       ? m_reading.idFirstTrack
+                       : *std::min_element(m_reading.cdText.keyBegin(), m_reading.cdText.keyEnd());
     Logger::log(QStringLiteral("Filling out initial values:"));
-    const int first = cdio_get_first_track_num(handle);
     for (int i = 0; i < paths.size(); ++i) {
         PLCID3Tag tag;
-        tag.setTrack(first + i);
+        tag.setTrack(trackNumberOf(i));
         m_tags.insert(paths.at(i), tag);
-        Logger::log(QStringLiteral(" - %1: %2").arg(paths.at(i)).arg(first + i));
+        Logger::log(QStringLiteral(" - %1: %2").arg(paths.at(i)).arg(trackNumberOf(i)));
     }
 
     Logger::log(QStringLiteral("Searching MusicBrainz:"));
-    const DiscIdentifier::Result discId =
-        DiscIdentifier::read(handle, PLCAudioCDProcessor::deviceName(), PLCAudioCDProcessor::isDiscImageOpen());
-    if (discId.id.isEmpty()) {
-        m_result.error = Error::errorWithMessage(discId.error, kCDReadErrorCode);
-        return m_result;
-    }
-    m_result.discId = discId.id;
-    Logger::log(QStringLiteral(" - DiscID: ") + discId.id);
+    m_result.discId = m_reading.discId;
+    Logger::log(QStringLiteral(" - DiscID: ") + m_reading.discId);
     searchMusicBrainz();
 
     // The other platform's disc-recording framework had a say here; CD-TEXT
     // is what it read.
     Logger::log(QStringLiteral("Searching DiscRecording..."));
-    searchCDText(handle);
+    Logger::log(QStringLiteral("Searching CD-TEXT..."));
+    mergeFound(m_reading.cdText);
 
     progress(ArtworkStage);
-    m_result.artworkSource =
-        ArtworkLookup::lookUp(m_result.releaseId, m_tags, paths.value(0), std::max(1, m_options.timeoutMs));
+    lookUpArtwork();
     finish();
     m_result.tags = m_tags;
     return m_result;
+}
+
+void Compilation::lookUpArtwork()
+{
+    const QString key = m_result.releaseId;
+    std::optional<CachedArtwork> cached;
+    {
+        QMutexLocker locker(&m_cache->lock);
+        if (m_cache->artwork.contains(key)) {
+            cached = m_cache->artwork.value(key);
+        }
+    }
+    if (!cached) {
+        m_result.artworkSource =
+            ArtworkLookup::lookUp(key, m_tags, m_result.trackPaths.value(0), std::max(1, m_options.timeoutMs));
+        CachedArtwork found{m_tags.value(m_result.trackPaths.value(0)).artwork(), m_result.artworkSource};
+        // A failed fetch is asked again next time; an answer without a cover is kept.
+        if (found.image || m_result.artworkSource == ArtworkLookup::Source::None) {
+            QMutexLocker locker(&m_cache->lock);
+            m_cache->artwork.insert(key, found);
+        }
+        return;
+    }
+    m_result.artworkSource = cached->source;
+    if (cached->image) {
+        for (PLCID3Tag &tag : m_tags) {
+            tag.setArtwork(cached->image);
+        }
+    }
 }
 
 void Compilation::searchMusicBrainz()
@@ -250,8 +411,9 @@ void Compilation::searchMusicBrainz()
     } catch (const MusicBrainz5::CResourceNotFoundError &e) {
         reportException("ResourceNotFound Exception: '", e, query);
     } catch (...) {
-        consoleLog(QStringLiteral("WHOOPS! Caught some kind of unknown exception"));
+        Logger::log(QStringLiteral("WHOOPS! Caught some kind of unknown exception"));
         m_result.error = Error::errorWithMessage(text(query.lastErrorMessage()).value_or(QString()), 0);
+        m_result.lookupError = m_result.error;
     }
 }
 
@@ -262,51 +424,78 @@ void Compilation::reportException(const char *prefix, const std::exception &exce
     standardOutput(QStringLiteral("LastHTTPCode: ") + QString::number(query.lastHTTPCode()));
     standardOutput(QStringLiteral("LastErrorMessage: ") + plainText(query.lastErrorMessage()));
     m_result.error = Error::errorWithMessage(plainText(query.lastErrorMessage()), 0);
+    // Not finding the disc is an answer; anything else is a failure to tell.
+    if (!dynamic_cast<const MusicBrainz5::CResourceNotFoundError *>(&exception)) {
+        m_result.lookupError =
+            Error::errorWithMessage(QStringLiteral("MusicBrainz could not be asked: %1").arg(exception.what()), 0);
+    }
 }
 
 void Compilation::lookUpReleases(MusicBrainzQuery &query)
 {
     const std::string discId = m_result.discId.toStdString();
-    MusicBrainz5::CQuery::tParamMap discParams;
-    discParams["inc"] = kDiscIncludes;
-    const MusicBrainz5::CMetadata discMetadata = query.query("discid", discId, discParams);
-    const MusicBrainz5::CDisc *disc = discMetadata.Disc();
-    const MusicBrainz5::CReleaseList *releases = disc ? disc->ReleaseList() : nullptr;
-    if (!releases || releases->NumItems() == 0) {
-        return;
+    std::optional<QList<ReleaseCandidate>> releases;
+    {
+        QMutexLocker locker(&m_cache->lock);
+        releases = m_cache->releases;
     }
-    for (int i = 0; i < releases->NumItems(); ++i) {
-        m_result.releases.append(candidateOf(*releases->Item(i)));
+    if (!releases) {
+        MusicBrainz5::CQuery::tParamMap discParams;
+        discParams["inc"] = kDiscIncludes;
+        const MusicBrainz5::CMetadata discMetadata = query.query("discid", discId, discParams);
+        const MusicBrainz5::CDisc *disc = discMetadata.Disc();
+        const MusicBrainz5::CReleaseList *found = disc ? disc->ReleaseList() : nullptr;
+        releases.emplace();
+        for (int i = 0; found && i < found->NumItems(); ++i) {
+            releases->append(candidateOf(*found->Item(i)));
+        }
+        QMutexLocker locker(&m_cache->lock);
+        m_cache->releases = releases;
+    }
+    m_result.releases = *releases;
+    if (releases->isEmpty()) {
+        return;
     }
 
     // The disc release names the album and its date: the first of the list,
     // or the one chosen.
-    std::optional<MusicBrainz5::CRelease> discRelease;
-    if (m_options.releaseId.isEmpty()) {
-        discRelease = *releases->Item(0);
-    } else {
-        for (int i = 0; i < releases->NumItems() && !discRelease; ++i) {
-            if (plainText(releases->Item(i)->ID()) == m_options.releaseId) {
-                discRelease = *releases->Item(i);
-            }
+    std::optional<ReleaseCandidate> discRelease;
+    for (const ReleaseCandidate &candidate : *releases) {
+        if (!discRelease && (m_options.releaseId.isEmpty() || candidate.id == m_options.releaseId)) {
+            discRelease = candidate;
         }
     }
-    m_result.releaseId = discRelease ? plainText(discRelease->ID()) : m_options.releaseId;
+    m_result.releaseId = discRelease ? discRelease->id : m_options.releaseId;
 
-    MusicBrainz5::CQuery::tParamMap releaseParams;
-    releaseParams["inc"] = kReleaseIncludes;
-    const MusicBrainz5::CMetadata releaseMetadata =
-        query.query("release", m_result.releaseId.toStdString(), releaseParams);
-    const MusicBrainz5::CRelease *release = releaseMetadata.Release();
-    if (!release) {
-        return;
+    std::optional<ReleaseTracks> tracks;
+    {
+        QMutexLocker locker(&m_cache->lock);
+        if (m_cache->releaseTracks.contains(m_result.releaseId)) {
+            tracks = m_cache->releaseTracks.value(m_result.releaseId);
+        }
     }
-    if (!discRelease) {
-        // A chosen release that the disc lookup did not list speaks for itself.
-        discRelease = *release;
+    if (!tracks) {
+        MusicBrainz5::CQuery::tParamMap releaseParams;
+        releaseParams["inc"] = kReleaseIncludes;
+        const MusicBrainz5::CMetadata releaseMetadata =
+            query.query("release", m_result.releaseId.toStdString(), releaseParams);
+        tracks.emplace();
+        if (const MusicBrainz5::CRelease *release = releaseMetadata.Release()) {
+            // A chosen release that the disc lookup did not list speaks for itself.
+            const ReleaseCandidate named = discRelease ? *discRelease : candidateOf(*release);
+            tracks = tracksOf(*release, named, discId);
+        }
+        QMutexLocker locker(&m_cache->lock);
+        m_cache->releaseTracks.insert(m_result.releaseId, *tracks);
     }
+    mergeFound(tracks->tracks);
+}
 
-    const MusicBrainz5::CMediumList matching = release->MediaMatchingDiscID(discId);
+ReleaseTracks Compilation::tracksOf(const MusicBrainz5::CRelease &release, const ReleaseCandidate &named,
+                                    const std::string &discId) const
+{
+    ReleaseTracks found;
+    const MusicBrainz5::CMediumList matching = release.MediaMatchingDiscID(discId);
     const MusicBrainz5::CMedium *medium = nullptr;
     for (int i = 0; i < matching.NumItems() && !medium; ++i) {
         if (matching.Item(i)->TrackList()) {
@@ -314,14 +503,13 @@ void Compilation::lookUpReleases(MusicBrainzQuery &query)
         }
     }
     if (!medium) {
-        return;
+        return found;
     }
-
-    const QString albumArtist = creditText(release->ArtistCredit());
-    const int discNumber = discNumberOf(*release, discId);
+    const QString albumArtist = creditText(release.ArtistCredit());
+    const int discNumber = discNumberOf(release, discId);
     const MusicBrainz5::CTrackList *tracks = medium->TrackList();
-    const std::optional<QString> album = text(discRelease->Title());
-    const int year = yearOf(plainText(discRelease->Date()));
+    const std::optional<QString> album = named.title;
+    const int year = yearOf(named.date);
     for (int t = 0; t < tracks->NumItems(); ++t) {
         const MusicBrainz5::CTrack *track = tracks->Item(t);
         const MusicBrainz5::CRecording *recording = track->Recording();
@@ -335,39 +523,14 @@ void Compilation::lookUpReleases(MusicBrainzQuery &query)
             tag.setGenreText(text(genres->Item(0)->Name()));
         }
         tag.setYear(year);
-        tag.setTrack(track->Position());
-        tag.setTotalTracks(tracks->NumItems());
+        // The medium lists the disc id's tracks in order, from its first.
+        const int number = m_reading.idFirstTrack + t;
+        tag.setTrack(number);
+        tag.setTotalTracks(m_reading.idFirstTrack + tracks->NumItems() - 1);
         tag.setDiscNumber(discNumber);
-        mergeFound(t, tag);
+        found.tracks.insert(number, tag);
     }
-}
-
-void Compilation::searchCDText(CdIo_t *handle)
-{
-    const track_t count = cdio_get_num_tracks(handle);
-    // Owned by the handle: it goes with it and is never freed here.
-    cdtext_t *cdtext = cdio_get_cdtext(handle);
-    Logger::log(QStringLiteral("Searching CD-TEXT..."));
-    if (!cdtext || count == 0 || count == CDIO_INVALID_TRACK) {
-        return;
-    }
-    const auto field = [cdtext](cdtext_field_t key, int track) {
-        return PLCAudioCDProcessor::stringWithUTF8String(cdtext_get_const(cdtext, key, track_t(track)));
-    };
-    const std::optional<QString> genre =
-        PLCAudioCDProcessor::stringWithUTF8String(cdtext_genre2str(cdtext_get_genre(cdtext)));
-    // CD-TEXT is numbered from 1 whatever the disc's first track number.
-    for (int i = 1; i <= count; ++i) {
-        PLCID3Tag tag;
-        tag.setTitle(field(CDTEXT_FIELD_TITLE, i));
-        tag.setArtist(field(CDTEXT_FIELD_PERFORMER, i));
-        tag.setAlbum(field(CDTEXT_FIELD_TITLE, 0));
-        tag.setAlbumArtist(field(CDTEXT_FIELD_PERFORMER, 0));
-        tag.setGenreText(genre);
-        tag.setTrack(i);
-        tag.setTotalTracks(count);
-        mergeFound(i - 1, tag);
-    }
+    return found;
 }
 
 void Compilation::finish()

@@ -10,7 +10,14 @@
 #include <QStringList>
 
 #include <functional>
+#include <memory>
 #include <optional>
+
+// What the lookups of one disc found (its reading, its releases, each
+// release's tracks and cover), shared by the compilations of that disc so a
+// release picked later costs only what it lacks. Safe from any thread.
+struct DiscLookupCache;
+std::shared_ptr<DiscLookupCache> makeDiscLookupCache();
 
 // The metadata of a disc: one tag record per track file, keyed by the path
 // exactly as given.
@@ -43,9 +50,10 @@ struct DiscMetadataOptions
     // The longest wait for any one answer of MusicBrainz, the Cover Art
     // Archive or Discogs.
     int timeoutMs = 30000;
-    // Where the MusicBrainz failure report goes (standard output unless set:
-    // a front end that prints its own result on standard output moves it).
+    // Where the MusicBrainz failure report goes (the log unless set).
     std::function<void(const QString &line)> standardOutput;
+    // Earlier findings of the same disc; none: everything is asked afresh.
+    std::shared_ptr<DiscLookupCache> cache;
 };
 
 struct DiscMetadata
@@ -55,6 +63,8 @@ struct DiscMetadata
     // Set even beside tags: a MusicBrainz failure (code 0) or "Missing
     // Metadata" (1001).
     OptionalError error;
+    // MusicBrainz could not be asked (not: did not know the disc).
+    OptionalError lookupError;
     QStringList trackPaths;
     QString discId;
     // The release the tags came from, or the one chosen; empty when none.

@@ -56,6 +56,11 @@ public:
     virtual void promptAlbum(const AlbumPromptInput &input, std::function<void(const QString &releaseId)> releaseChosen,
                              std::function<void(int result, const AlbumPromptResult &album)> done) = 0;
     virtual void refillAlbumPrompt(const AlbumPromptInput &input) = 0;
+    // While a picked release is looked up the prompt shows it is busy (and
+    // takes no Continue); message says what goes on, or what failed after.
+    virtual void setAlbumPromptBusy(bool busy, const QString &message) = 0;
+    // Puts the picker back on the release whose data the prompt shows.
+    virtual void selectAlbumPromptRelease(const QString &releaseId) = 0;
 
     // The disc-number field's rule: the whole text a decimal integer (an
     // optional sign, digits, nothing else) in the 64-bit range gives its

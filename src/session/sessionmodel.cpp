@@ -3,6 +3,7 @@
 #include "core/logger.h"
 #include "core/paths.h"
 #include "platform/settings.h"
+#include "session/audiocdflow.h"
 
 #include <QFileInfo>
 
@@ -11,6 +12,7 @@
 SessionModel::SessionModel(SessionPrompter *prompter, QObject *parent) : QObject(parent), m_prompter(prompter)
 {
     connectRunRecord();
+    m_cdFlow = new AudioCDFlow(this);
 }
 
 SessionModel::~SessionModel()

@@ -13,8 +13,7 @@
 #include <QRect>
 #include <QStringList>
 
-class AudioCDPrompter;
-struct AlbumPromptResult;
+class AudioCDFlow;
 class LyraboxService;
 
 // The pages of the main window. Other values may be stored but show nothing.
@@ -105,8 +104,10 @@ public:
     void updateSearchFolderPath();
     QStringList foundDisks() const { return m_foundDisks; }
     void setFoundDisks(const QStringList &disks) { m_foundDisks = disks; }
-    // Every second while the window is up, and on entering the Search page.
-    void discoverAudioCDs();
+    // Every second while the window is up, and on entering the Search page
+    // (forced: the disc controls are shown afresh even when the discs are
+    // the same).
+    void discoverAudioCDs(bool force = false);
     // The path field was edited: its text becomes the one root.
     void OnPathChanged(const QString &text);
     // Folders chosen in the folder chooser become the roots; the last one is
@@ -136,26 +137,11 @@ public:
     // Lets tests wait for background scans.
     FolderScanRunner &folderScanRunner() { return m_folderScanRunner; }
 
-    // --- CD flow (sessionmodel_cd.cpp) ---------------------------------------
-    // Asks for the disc and the album data; without one the first disc is
-    // taken and the album data stands as found.
-    AudioCDPrompter *audioCDPrompter() const { return m_cd.prompter; }
-    void setAudioCDPrompter(AudioCDPrompter *prompter) { m_cd.prompter = prompter; }
-    // The CD button: the one disc, or the chooser for several.
-    void OnBeginUploadCD();
-    // Starts the CD sequence with disk (a disc volume), for the release
-    // given or the first the disc matches. False when one is starting already.
-    bool beginUploadCD(const QString &disk, const QString &releaseId = QString());
-    // Ejects the first disc found; an image leaves the list.
-    void OnEjectCD();
-    // From the CD button until the run is under way, cancelled or failed.
-    bool isBeginningUpload() const { return m_cd.isBeginningUpload; }
-    bool isDiskChooserOpen() const { return m_cd.chooserOpen; }
-    // The last compilation of the disc, and the artwork the Upload page shows.
-    const DiscMetadata &audioCDMetadata() const { return m_cd.metadata; }
-    QByteArray audioCDArtwork() const { return m_cd.artwork; }
-    // The longest wait for one answer of the metadata services.
-    void setAudioCDLookupTimeout(int milliseconds) { m_cd.lookupTimeoutMs = milliseconds; }
+    // --- CD flow (audiocdflow.cpp) -------------------------------------------
+    AudioCDFlow *cdFlow() const { return m_cdFlow; }
+    // The album data is confirmed: the tracks in the ready list go up, one
+    // at a time.
+    void beginAudioCDRun();
 
     // --- The seven file lists ------------------------------------------------
     // Read-only views; every change goes through fileLists()' named moves,
@@ -297,9 +283,6 @@ signals:
     void loggingInChanged(bool loggingIn);
     void searchFolderPathTextChanged(const QString &text);
     void foundDisksChanged(const QStringList &disks);
-    // The disc's metadata was compiled (again, after another release was picked).
-    void audioCDMetadataCompiled(const DiscMetadata &metadata);
-    void audioCDArtworkChanged(const QByteArray &artwork);
     // Search page set up: the CD controls are hidden, the download button is
     // "Start Download" and the drop handler is installed.
     void searchContainerViewSetUp();
@@ -373,27 +356,7 @@ private:
     // Declared after the cancel flag it reads, so it stops its scans first.
     FolderScanRunner m_folderScanRunner;
 
-    // sessionmodel_cd.cpp
-    void compileAudioCD(bool refill);
-    void audioCDStageReached(int stage);
-    void audioCDCompiled(const DiscMetadata &metadata, const QStringList &tracks, const QHash<QString, qint64> &sizes,
-                         bool refill, quint64 ticket);
-    void albumPromptEnded(int result, const AlbumPromptResult &album);
-    void audioCDsCountChanged();
-    struct AudioCDFlow
-    {
-        AudioCDPrompter *prompter = nullptr;
-        bool isBeginningUpload = false;
-        bool chooserOpen = false;
-        QString volume;
-        QString releaseId;
-        int lookupTimeoutMs = 30000;
-        quint64 compileTicket = 0;
-        DiscMetadata metadata;
-        QByteArray artwork;
-        // The tracks' raw sizes: they are no files the run could measure.
-        QHash<QString, qint64> trackSizes;
-    } m_cd;
+    AudioCDFlow *m_cdFlow = nullptr;
 
     // sessionmodel_upload.cpp
     void setMd5CheckProgressItemOnScreen(bool onScreen);

@@ -5,6 +5,8 @@
 // logic itself stays as it is.
 #include "session/sessionmodel.h"
 
+#include "session/audiocdflow.h"
+
 #include "core/formatting.h"
 
 #include <QFileInfo>
@@ -87,7 +89,7 @@ void SessionModel::measureRunFiles()
     const quint64 ticket = ++m_record.sizesTicket;
     m_record.sizesKnown = false;
     QPointer<SessionModel> self(this);
-    QThreadPool::globalInstance()->start([self, paths, ticket, trackSizes = m_cd.trackSizes] {
+    QThreadPool::globalInstance()->start([self, paths, ticket, trackSizes = m_cdFlow->trackSizes()] {
         QHash<QString, qint64> sizes;
         sizes.reserve(paths.size());
         for (const QString &path : paths) {

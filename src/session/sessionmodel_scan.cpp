@@ -1,6 +1,8 @@
 // Folder choice, scan, file list and disc watch of the session.
 #include "session/sessionmodel.h"
 
+#include "session/audiocdflow.h"
+
 #include "cd/plcvolumetype.h"
 #include "core/formatting.h"
 #include "core/logger.h"
@@ -35,7 +37,8 @@ void SessionModel::setupSearchContainerView()
     }
     updateSearchFolderPath();
     emit searchContainerViewSetUp();
-    discoverAudioCDs();
+    // The page hid the disc controls: they show again for discs still there.
+    discoverAudioCDs(true);
 }
 
 void SessionModel::setupListContainerView()
@@ -67,12 +70,17 @@ void SessionModel::OnSearchFolder()
 {
     Logger::log(QStringLiteral("Scanning directory: ") + formatPathList(m_searchFolderPath));
     if (!m_searchFolderPath.isEmpty() && PLCVolumeType::isDiskAtPath(m_searchFolderPath.first())) {
-        // Choosing a disc image inserts it, as a disc put into a drive.
-        if (DiscImages::isDiscImageFile(m_searchFolderPath.first())) {
-            DiscImages::insert(m_searchFolderPath.first());
-            discoverAudioCDs();
+        // Choosing a disc image inserts it, as a disc put into a drive; off
+        // the Search page it waits there, in the list of discs.
+        QString disk = m_searchFolderPath.first();
+        if (DiscImages::isDiscImageFile(disk)) {
+            DiscImages::insert(disk);
+            disk = DiscImages::normalizedPath(disk);
         }
-        OnBeginUploadCD();
+        if (m_mainPageType == MainPageTypeSearch) {
+            discoverAudioCDs();
+            m_cdFlow->beginUploadCD(disk);
+        }
         return;
     }
     m_files.clear(FileList::Found);
@@ -182,10 +190,28 @@ void SessionModel::finishFileSearch(quint64 epoch, qint64 errorCount)
 void SessionModel::filesDropped(const QStringList &paths)
 {
     Logger::log(QStringLiteral("Dropped: ") + formatPathList(paths));
+    // Disc images are discs put in: they join the disc list wherever they
+    // are dropped, and start nothing but on the Search page.
+    QStringList others;
+    QStringList images;
+    for (const QString &path : paths) {
+        (DiscImages::isDiscImageFile(path) ? images : others).append(path);
+    }
+    for (const QString &image : std::as_const(images)) {
+        DiscImages::insert(image);
+    }
+    if (others.isEmpty()) {
+        if (m_mainPageType == MainPageTypeSearch && !images.isEmpty()) {
+            discoverAudioCDs();
+            m_cdFlow->beginUploadCD(DiscImages::normalizedPath(images.first()));
+        }
+        return;
+    }
+    const QStringList &folders = others;
     switch (m_mainPageType) {
     case MainPageTypeList:
         // Added behind the current list; the end of the scan updates the page.
-        appendFilesAtPath(paths);
+        appendFilesAtPath(folders);
         return;
     case MainPageTypeUpload:
         if (showAlert(QStringLiteral("Upload Files"), QStringLiteral("This will abort the current upload, proceed?"),
@@ -199,7 +225,7 @@ void SessionModel::filesDropped(const QStringList &paths)
     default:
         break;
     }
-    m_searchFolderPath = paths;
+    m_searchFolderPath = folders;
     OnSearchFolder();
 }
 
@@ -231,7 +257,7 @@ void SessionModel::setBeginUploadEnabled(bool enabled)
     emit beginUploadEnabledChanged(enabled);
 }
 
-void SessionModel::discoverAudioCDs()
+void SessionModel::discoverAudioCDs(bool force)
 {
     if (m_mainPageType != MainPageTypeSearch) {
         return;
@@ -251,11 +277,13 @@ void SessionModel::discoverAudioCDs()
             disks.append(volume);
         }
     }
-    // Counts are compared, not the discs: a swap between two ticks goes unnoticed.
-    if (disks.size() != m_foundDisks.size()) {
+    // The discs themselves are compared, so a swap between two ticks counts.
+    if (disks != m_foundDisks) {
         Logger::log(QStringLiteral("discoverAudioCDs: %1 CDs found").arg(disks.size()));
         m_foundDisks = disks;
-        audioCDsCountChanged();
+        m_cdFlow->disksChanged(m_foundDisks);
+        emit foundDisksChanged(m_foundDisks);
+    } else if (force) {
         emit foundDisksChanged(m_foundDisks);
     }
 }

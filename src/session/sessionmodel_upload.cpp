@@ -3,7 +3,6 @@
 // retries, the failure prompts and the Result page.
 #include "session/sessionmodel.h"
 
-#include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
 #include "core/appinfo.h"
 #include "core/formatting.h"
@@ -11,6 +10,7 @@
 #include "fingerprint/filehash.h"
 #include "fingerprint/md5cache.h"
 #include "service/lyraboxservice.h"
+#include "session/audiocdflow.h"
 #include "session/md5checkoperation.h"
 
 #include <QFileInfo>
@@ -431,19 +431,17 @@ void SessionModel::OnStartOver()
         representative = m_files.ready().first();
     } else if (!m_files.errored().isEmpty()) {
         representative = m_files.errored().first();
-    }
-    if (!representative.isNull() && PLCVolumeType::isDiskAtPath(parentFolder(representative))) {
-        // Ejecting waits for the drive: a worker does it, and logs a failure.
-        QThreadPool::globalInstance()->start([folder = parentFolder(representative)] {
-            if (const OptionalError error = PLCAudioCDProcessor::eject(folder)) {
-                Logger::log(QStringLiteral("Eject error: ") + error->localizedDescription());
-            }
-        });
+    } else if (!m_files.uploading().isEmpty()) {
+        representative = m_files.uploading().first();
     }
     // Uploads still in flight would otherwise finish into the lists of the
-    // next run and end it early; they stop here.
+    // next run and end it early; they stop here, a rip among them, before
+    // its disc is ejected.
     if (m_isUploading) {
         OnPauseUpload();
+    }
+    if (!representative.isNull() && PLCVolumeType::isDiskAtPath(parentFolder(representative))) {
+        m_cdFlow->ejectInBackground(parentFolder(representative));
     }
     m_foundDisks.clear();
     emit foundDisksChanged(m_foundDisks);
@@ -453,6 +451,12 @@ void SessionModel::OnStartOver()
     }
     setMainPageType(MainPageTypeSearch);
     service()->reset();
+}
+
+void SessionModel::beginAudioCDRun()
+{
+    m_run.foundFilesCountCache = m_files.ready().size();
+    setMainPageType(MainPageTypeUpload);
 }
 
 void SessionModel::OnReuploadChecked(bool checked)

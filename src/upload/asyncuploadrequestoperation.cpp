@@ -1,6 +1,6 @@
 #include "upload/asyncuploadrequestoperation.h"
 
-#include "audio/flacencoder.h"
+#include "audio/trackripjob.h"
 #include "cd/plcvolumetype.h"
 #include "core/formatting.h"
 #include "core/logger.h"
@@ -108,8 +108,8 @@ void AsyncUploadRequestOperation::reportSuccess()
 void AsyncUploadRequestOperation::finishOperation()
 {
     m_stopReadingCD = true;
-    // The temporary FLAC file goes with its encoder, whatever the outcome.
-    m_encoder.reset();
+    // The temporary FLAC file goes with its rip, whatever the outcome.
+    m_ripJob.reset();
     setExecuting(false);
     setFinished(true);
 }

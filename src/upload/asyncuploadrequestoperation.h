@@ -13,7 +13,7 @@
 #include <functional>
 #include <memory>
 
-class FLACEncoder;
+class TrackRipJob;
 class QEventLoop;
 class QNetworkReply;
 class QNetworkRequest;
@@ -74,10 +74,6 @@ public:
     bool didWriteFooter() const { return m_didWriteFooter.load(); }
     bool didExecuteCallbackBlock() const { return m_didExecuteCallbackBlock.load(); }
 
-    // The 44-byte header of a WAV file holding sampleValueCount 16-bit values
-    // of 44.1 kHz stereo PCM, in a buffer with room for the samples after it.
-    static QByteArray WAVHeaderForSampleCount(quint32 sampleValueCount);
-
     // Sectors of the CD track read so far and in all (1 before the rip).
     qint32 framesRead() const { return m_framesRead.load(); }
     qint32 frameCount() const { return m_frameCount.load(); }
@@ -118,10 +114,9 @@ private:
     std::atomic<bool> m_didFinishReadingCD{false};
     std::atomic<qint32> m_framesRead{0};
     std::atomic<qint32> m_frameCount{1};
-    QMutex m_cdDataLock;
-    // The CD track's FLAC file lives as long as its encoder: kept until the
+    // The CD track's FLAC file lives as long as its rip: kept until the
     // transfer is over, dropped (with the file) when the operation finishes.
-    std::unique_ptr<FLACEncoder> m_encoder;
+    std::unique_ptr<TrackRipJob> m_ripJob;
     std::atomic<double> m_operationStartTime{0};
     std::atomic<double> m_lastKnownProgress{0};
     std::atomic<qint64> m_fileSize{0};

@@ -1,5 +1,5 @@
 #include "audio/cdripper.h"
-#include "cd/plcaudiocdprocessor.h"
+#include "cd/discsession.h"
 #include "platform/discimages.h"
 #include "riptesting.h"
 
@@ -408,14 +408,17 @@ private slots:
         const QString previous = QDir::currentPath();
         QVERIFY(QDir::setCurrent(elsewhere.path()));
         QVERIFY(DiscImages::insert(toc));
-        const OptionalError opened = PLCAudioCDProcessor::openDeviceForVolume(toc);
+        OptionalError opened;
+        const std::shared_ptr<DiscSession> disc = DiscSession::open(toc, &opened);
         QVERIFY(QDir::setCurrent(previous));
-        QVERIFY2(!opened, qPrintable(opened ? opened->localizedDescription() : QString()));
-        Engine engine(PLCAudioCDProcessor::cdio());
-        QCOMPARE(engine.status, 0);
-        QCOMPARE(rip(engine.context, 2).audio, image.trackAudio(1));
-        ripFree(&engine.context);
-        PLCAudioCDProcessor::eject(toc);
+        QVERIFY2(disc, qPrintable(opened ? opened->localizedDescription() : QString()));
+        disc->use([&](CdIo_t *handle) {
+            Engine engine(handle);
+            QCOMPARE(engine.status, 0);
+            QCOMPARE(rip(engine.context, 2).audio, image.trackAudio(1));
+            ripFree(&engine.context);
+        });
+        DiscSession::eject(toc);
     }
 
     void dataTracksAtEitherEnd()

@@ -5,10 +5,11 @@
 #include "cdroadsupport.h"
 
 #include "audio/cdripper.h"
-#include "cd/plcaudiocdprocessor.h"
+#include "cd/discsession.h"
 #include "cd/plcvolumetype.h"
 #include "platform/discimages.h"
 #include "service/lyraboxservice.h"
+#include "session/audiocdflow.h"
 #include "session/audiocdprompter.h"
 #include "session/sessionmodel.h"
 #include "support/discimage.h"
@@ -55,6 +56,16 @@ public:
         albumDone = std::move(done);
     }
     void refillAlbumPrompt(const AlbumPromptInput &input) override { refills << input; }
+    void setAlbumPromptBusy(bool busy, const QString &message) override
+    {
+        this->busy = busy;
+        status = message;
+    }
+    void selectAlbumPromptRelease(const QString &releaseId) override { selected = releaseId; }
+
+    bool busy = false;
+    QString status;
+    QString selected;
 };
 
 // A session with the CD prompter.
@@ -63,7 +74,7 @@ struct CDRun
     ScriptedPrompter prompter;
     TestCDPrompter cd;
     SessionModel model{&prompter};
-    CDRun() { model.setAudioCDPrompter(&cd); }
+    CDRun() { model.cdFlow()->setPrompter(&cd); }
 };
 
 } // namespace
@@ -101,7 +112,7 @@ class TestCDSession : public QObject
         QVERIFY(DiscImages::insert(image.cuePath()));
         model.discoverAudioCDs();
         QCOMPARE(model.foundDisks().size(), 1);
-        model.OnBeginUploadCD();
+        model.cdFlow()->OnBeginUploadCD();
         QTRY_COMPARE_WITH_TIMEOUT(cd.prompts.size(), 1, 30000);
     }
 
@@ -147,7 +158,7 @@ private slots:
         LyraboxService::sharedService().stopUploads();
         QTest::qWait(20);
         DiscImages::clear();
-        PLCAudioCDProcessor::closeDevice();
+        DiscSession::closeAll();
     }
 
     // Two discs bring up the chooser; a second press only refreshes its list;
@@ -169,10 +180,10 @@ private slots:
         model.discoverAudioCDs(); // the same count: no news
         QCOMPARE(disksChanged.size(), 1);
 
-        model.OnBeginUploadCD();
+        model.cdFlow()->OnBeginUploadCD();
         QCOMPARE(cd.choosers, QList<QStringList>{model.foundDisks()});
-        QVERIFY(model.isBeginningUpload());
-        model.OnBeginUploadCD();
+        QVERIFY(model.cdFlow()->isBeginningUpload());
+        model.cdFlow()->OnBeginUploadCD();
         QCOMPARE(cd.choosers.size(), 1);
         QCOMPARE(cd.chooserLists, QList<QStringList>{model.foundDisks()});
 
@@ -183,15 +194,15 @@ private slots:
         model.discoverAudioCDs();
         QVERIFY(model.foundDisks().isEmpty());
         QCOMPARE(cd.chooserCloses, 1);
-        QVERIFY(!model.isDiskChooserOpen());
-        QVERIFY(!model.isBeginningUpload());
+        QVERIFY(!model.cdFlow()->isDiskChooserOpen());
+        QVERIFY(!model.cdFlow()->isBeginningUpload());
 
         // One disc: straight to the sequence, once.
         QVERIFY(DiscImages::insert(a.cuePath()));
         model.discoverAudioCDs();
         prompter.overlay.clear();
-        model.OnBeginUploadCD();
-        model.OnBeginUploadCD();
+        model.cdFlow()->OnBeginUploadCD();
+        model.cdFlow()->OnBeginUploadCD();
         QCOMPARE(cd.choosers.size(), 1);
         QCOMPARE(prompter.overlay.count(QStringLiteral("start:Loading CD...")), 1);
         QTRY_COMPARE_WITH_TIMEOUT(cd.prompts.size(), 1, 30000);
@@ -204,7 +215,7 @@ private slots:
         QVERIFY(prompter.alerts.isEmpty());
         QVERIFY(!cd.prompts[0].albumTitle.has_value());
         cd.albumDone(0, AlbumPromptResult());
-        QVERIFY(!model.isBeginningUpload());
+        QVERIFY(!model.cdFlow()->isBeginningUpload());
         QVERIFY(model.readyFiles().isEmpty());
         QCOMPARE(model.mainPageType(), quint32(MainPageTypeSearch));
     }
@@ -221,7 +232,7 @@ private slots:
         QVERIFY(DiscImages::contains(image.cuePath()));
         QCOMPARE(model.foundDisks(), QStringList{DiscImages::normalizedPath(image.cuePath())});
         QCOMPARE(model.mainPageType(), quint32(MainPageTypeSearch));
-        QVERIFY(model.isBeginningUpload());
+        QVERIFY(model.cdFlow()->isBeginningUpload());
         QTRY_COMPARE_WITH_TIMEOUT(cd.prompts.size(), 1, 30000);
         cd.albumDone(0, AlbumPromptResult());
     }
@@ -232,10 +243,10 @@ private slots:
         CDRun run;
         auto &[prompter, cd, model] = run;
         model.setMainPageType(MainPageTypeSearch);
-        QVERIFY(model.beginUploadCD(m_dir.filePath(QStringLiteral("no-such-disc.cue"))));
+        QVERIFY(model.cdFlow()->beginUploadCD(m_dir.filePath(QStringLiteral("no-such-disc.cue"))));
         QTRY_COMPARE_WITH_TIMEOUT(prompter.alerts.size(), 1, 30000);
         QCOMPARE(prompter.alerts[0].message, QStringLiteral("Could not rip from CD"));
-        QVERIFY(!model.isBeginningUpload());
+        QVERIFY(!model.cdFlow()->isBeginningUpload());
         QVERIFY(cd.prompts.isEmpty());
     }
 
@@ -273,9 +284,9 @@ private slots:
         album.artwork = *input.artwork;
         cd.albumDone(1, album);
         QCOMPARE(model.mainPageType(), quint32(MainPageTypeUpload));
-        QVERIFY(!model.isBeginningUpload());
+        QVERIFY(!model.cdFlow()->isBeginningUpload());
         QVERIFY(model.isAudioCDArtworkVisible());
-        QCOMPARE(model.audioCDArtwork(), *input.artwork);
+        QCOMPARE(model.cdFlow()->artwork(), *input.artwork);
         QTRY_COMPARE_WITH_TIMEOUT(model.mainPageType(), quint32(MainPageTypeResult), 60000);
         QCOMPARE(mostInFlight, 1);
         QCOMPARE(prompter.titles().count(QStringLiteral("CD Rip Error")), 1);

@@ -54,7 +54,10 @@ private slots:
         QVERIFY(run.standardOutput.contains(QStringLiteral("2. Gull Song")));
         QVERIFY(run.standardOutput.contains(QStringLiteral("Uploaded: \t3 tracks")));
         QVERIFY(run.standardError.contains(QStringLiteral("Uploaded: Lantern Walk")));
-        // The rip log names every track with its file.
+        // Every track was checked against the disc's AccurateRip entry.
+        QVERIFY2(run.standardOutput.contains(QStringLiteral("02 Gull Song: accurately ripped (confidence ")),
+                 qPrintable(run.standardOutput));
+        // The rip log names every track with its file and its verdict.
         const qsizetype at = run.standardOutput.indexOf(QStringLiteral("Rip log: "));
         QVERIFY(at >= 0);
         QFile ripLog(run.standardOutput.mid(at + 9).section(QLatin1Char('\n'), 0, 0));
@@ -62,6 +65,7 @@ private slots:
         const QString logText = QString::fromUtf8(ripLog.readAll());
         QVERIFY(logText.contains(QStringLiteral("Lantern Walk.flac")));
         QVERIFY(logText.contains(QStringLiteral("Morning Tide.flac")));
+        QCOMPARE(logText.count(QStringLiteral("accurately ripped (confidence ")), 3);
 
         QFile bin(m_dir.filePath(QStringLiteral("music/Sample CD/sample-cd.bin")));
         QVERIFY(bin.open(QIODevice::ReadOnly));
@@ -152,7 +156,7 @@ private slots:
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.standardError.contains(QStringLiteral("Failed: Track 3: ")), qPrintable(run.standardError));
         QVERIFY(run.standardOutput.contains(QStringLiteral("Uploaded: \t2 tracks")));
-        QVERIFY(run.standardOutput.contains(QStringLiteral("failed: Track 3")));
+        QVERIFY2(run.standardOutput.contains(QStringLiteral("03 Track 3: failed: ")), qPrintable(run.standardOutput));
         const auto added = storedSince(m_server, before);
         QCOMPARE(added.size(), 2);
         for (int i = 0; i < 2; ++i) {

@@ -159,6 +159,7 @@ void DiscServicesData::pointAt(const DevServerProcess &server)
     qputenv("PELICANE_MUSICBRAINZ_SERVER", QByteArray("127.0.0.1:") + QByteArray::number(server.port()));
     qputenv("PELICANE_COVERART_URL", server.baseUrl().toUtf8());
     qputenv("PELICANE_DISCOGS_URL", server.baseUrl().toUtf8());
+    qputenv("PELICANE_ACCURATERIP_URL", server.baseUrl().toUtf8());
 }
 
 void DiscServicesData::write(const QString &relativePath, const QByteArray &bytes) const

@@ -2,6 +2,7 @@
 
 #include "session/audiocdprompter.h"
 #include "widgets/aspectfillimageview.h"
+#include "widgets/progressindicator.h"
 
 #include <QComboBox>
 #include <QDialogButtonBox>
@@ -11,6 +12,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSignalBlocker>
+#include <QTimer>
 #include <QVBoxLayout>
 
 AudioCDMetadataController::AudioCDMetadataController(QWidget *parent) : QDialog(parent)
@@ -55,9 +57,22 @@ AudioCDMetadataController::AudioCDMetadataController(QWidget *parent) : QDialog(
     top->addLayout(form, 1);
     layout->addLayout(top);
 
+    auto *status = new QHBoxLayout;
+    m_busyIndicator = new ProgressIndicator(this);
+    m_busyIndicator->setFixedSize(16, 16);
+    m_busyIndicator->hide();
+    m_statusLabel = new QLabel(this);
+    m_statusLabel->setObjectName(QStringLiteral("statusLabel"));
+    m_statusLabel->setWordWrap(true);
+    m_statusLabel->hide();
+    status->addWidget(m_busyIndicator, 0, Qt::AlignTop);
+    status->addWidget(m_statusLabel, 1);
+    layout->addLayout(status);
+
     auto *buttons = new QDialogButtonBox(this);
     QPushButton *upload = buttons->addButton(QStringLiteral("Continue"), QDialogButtonBox::AcceptRole);
     upload->setObjectName(QStringLiteral("continueButton"));
+    m_continueButton = upload;
     upload->setDefault(true);
     QPushButton *cancel = buttons->addButton(QStringLiteral("Cancel"), QDialogButtonBox::RejectRole);
     cancel->setObjectName(QStringLiteral("cancelButton"));
@@ -65,8 +80,12 @@ AudioCDMetadataController::AudioCDMetadataController(QWidget *parent) : QDialog(
     connect(cancel, &QPushButton::clicked, this, &AudioCDMetadataController::cancelClicked);
     layout->addWidget(buttons);
 
-    connect(m_releasePopUp, &QComboBox::currentIndexChanged, this, [this](int index) {
-        const QString id = m_releasePopUp->itemData(index).toString();
+    m_pickSettle = new QTimer(this);
+    m_pickSettle->setSingleShot(true);
+    m_pickSettle->setInterval(300);
+    connect(m_releasePopUp, &QComboBox::currentIndexChanged, m_pickSettle, qOverload<>(&QTimer::start));
+    connect(m_pickSettle, &QTimer::timeout, this, [this] {
+        const QString id = m_releasePopUp->currentData().toString();
         if (!id.isEmpty()) {
             emit releaseChosen(id);
         }
@@ -125,6 +144,7 @@ void AudioCDMetadataController::setReleases(const QList<ReleaseCandidate> &relea
     const int selected = m_releasePopUp->findData(selectedId);
     m_releasePopUp->setCurrentIndex(selected >= 0 ? selected : 0);
     m_form->setRowVisible(m_releaseRow, releases.size() > 1);
+    m_pickSettle->stop();
 }
 
 void AudioCDMetadataController::fill(const AlbumPromptInput &input)
@@ -134,6 +154,36 @@ void AudioCDMetadataController::fill(const AlbumPromptInput &input)
     setDiscNumber(input.discNumber ? std::optional<qint64>(*input.discNumber) : std::nullopt);
     setAlbumArtwork(input.artwork);
     setReleases(input.releases, input.releaseId);
+}
+
+void AudioCDMetadataController::setBusy(bool busy, const QString &message)
+{
+    m_busy = busy;
+    m_continueButton->setEnabled(!busy);
+    if (busy) {
+        m_busyIndicator->show();
+        m_busyIndicator->startAnimation();
+    } else {
+        m_busyIndicator->stopAnimation();
+        m_busyIndicator->hide();
+    }
+    m_statusLabel->setText(message);
+    m_statusLabel->setVisible(!message.isEmpty());
+}
+
+QString AudioCDMetadataController::statusText() const
+{
+    return m_statusLabel->isVisible() ? m_statusLabel->text() : QString();
+}
+
+void AudioCDMetadataController::selectRelease(const QString &releaseId)
+{
+    const QSignalBlocker blocker(m_releasePopUp);
+    const int index = m_releasePopUp->findData(releaseId);
+    if (index >= 0) {
+        m_releasePopUp->setCurrentIndex(index);
+    }
+    m_pickSettle->stop();
 }
 
 QString AudioCDMetadataController::albumTitle() const

@@ -9,7 +9,11 @@
 #include <optional>
 
 class AspectFillImageView;
+class ProgressIndicator;
 class QComboBox;
+class QLabel;
+class QPushButton;
+class QTimer;
 class QFormLayout;
 class QLineEdit;
 struct AlbumPromptInput;
@@ -18,7 +22,8 @@ struct AlbumPromptInput;
 // metadata has them, for the user to correct; a playlist and a tag for the
 // upload; the artwork, or the default artwork. When the disc matches several
 // releases, a picker lets the user take another (the first is preselected);
-// releaseChosen then asks for the fields to be filled again. Shown
+// releaseChosen then asks for the fields to be filled again, and the prompt
+// is busy until they are (or says why they could not be). Shown
 // window-modal; ends with 1 (Continue) or 0 (Cancel).
 class AudioCDMetadataController : public QDialog
 {
@@ -37,6 +42,13 @@ public:
     void setReleases(const QList<ReleaseCandidate> &releases, const QString &selectedId);
     // All of the above from what the session compiled.
     void fill(const AlbumPromptInput &input);
+    // A picked release is being looked up: a busy sign, and no Continue.
+    // message says what goes on, or (not busy) what failed; empty hides it.
+    void setBusy(bool busy, const QString &message);
+    bool isBusy() const { return m_busy; }
+    QString statusText() const;
+    // Shows releaseId in the picker without asking for it.
+    void selectRelease(const QString &releaseId);
 
     QString albumTitle() const;
     QString albumArtist() const;
@@ -57,8 +69,14 @@ public:
     QLineEdit *tagNameField() const { return m_tagNameField; }
     AspectFillImageView *albumArtworkImageView() const { return m_albumArtworkImageView; }
     QComboBox *releasePopUp() const { return m_releasePopUp; }
+    QPushButton *continueButton() const { return m_continueButton; }
 
-    void continueClicked() { done(1); }
+    void continueClicked()
+    {
+        if (!m_busy) {
+            done(1);
+        }
+    }
     void cancelClicked() { done(0); }
 
 signals:
@@ -74,5 +92,12 @@ private:
     QComboBox *m_releasePopUp = nullptr;
     QWidget *m_releaseRow = nullptr;
     QFormLayout *m_form = nullptr;
+    QPushButton *m_continueButton = nullptr;
+    QLabel *m_statusLabel = nullptr;
+    ProgressIndicator *m_busyIndicator = nullptr;
+    // A choice counts once the picker has rested: stepping through it with
+    // the wheel or the arrow keys asks for the last release only.
+    QTimer *m_pickSettle = nullptr;
+    bool m_busy = false;
     QByteArray m_artwork;
 };

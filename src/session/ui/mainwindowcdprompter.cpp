@@ -57,3 +57,17 @@ void MainWindowCDPrompter::refillAlbumPrompt(const AlbumPromptInput &input)
         m_albumPrompt->fill(input);
     }
 }
+
+void MainWindowCDPrompter::setAlbumPromptBusy(bool busy, const QString &message)
+{
+    if (m_albumPrompt) {
+        m_albumPrompt->setBusy(busy, message);
+    }
+}
+
+void MainWindowCDPrompter::selectAlbumPromptRelease(const QString &releaseId)
+{
+    if (m_albumPrompt) {
+        m_albumPrompt->selectRelease(releaseId);
+    }
+}

@@ -21,6 +21,8 @@ public:
     void promptAlbum(const AlbumPromptInput &input, std::function<void(const QString &)> releaseChosen,
                      std::function<void(int, const AlbumPromptResult &)> done) override;
     void refillAlbumPrompt(const AlbumPromptInput &input) override;
+    void setAlbumPromptBusy(bool busy, const QString &message) override;
+    void selectAlbumPromptRelease(const QString &releaseId) override;
 
     // The open prompts, for tests.
     AudioCDChooserController *chooser() const { return m_chooser; }

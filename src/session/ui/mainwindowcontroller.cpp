@@ -1,5 +1,7 @@
 #include "session/ui/mainwindowcontroller.h"
 
+#include "session/audiocdflow.h"
+
 #include "core/logger.h"
 #include "session/ui/mainwindowcdprompter.h"
 #include "ui_MainWindowController.h"
@@ -120,7 +122,7 @@ MainWindowController::~MainWindowController()
     m_audioCDMonitorTimer.stop();
     m_session->detachFromService();
     m_session->setPrompter(nullptr);
-    m_session->setAudioCDPrompter(nullptr);
+    m_session->cdFlow()->setPrompter(nullptr);
 }
 
 void MainWindowController::showWindow()
@@ -254,7 +256,11 @@ void MainWindowController::startWaitingAnimation(const QString &reason)
     m_ui->maskContainerView->raise();
     // Keys typed meanwhile must not reach the page below either.
     m_ui->maskContainerView->setFocusPolicy(Qt::StrongFocus);
-    m_ui->maskContainerView->setFocus(Qt::OtherFocusReason);
+    if (m_ui->waitingCancelButton->isVisibleTo(m_ui->maskContainerView)) {
+        m_ui->waitingCancelButton->setFocus(Qt::OtherFocusReason);
+    } else {
+        m_ui->maskContainerView->setFocus(Qt::OtherFocusReason);
+    }
 }
 
 void MainWindowController::stopWaitingAnimation()

@@ -2,6 +2,7 @@
 // prompts, and the artwork beside the rows of a CD run.
 #include "session/ui/mainwindowcontroller.h"
 
+#include "session/audiocdflow.h"
 #include "session/ui/mainwindowcdprompter.h"
 #include "ui_MainWindowController.h"
 #include "widgets/aspectfillimageview.h"
@@ -9,10 +10,19 @@
 void MainWindowController::connectCDControls()
 {
     m_cdPrompter = std::make_unique<MainWindowCDPrompter>(this);
-    m_session->setAudioCDPrompter(m_cdPrompter.get());
-    connect(m_ui->searchUploadCDButton, &QPushButton::clicked, m_session, &SessionModel::OnBeginUploadCD);
-    connect(m_ui->searchEjectCDButton, &QPushButton::clicked, m_session, &SessionModel::OnEjectCD);
-    connect(m_session, &SessionModel::audioCDArtworkChanged, this, [this](const QByteArray &artwork) {
+    AudioCDFlow *flow = m_session->cdFlow();
+    flow->setPrompter(m_cdPrompter.get());
+    connect(m_ui->searchUploadCDButton, &QPushButton::clicked, flow, &AudioCDFlow::OnBeginUploadCD);
+    connect(m_ui->searchEjectCDButton, &QPushButton::clicked, flow, &AudioCDFlow::OnEjectCD);
+    // A lookup can wait half a minute for an answer: its overlay can be left.
+    connect(m_ui->waitingCancelButton, &QPushButton::clicked, flow, &AudioCDFlow::cancelLookup);
+    connect(flow, &AudioCDFlow::lookingUpChanged, this, [this](bool lookingUp) {
+        m_ui->waitingCancelButton->setVisible(lookingUp);
+        if (lookingUp) {
+            m_ui->waitingCancelButton->setFocus(Qt::OtherFocusReason);
+        }
+    });
+    connect(flow, &AudioCDFlow::artworkChanged, this, [this](const QByteArray &artwork) {
         QPixmap image = AspectFillImageView::pixmapFromData(artwork);
         if (image.isNull()) {
             image = AspectFillImageView::defaultArtwork();

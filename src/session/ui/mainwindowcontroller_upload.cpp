@@ -2,6 +2,8 @@
 // rows over the session's run.
 #include "session/ui/mainwindowcontroller.h"
 
+#include "session/audiocdflow.h"
+
 #include "core/formatting.h"
 
 #include "session/ui/uploadlistpresenter.h"
@@ -83,9 +85,14 @@ void MainWindowController::updateUploadPageLabels()
     m_ui->resultTitleLabel->setText(m_session->resultTitleText());
     m_ui->resultDetailsLabel->setText(m_session->resultDetailsText());
     QStringList failed;
-    for (const auto &[path, reason] : m_session->failedFiles()) {
+    // A CD run lists every track with how its rip was checked; a folder run
+    // the files that failed.
+    const QList<std::pair<QString, QString>> tracks = m_session->cdFlow()->trackVerdicts();
+    for (const auto &[path, reason] : tracks.isEmpty() ? m_session->failedFiles() : tracks) {
         failed << (reason.isEmpty() ? path : QStringLiteral("%1 — %2").arg(path, reason));
     }
+    m_ui->failedFilesLabel->setText(tracks.isEmpty() ? QStringLiteral("Files that failed, and why:")
+                                                     : QStringLiteral("Tracks, and how each rip was checked:"));
     const bool anyFailed = !failed.isEmpty();
     if (m_ui->failedFilesView->toPlainText() != failed.join(QLatin1Char('\n'))) {
         m_ui->failedFilesView->setPlainText(failed.join(QLatin1Char('\n')));

@@ -1,11 +1,18 @@
+#include "cd/discsession.h"
 #include "cd/plcaudiocdprocessor.h"
 #include "platform/discimages.h"
 #include "support/discimage.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QSemaphore>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QtTest>
+
+#include <atomic>
+#include <thread>
 
 namespace {
 
@@ -28,7 +35,7 @@ void verifyOpeningError(const OptionalError &error, const QString &message)
 
 } // namespace
 
-class TestPLCAudioCDProcessor : public QObject
+class TestDiscSession : public QObject
 {
     Q_OBJECT
 
@@ -64,8 +71,8 @@ private slots:
     void init()
     {
         DiscImages::clear();
-        PLCAudioCDProcessor::closeDevice();
-        PLCAudioCDProcessor::setDiscModeReader(nullptr);
+        DiscSession::closeAll();
+        DiscSession::setDiscModeReader(nullptr);
     }
 
     void cleanup() { init(); }
@@ -87,44 +94,45 @@ private slots:
         QCOMPARE(DiscImages::list(), QStringList{m_mixed.cuePath()});
     }
 
-    void opensAnInsertedImage()
+    // The chosen image is opened, not merely the first in the list, and a
+    // disc opened twice is one session.
+    void opensTheChosenImageOnce()
     {
         QVERIFY(DiscImages::insert(m_audio.cuePath()));
         QVERIFY(DiscImages::insert(m_fromTwo.cuePath()));
-        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
-        CdIo_t *handle = PLCAudioCDProcessor::cdio();
-        QVERIFY(handle);
-        QCOMPARE(PLCAudioCDProcessor::deviceName(), m_audio.cuePath());
-        QVERIFY(PLCAudioCDProcessor::isDiscImageOpen());
-        QCOMPARE(int(cdio_get_num_tracks(handle)), 3);
-
-        // The chosen image is opened, not merely the first in the list.
-        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_fromTwo.cuePath()));
-        QCOMPARE(PLCAudioCDProcessor::deviceName(), m_fromTwo.cuePath());
-        QCOMPARE(int(cdio_get_first_track_num(PLCAudioCDProcessor::cdio())), 2);
-        QCOMPARE(int(cdio_get_num_tracks(PLCAudioCDProcessor::cdio())), 2);
-
-        // A failed opening still releases the old handle first.
-        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_dir.path()), QStringLiteral("Path is not a CD"));
-        QVERIFY(!PLCAudioCDProcessor::cdio());
-        QVERIFY(!PLCAudioCDProcessor::isDiscImageOpen());
+        OptionalError error;
+        const std::shared_ptr<DiscSession> audio = DiscSession::open(m_audio.cuePath(), &error);
+        QVERIFY(audio && !error);
+        QCOMPARE(audio->deviceName(), m_audio.cuePath());
+        QVERIFY(audio->isImage());
+        const std::shared_ptr<DiscSession> fromTwo = DiscSession::open(m_fromTwo.cuePath(), &error);
+        QVERIFY(fromTwo && fromTwo != audio);
+        QCOMPARE(DiscSession::open(m_audio.cuePath(), &error), audio);
+        int tracks = 0;
+        int first = 0;
+        QVERIFY(!audio->use([&](CdIo_t *disc) { tracks = cdio_get_num_tracks(disc); }));
+        QVERIFY(!fromTwo->use([&](CdIo_t *disc) { first = cdio_get_first_track_num(disc); }));
+        QCOMPARE(tracks, 3);
+        QCOMPARE(first, 2);
     }
 
     void openingFailures()
     {
+        OptionalError error;
+        const auto verifyOpening = [&](const QString &path, const QString &message) {
+            QVERIFY(!DiscSession::open(path, &error));
+            verifyOpeningError(error, message);
+        };
         // Not a disc at all.
-        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.binPath()),
-                           QStringLiteral("Path is not a CD"));
-        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(QString()), QStringLiteral("Path is not a CD"));
-        QVERIFY(!PLCAudioCDProcessor::cdio());
+        verifyOpening(m_audio.binPath(), QStringLiteral("Path is not a CD"));
+        verifyOpening(QString(), QStringLiteral("Path is not a CD"));
+        verifyOpening(m_dir.path(), QStringLiteral("Path is not a CD"));
 
         // A disc image that was never inserted is not among the candidates.
-        const QString missing =
-            machineHasDrives() ? QStringLiteral("No CD found") : QStringLiteral("No attached devices found");
-        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()), missing);
+        verifyOpening(m_audio.cuePath(),
+                      machineHasDrives() ? QStringLiteral("No CD found") : QStringLiteral("No attached devices found"));
         QVERIFY(DiscImages::insert(m_mixed.cuePath()));
-        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()), QStringLiteral("No CD found"));
-        QVERIFY(!PLCAudioCDProcessor::cdio());
+        verifyOpening(m_audio.cuePath(), QStringLiteral("No CD found"));
 
         // Inserted, but libcdio cannot open it: its .bin is gone.
         QTemporaryDir broken;
@@ -132,10 +140,7 @@ private slots:
             DiscImage::create(broken.path(), QStringLiteral("broken"), DiscImage::audioOptions({75}));
         QVERIFY(QFile::remove(image.binPath()));
         QVERIFY(DiscImages::insert(image.cuePath()));
-        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(image.cuePath()),
-                           QStringLiteral("No macOS driver found."));
-        QVERIFY(!PLCAudioCDProcessor::cdio());
-        QVERIFY(PLCAudioCDProcessor::deviceName().isEmpty());
+        verifyOpening(image.cuePath(), QStringLiteral("No macOS driver found."));
     }
 
     void audioCheckAcceptsEveryCDMode()
@@ -143,10 +148,13 @@ private slots:
         // A data-only CD and a mixed CD pass the lenient check.
         QVERIFY(DiscImages::insert(m_dataOnly.cuePath()));
         QVERIFY(DiscImages::insert(m_mixed.cuePath()));
-        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_dataOnly.cuePath()));
-        QCOMPARE(cdio_get_discmode(PLCAudioCDProcessor::cdio()), CDIO_DISC_MODE_CD_DATA);
-        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_mixed.cuePath()));
-        QCOMPARE(cdio_get_discmode(PLCAudioCDProcessor::cdio()), CDIO_DISC_MODE_CD_MIXED);
+        OptionalError error;
+        discmode_t dataMode = CDIO_DISC_MODE_ERROR;
+        discmode_t mixedMode = CDIO_DISC_MODE_ERROR;
+        DiscSession::open(m_dataOnly.cuePath(), &error)->use([&](CdIo_t *disc) { dataMode = cdio_get_discmode(disc); });
+        DiscSession::open(m_mixed.cuePath(), &error)->use([&](CdIo_t *disc) { mixedMode = cdio_get_discmode(disc); });
+        QCOMPARE(dataMode, CDIO_DISC_MODE_CD_DATA);
+        QCOMPARE(mixedMode, CDIO_DISC_MODE_CD_MIXED);
 
         // A disc whose table of contents cannot be read passes whatever its
         // mode; a disc whose mode cannot be read is refused.
@@ -155,41 +163,76 @@ private slots:
                            QStringLiteral("CD is not an Audio CD"));
     }
 
-    void nonCDModeIsRefusedAndKeepsTheHandle()
+    void nonCDModeIsRefusedUntilEjected()
     {
         QVERIFY(DiscImages::insert(m_audio.cuePath()));
-        CdIo_t *seen = nullptr;
-        PLCAudioCDProcessor::setDiscModeReader([&seen](CdIo_t *handle) {
-            seen = handle;
-            return CDIO_DISC_MODE_DVD_ROM;
-        });
-        verifyOpeningError(PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()),
-                           QStringLiteral("CD is not an Audio CD"));
-        // The refused disc's handle stays open for the next opening or eject.
-        QVERIFY(PLCAudioCDProcessor::cdio());
-        QCOMPARE(seen, PLCAudioCDProcessor::cdio());
-
-        PLCAudioCDProcessor::setDiscModeReader(nullptr);
-        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
+        DiscSession::setDiscModeReader([](CdIo_t *) { return CDIO_DISC_MODE_DVD_ROM; });
+        OptionalError error;
+        QVERIFY(!DiscSession::open(m_audio.cuePath(), &error));
+        verifyOpeningError(error, QStringLiteral("CD is not an Audio CD"));
+        // The refused disc stays open and refused; ejecting it lets it go.
+        DiscSession::setDiscModeReader(nullptr);
+        QVERIFY(!DiscSession::open(m_audio.cuePath(), &error));
+        QVERIFY(!DiscSession::eject(m_audio.cuePath()));
+        QVERIFY(DiscImages::insert(m_audio.cuePath()));
+        QVERIFY(DiscSession::open(m_audio.cuePath(), &error));
     }
 
     void ejectingImages()
     {
         QVERIFY(DiscImages::insert(m_audio.cuePath()));
         QVERIFY(DiscImages::insert(m_mixed.cuePath()));
-        QVERIFY(!PLCAudioCDProcessor::openDeviceForVolume(m_audio.cuePath()));
+        OptionalError error;
+        const std::shared_ptr<DiscSession> audio = DiscSession::open(m_audio.cuePath(), &error);
+        QVERIFY(audio);
 
         // Ejecting another inserted image only takes that one out.
-        QVERIFY(!PLCAudioCDProcessor::eject(m_mixed.cuePath()));
+        QVERIFY(!DiscSession::eject(m_mixed.cuePath()));
         QCOMPARE(DiscImages::list(), QStringList{m_audio.cuePath()});
-        QVERIFY(PLCAudioCDProcessor::cdio());
+        QVERIFY(!audio->use([](CdIo_t *) {}));
 
-        // Ejecting the open image destroys its handle, drops it from the volumes
-        // and is no error, although libcdio cannot eject an image.
-        QVERIFY(!PLCAudioCDProcessor::eject());
-        QVERIFY(!PLCAudioCDProcessor::cdio());
-        QVERIFY(PLCAudioCDProcessor::deviceName().isEmpty());
+        // Ejecting the open image lets its handle go, drops it from the
+        // volumes and is no error, although libcdio cannot eject an image.
+        // Whoever still holds the session is told, not handed a freed handle.
+        QVERIFY(!DiscSession::eject());
         QVERIFY(DiscImages::list().isEmpty());
+        bool ran = false;
+        const OptionalError gone = audio->use([&ran](CdIo_t *) { ran = true; });
+        QVERIFY(gone);
+        QVERIFY(!ran);
+        QCOMPARE(gone->localizedDescription(), QStringLiteral("The disc was ejected."));
+    }
+
+    // An eject asks the running read to stop and waits for it: the handle is
+    // never taken away under a reader.
+    void ejectWaitsForTheRunningUse()
+    {
+        QVERIFY(DiscImages::insert(m_audio.cuePath()));
+        OptionalError error;
+        const std::shared_ptr<DiscSession> disc = DiscSession::open(m_audio.cuePath(), &error);
+        QVERIFY(disc);
+        QSemaphore reading;
+        std::atomic<bool> stillReadable{false};
+        std::atomic<bool> sawStop{false};
+        std::thread reader([&] {
+            disc->use([&](CdIo_t *handle) {
+                reading.release();
+                QElapsedTimer waited;
+                waited.start();
+                while (!disc->isStopRequested() && waited.elapsed() < 10000) {
+                    QThread::msleep(5);
+                }
+                sawStop = disc->isStopRequested();
+                // Still ours to read after the eject asked.
+                stillReadable = cdio_get_num_tracks(handle) == 3;
+            });
+        });
+        reading.acquire();
+        QVERIFY(!DiscSession::eject(m_audio.cuePath()));
+        reader.join();
+        QVERIFY(sawStop);
+        QVERIFY(stillReadable);
+        QVERIFY(disc->use([](CdIo_t *) {}));
     }
 
     void ejectCodes()
@@ -205,5 +248,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestPLCAudioCDProcessor)
-#include "tst_plcaudiocdprocessor.moc"
+QTEST_GUILESS_MAIN(TestDiscSession)
+#include "tst_discsession.moc"
