@@ -7,6 +7,7 @@
 #include "audio/cdripper.h"
 #include "audio/flacencoder.h"
 #include "audio/riplog.h"
+#include "cd/disclayout.h"
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
 #include "cli/terminal.h"
@@ -296,8 +297,11 @@ int runRipCommand(const QStringList &args)
         const QString prefix = QStringLiteral("Track %1 (%2 of %3): ").arg(name).arg(done).arg(chosen.size());
         RipLogTrack entry;
         entry.number = number;
-        entry.firstSector = uint32_t(std::max<lsn_t>(0, cdio_get_track_lsn(disc, track_t(number))));
-        entry.lastSector = uint32_t(std::max<lsn_t>(0, cdio_get_track_last_lsn(disc, track_t(number))));
+        lsn_t firstSector = 0;
+        lsn_t lastSector = 0;
+        DiscLayout::trackSectors(disc, track_t(number), &firstSector, &lastSector);
+        entry.firstSector = uint32_t(std::max<lsn_t>(0, firstSector));
+        entry.lastSector = uint32_t(std::max<lsn_t>(0, lastSector));
         RipTrack *track = ripTrackRecord(context, uint32_t(number));
         QString lastMessage;
         const auto show = [&](const QString &text, bool force) {

@@ -113,8 +113,9 @@ private slots:
     }
 
     // The identifier is libdiscid's for a drive: a data track first or in the
-    // middle counts, an Enhanced CD's data session does not.
-    void discIdOfImage_data()
+    // middle counts, an Enhanced CD's data session does not. The volume
+    // lists the audio tracks, each as long as its audio.
+    void discIdAndTracksOfImage_data()
     {
         QTest::addColumn<QList<int>>("sectors");
         QTest::addColumn<int>("firstTrack");
@@ -126,7 +127,7 @@ private slots:
         QTest::newRow("data in the middle") << QList<int>{600, 300, 450, 525} << 1 << 1 << 0;
         QTest::newRow("Enhanced CD") << QList<int>{600, 450, 525, 300} << 1 << 3 << 11400;
     }
-    void discIdOfImage()
+    void discIdAndTracksOfImage()
     {
         QFETCH(QList<int>, sectors);
         QFETCH(int, firstTrack);
@@ -147,6 +148,18 @@ private slots:
         QVERIFY2(id.error.isEmpty(), qPrintable(id.error));
         QCOMPARE(id.id, image.musicBrainzDiscId());
 
+        QList<QPair<int, qint64>> listed;
+        QList<QPair<int, qint64>> expected;
+        for (const PLCVolumeType::TrackFile &track : PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(volume))
+                                                         .value_or(QList<PLCVolumeType::TrackFile>())) {
+            listed.append({track.trackNumber, track.size});
+        }
+        for (int i = 0; i < image.trackCount(); ++i) {
+            if (i != dataIndex) {
+                expected.append({firstTrack + i, qint64(image.trackSectors(i)) * 2352});
+            }
+        }
+        QCOMPARE(listed, expected);
     }
 
     // MusicBrainz wins over CD-TEXT field by field; the first release of the
