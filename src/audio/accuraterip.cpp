@@ -11,8 +11,6 @@
 
 namespace {
 
-// Between the audio session and the data session of an enhanced CD.
-constexpr int32_t kSessionGapSectors = 11400;
 constexpr int32_t kLbaStart = 150;
 constexpr int kHeaderBytes = 13;
 constexpr int kTrackBytes = 9;
@@ -78,30 +76,22 @@ QString DiscIds::text() const
 DiscIds discIds(const TableOfContents &toc)
 {
     DiscIds ids;
-    const auto firstAudio =
-        std::find_if(toc.tracks.begin(), toc.tracks.end(), [](const TocTrack &track) { return track.audio; });
-    if (firstAudio == toc.tracks.end()) {
-        return ids;
-    }
-    auto lastAudio = toc.tracks.end() - 1;
-    while (!lastAudio->audio) {
-        --lastAudio;
-    }
-    // The audio ends at the lead-out, or before the data session after it.
-    const int32_t audioEnd =
-        lastAudio + 1 == toc.tracks.end() ? toc.leadOut : (lastAudio + 1)->start - kSessionGapSectors;
     uint32_t position = 0;
-    for (auto track = firstAudio; track <= lastAudio; ++track) {
-        if (!track->audio) {
-            continue;
+    for (const TocTrack &track : toc.tracks) {
+        if (track.audio) {
+            ++position;
+            ids.id1 += uint32_t(track.start);
+            ids.id2 += uint32_t(std::max<int32_t>(track.start, 1)) * position;
         }
-        ++position;
-        ids.id1 += uint32_t(track->start);
-        ids.id2 += uint32_t(std::max<int32_t>(track->start, 1)) * position;
+    }
+    if (position == 0) {
+        return {};
     }
     ids.audioTracks = int(position);
-    ids.id1 += uint32_t(audioEnd);
-    ids.id2 += uint32_t(std::max<int32_t>(audioEnd, 1)) * (position + 1);
+    // The disc's own lead-out, even after an Enhanced CD's data session:
+    // dBpoweramp, whose maker runs the database, counts it so.
+    ids.id1 += uint32_t(toc.leadOut);
+    ids.id2 += uint32_t(std::max<int32_t>(toc.leadOut, 1)) * (position + 1);
 
     // The freedb id counts every track, data included, in whole seconds.
     int sum = 0;

@@ -48,9 +48,8 @@ struct DiscIds
 };
 
 // The ids of a table of contents: id1 and id2 over the audio tracks and the
-// end of the audio (a data track after the audio ends it 11400 sectors
-// before the data, the gap between the sessions of such a disc), the freedb
-// id over every track. Invalid when the disc has no audio track.
+// disc's lead-out (after the data session on an Enhanced CD), the freedb id
+// over every track. Invalid when the disc has no audio track.
 DiscIds discIds(const TableOfContents &toc);
 
 // "accuraterip/8/0/7/dBAR-003-00000708-00001771-09000c03.bin"

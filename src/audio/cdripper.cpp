@@ -3,6 +3,7 @@
 #include <cdio/paranoia/cdda.h>
 #include <cdio/paranoia/paranoia.h>
 
+#include "cd/disclayout.h"
 #include "core/logger.h"
 #include "platform/discimages.h"
 
@@ -266,8 +267,13 @@ void audioRun(CdIo_t *disc, track_t number, uint32_t leadOut, int32_t *runFirst,
     while (high < lastTrack && ripIsAudioTrack(disc, track_t(high + 1))) {
         ++high;
     }
+    // The run ends with its session: an Enhanced CD's gap before the data
+    // session is not audio either.
+    lsn_t highFirst = 0;
+    lsn_t highLast = -1;
+    DiscLayout::trackSectors(disc, high, &highFirst, &highLast);
     *runFirst = std::max<int32_t>(0, cdio_get_track_lsn(disc, low));
-    *runLast = std::min<int32_t>(int32_t(leadOut) - 1, cdio_get_track_last_lsn(disc, high));
+    *runLast = std::min<int32_t>(int32_t(leadOut) - 1, highLast);
 }
 
 void setParanoiaMode(RipContext *context)
@@ -512,11 +518,12 @@ int ripTrack(RipContext *context, RipTrack *track, const RipProgressCallback &pr
     const auto number = track_t(track->number);
     const std::string name = "Track " + std::to_string(track->number);
 
-    const lsn_t lastLsn = cdio_get_track_last_lsn(disc, number);
+    lsn_t firstLsn = CDIO_INVALID_LSN;
+    lsn_t lastLsn = CDIO_INVALID_LSN;
+    DiscLayout::trackSectors(disc, number, &firstLsn, &lastLsn);
     if (uint32_t(lastLsn) > context->leadOut) {
         return fail("Track last frame is larger than last disc frame.");
     }
-    const lsn_t firstLsn = cdio_get_track_lsn(disc, number);
     if (firstLsn == CDIO_INVALID_LSN || lastLsn == CDIO_INVALID_LSN || firstLsn < 0 || firstLsn > lastLsn) {
         return fail(name + " is not on the disc (sectors " + std::to_string(firstLsn) + " to " +
                     std::to_string(lastLsn) + ").");

@@ -110,7 +110,8 @@ RipTrack *ripTrackRecord(RipContext *context, uint32_t number);
 // goes to message and stays in the record's failure) or when the caller
 // stopped it. A track fails when any of its sectors could not be read or had
 // to be skipped; audio outside the disc's audio (before its first sector,
-// past the lead-out, in a data track) is silence.
+// past the lead-out, in a data track or between an Enhanced CD's sessions)
+// is silence. The track's sectors are DiscLayout::trackSectors's.
 int ripTrack(RipContext *context, RipTrack *track, const RipProgressCallback &progress,
              const RipMessageCallback &message);
 

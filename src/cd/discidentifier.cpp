@@ -1,17 +1,10 @@
 #include "cd/discidentifier.h"
 
+#include "cd/disclayout.h"
+
 #include <discid/discid.h>
 
 namespace {
-
-// The lead-out of an audio session that a data session follows: the gap
-// between the sessions is 11400 sectors (two and a half minutes) long.
-constexpr int kSessionGapSectors = 11400;
-
-bool isAudioTrack(CdIo_t *handle, track_t track)
-{
-    return cdio_get_track_format(handle, track) == TRACK_FORMAT_AUDIO;
-}
 
 DiscIdentifier::Result identifierOf(DiscId *disc)
 {
@@ -24,33 +17,26 @@ namespace DiscIdentifier {
 
 bool readTableOfContents(CdIo_t *handle, TableOfContents *toc)
 {
-    if (!handle) {
+    track_t first = 0;
+    track_t last = 0;
+    lsn_t leadOut = 0;
+    if (!DiscLayout::firstSession(handle, &first, &last, &leadOut)) {
         return false;
     }
-    const track_t first = cdio_get_first_track_num(handle);
-    const track_t last = cdio_get_last_track_num(handle);
-    if (first == CDIO_INVALID_TRACK || last == CDIO_INVALID_TRACK || first > last || last > 99) {
-        return false;
+    bool hasAudio = false;
+    for (track_t track = first; track <= last; ++track) {
+        hasAudio = hasAudio || cdio_get_track_format(handle, track) == TRACK_FORMAT_AUDIO;
     }
-    track_t firstAudio = first;
-    while (firstAudio <= last && !isAudioTrack(handle, firstAudio)) {
-        ++firstAudio;
-    }
-    track_t lastAudio = last;
-    while (lastAudio >= firstAudio && !isAudioTrack(handle, lastAudio)) {
-        --lastAudio;
-    }
-    if (firstAudio > lastAudio) {
+    if (!hasAudio) {
         return false;
     }
     *toc = TableOfContents();
-    toc->first = firstAudio;
-    toc->last = lastAudio;
-    for (track_t track = firstAudio; track <= lastAudio; ++track) {
+    toc->first = first;
+    toc->last = last;
+    for (track_t track = first; track <= last; ++track) {
         toc->offsets[track] = int(cdio_get_track_lba(handle, track));
     }
-    toc->offsets[0] = lastAudio < last ? int(cdio_get_track_lba(handle, track_t(lastAudio + 1))) - kSessionGapSectors
-                                       : int(cdio_get_track_lba(handle, CDIO_CDROM_LEADOUT_TRACK));
+    toc->offsets[0] = int(cdio_lsn_to_lba(leadOut));
     return true;
 }
 

@@ -21,7 +21,7 @@ struct Result
 };
 
 // The table of contents as libdiscid takes it: offsets[0] is the lead-out,
-// offsets[n] the start of audio track n, in LBA (150 sectors after LSN 0).
+// offsets[n] the start of track n, in LBA (150 sectors after LSN 0).
 struct TableOfContents
 {
     int first = 0;
@@ -29,9 +29,10 @@ struct TableOfContents
     std::array<int, 100> offsets{};
 };
 
-// The audio session of the disc behind handle. A data track after the audio
-// (an enhanced CD) is left out, and the audio then ends 11400 sectors before
-// it, as for every such disc; false when the disc has no audio track.
+// The table of contents libdiscid reads from a drive holding the disc behind
+// handle: the first session's tracks, a data track among them included, and
+// its lead-out, so the data session of an Enhanced CD is left out. False when
+// that session has no audio track.
 bool readTableOfContents(CdIo_t *handle, TableOfContents *toc);
 
 // The identifier of a table of contents.

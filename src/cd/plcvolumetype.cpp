@@ -1,5 +1,6 @@
 #include "cd/plcvolumetype.h"
 
+#include "cd/disclayout.h"
 #include "platform/discimages.h"
 #include "platform/volumes.h"
 
@@ -208,11 +209,10 @@ std::optional<QList<PLCVolumeType::TrackFile>> PLCVolumeType::contentsOfDiskAtUR
         if (cdio_get_track_format(handle.get(), track) != TRACK_FORMAT_AUDIO) {
             continue;
         }
-        // The sector count from the addresses: cdio_get_track_sec_count is
-        // wrong when the first track is not 1.
-        const lsn_t start = cdio_get_track_lsn(handle.get(), track);
-        const lsn_t last = cdio_get_track_last_lsn(handle.get(), track);
-        if (start == CDIO_INVALID_LSN || last == CDIO_INVALID_LSN || last < start) {
+        // The sectors a rip reads, so a track's size is what its rip gives.
+        lsn_t start = 0;
+        lsn_t last = 0;
+        if (!DiscLayout::trackSectors(handle.get(), track, &start, &last) || last < start) {
             continue;
         }
         tracks.append(TrackFile{volume + QLatin1Char('/') + trackFileName(number), number,

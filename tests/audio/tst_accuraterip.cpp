@@ -99,8 +99,8 @@ private slots:
     {
         // An audio disc read from its image; a data track first (the audio
         // tracks count from 1 among themselves, the freedb id still sees
-        // every track); a data track last, as on an enhanced CD (the audio
-        // ends 11400 sectors before the data session).
+        // every track); a data track last, as on an Enhanced CD (the ids
+        // still end at the disc's lead-out).
         const DiscImage image =
             DiscImage::create(m_dir.path(), QStringLiteral("ids"), DiscImage::audioOptions({750, 1234, 600, 977}));
         Disc disc = openDisc(image);
@@ -110,7 +110,7 @@ private slots:
         const AccurateRip::TableOfContents mixed{{{1, 0, false}, {2, 20000, true}, {3, 31000, true}}, 40000};
         const AccurateRip::TableOfContents enhanced{{{1, 0, true}, {2, 15000, true}, {3, 40000, false}}, 52000};
         const QList<std::tuple<AccurateRip::TableOfContents, QList<int>, int>> cases{
-            {read, {0, 750, 1984, 2584}, 3561}, {mixed, {20000, 31000}, 40000}, {enhanced, {0, 15000}, 28600}};
+            {read, {0, 750, 1984, 2584}, 3561}, {mixed, {20000, 31000}, 40000}, {enhanced, {0, 15000}, 52000}};
         for (const auto &[toc, audioStarts, audioEnd] : cases) {
             const AccurateRip::DiscIds ids = AccurateRip::discIds(toc);
             const ReferenceIds expected = referenceIds(toc, audioStarts, audioEnd);
@@ -119,6 +119,14 @@ private slots:
             QCOMPARE(ids.id2, expected.id2);
             QCOMPARE(ids.freedb, expected.freedb);
         }
+
+        // A real Enhanced CD ("Liquid" by Recoil) and the ids dBpoweramp and
+        // EAC give it, as ARver's notes on data tracks report them.
+        AccurateRip::TableOfContents liquid{{}, 333651};
+        for (const int start : {0, 12617, 40337, 63075, 93260, 117965, 151715, 184190, 215110, 247305, 281585}) {
+            liquid.tracks.push_back({int(liquid.tracks.size()) + 1, start, start != 281585});
+        }
+        QCOMPARE(AccurateRip::discIds(liquid).text(), QStringLiteral("010-00164419-00b9f6e2-9e11600b"));
 
         // The sample disc of the local service (tracks at 0, 300, 600,
         // lead-out 900), worked by hand: id1 1800, id2 1 + 600 + 1800 + 3600,

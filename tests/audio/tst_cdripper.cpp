@@ -43,13 +43,15 @@ struct RipResult
     RipTrack record;
 };
 
-// The disc's audio as one little-endian stream, data tracks as silence.
+// The disc's audio as one little-endian stream, data tracks and the gaps
+// before them as silence.
 QByteArray discAudio(const DiscImage &image)
 {
     QByteArray audio;
     for (int i = 0; i < image.trackCount(); ++i) {
-        audio += image.options().tracks.at(i).data ? QByteArray(image.trackSectors(i) * kRipSectorBytes, '\0')
-                                                   : image.trackAudio(i);
+        const DiscImage::Track &track = image.options().tracks.at(i);
+        audio += QByteArray(qsizetype(track.gapBefore) * kRipSectorBytes, '\0');
+        audio += track.data ? QByteArray(track.sectors * kRipSectorBytes, '\0') : image.trackAudio(i);
     }
     return audio;
 }
@@ -421,45 +423,59 @@ private slots:
         DiscSession::eject(toc);
     }
 
-    void dataTracksAtEitherEnd()
+    // A data track is never read as audio, nor is the gap before an
+    // Enhanced CD's data session, where its audio ends.
+    void dataTracksAnywhere_data()
     {
-        // Mixed mode (data first) and Enhanced CD (data last).
-        for (const bool dataFirst : {true, false}) {
-            DiscImage::Options options = DiscImage::audioOptions({200, 300, 250});
-            options.tracks[dataFirst ? 0 : 2].data = true;
-            const DiscImage image = DiscImage::create(
-                m_dir.path(), dataFirst ? QStringLiteral("mixed") : QStringLiteral("enhanced"), options);
-            QVERIFY(image.isValid());
-            Disc disc = openDisc(image);
-            const int dataNumber = dataFirst ? 1 : 3;
-            const int firstAudio = dataFirst ? 2 : 1;
-            const int lastAudio = dataFirst ? 3 : 2;
-            QCOMPARE(int(ripFirstAudioTrack(disc.get())), firstAudio);
-            QCOMPARE(int(ripLastAudioTrack(disc.get())), lastAudio);
-            // A negative offset on the audio track after the data track, and
-            // a positive one before it: the data is never read as audio.
-            for (const int shift : {-700, 0, 700}) {
-                RipSettings settings = retries(5);
-                ripSetReadOffset(&settings, shift);
-                Engine engine(disc.get(), &settings);
-                const RipResult data = rip(engine.context, uint32_t(dataNumber));
-                QCOMPARE(data.status, 1);
-                QCOMPARE(
-                    data.messages,
-                    QStringList{
-                        QStringLiteral("Track %1 is a data track, not audio; it cannot be ripped.").arg(dataNumber)});
-                for (int number = firstAudio; number <= lastAudio; ++number) {
-                    QElapsedTimer timer;
-                    timer.start();
-                    const RipResult result = rip(engine.context, uint32_t(number));
-                    QVERIFY(timer.elapsed() < 5000);
-                    QVERIFY2(result.status == 0, qPrintable(result.messages.join(QLatin1Char('|'))));
-                    QVERIFY(result.audio == shiftedTrack(image, number - 1, shift));
-                    const AccurateRipSums expected =
-                        accurateRipSums(result.audio, number == firstAudio, number == lastAudio);
-                    QCOMPARE(result.record.checksumV1, expected.v1);
-                    QCOMPARE(result.record.checksumV2, expected.v2);
+        QTest::addColumn<QList<int>>("sectors");
+        QTest::addColumn<int>("dataIndex");
+        QTest::addColumn<int>("gapBefore");
+        QTest::newRow("data first (mixed mode)") << QList<int>{200, 300, 250} << 0 << 0;
+        QTest::newRow("data last, one session") << QList<int>{200, 300, 250} << 2 << 0;
+        QTest::newRow("Enhanced CD") << QList<int>{200, 300, 250, 150} << 3 << 11400;
+        QTest::newRow("data in the middle") << QList<int>{200, 150, 300, 250} << 1 << 0;
+    }
+    void dataTracksAnywhere()
+    {
+        QFETCH(QList<int>, sectors);
+        QFETCH(int, dataIndex);
+        QFETCH(int, gapBefore);
+        DiscImage::Options options = DiscImage::audioOptions(sectors);
+        options.tracks[dataIndex].data = true;
+        options.tracks[dataIndex].gapBefore = gapBefore;
+        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("data%1").arg(dataIndex), options);
+        QVERIFY(image.isValid());
+        Disc disc = openDisc(image);
+        const int dataNumber = dataIndex + 1;
+        const int firstAudio = dataIndex == 0 ? 2 : 1;
+        const int lastAudio = dataNumber == image.trackCount() ? dataNumber - 1 : image.trackCount();
+        QCOMPARE(int(ripFirstAudioTrack(disc.get())), firstAudio);
+        QCOMPARE(int(ripLastAudioTrack(disc.get())), lastAudio);
+        // Offsets either way read past the audio's edges: silence there.
+        for (const int shift : {-700, 0, 700}) {
+            RipSettings settings = retries(5);
+            ripSetReadOffset(&settings, shift);
+            Engine engine(disc.get(), &settings);
+            const RipResult data = rip(engine.context, uint32_t(dataNumber));
+            QCOMPARE(data.status, 1);
+            QCOMPARE(data.messages,
+                     QStringList{
+                         QStringLiteral("Track %1 is a data track, not audio; it cannot be ripped.").arg(dataNumber)});
+            for (int number = firstAudio; number <= lastAudio; ++number) {
+                if (number == dataNumber) {
+                    continue;
                 }
+                QElapsedTimer timer;
+                timer.start();
+                const RipResult result = rip(engine.context, uint32_t(number));
+                QVERIFY(timer.elapsed() < 5000);
+                QVERIFY2(result.status == 0, qPrintable(result.messages.join(QLatin1Char('|'))));
+                QVERIFY2(result.audio == shiftedTrack(image, number - 1, shift),
+                         qPrintable(QStringLiteral("track %1, offset %2").arg(number).arg(shift)));
+                const AccurateRipSums expected =
+                    accurateRipSums(result.audio, number == firstAudio, number == lastAudio);
+                QCOMPARE(result.record.checksumV1, expected.v1);
+                QCOMPARE(result.record.checksumV2, expected.v2);
             }
         }
     }

@@ -46,11 +46,16 @@ private:
 
     // A disc image of its own for every case: its track lengths make its
     // identifier unique.
-    DiscImage makeImage(QList<int> sectors, const QString &title = QString(), const QString &performer = QString(),
-                        const QStringList &trackTitles = {}, int firstTrack = 1)
+    DiscImage uniqueImage(DiscImage::Options options)
     {
         ++m_imageCount;
-        sectors[0] += m_imageCount;
+        options.tracks[0].sectors += m_imageCount;
+        return DiscImage::create(m_dir.path(), QStringLiteral("disc%1").arg(m_imageCount), options);
+    }
+
+    DiscImage makeImage(const QList<int> &sectors, const QString &title = QString(),
+                        const QString &performer = QString(), const QStringList &trackTitles = {}, int firstTrack = 1)
+    {
         DiscImage::Options options = DiscImage::audioOptions(sectors);
         options.firstTrackNumber = firstTrack;
         options.title = title;
@@ -59,7 +64,7 @@ private:
             options.tracks[i].title = trackTitles.at(i);
             options.tracks[i].performer = performer;
         }
-        return DiscImage::create(m_dir.path(), QStringLiteral("disc%1").arg(m_imageCount), options);
+        return uniqueImage(options);
     }
 
     // Inserts the image; the paths of its first `count` tracks (all when negative).
@@ -108,19 +113,56 @@ private slots:
         DiscImages::clear();
     }
 
-    void discIdOfImageEqualsLibdiscid()
+    // The identifier is libdiscid's for a drive: a data track first or in the
+    // middle counts, an Enhanced CD's data session does not. The volume
+    // lists the audio tracks, each as long as its audio.
+    void discIdAndTracksOfImage_data()
     {
-        for (int first : {1, 2}) {
-            const DiscImage image = makeImage({600, 450, 525}, QString(), QString(), {}, first);
-            QVERIFY(DiscImages::insert(image.cuePath()));
-            OptionalError error;
-            const std::shared_ptr<DiscSession> disc = DiscSession::open(image.cuePath(), &error);
-            QVERIFY(disc);
-            DiscIdentifier::Result id;
-            disc->use([&](CdIo_t *handle) { id = DiscIdentifier::read(handle, disc->deviceName(), true); });
-            QVERIFY2(id.error.isEmpty(), qPrintable(id.error));
-            QCOMPARE(id.id, image.musicBrainzDiscId());
+        QTest::addColumn<QList<int>>("sectors");
+        QTest::addColumn<int>("firstTrack");
+        QTest::addColumn<int>("dataIndex");
+        QTest::addColumn<int>("gapBefore");
+        QTest::newRow("audio") << QList<int>{600, 450, 525} << 1 << -1 << 0;
+        QTest::newRow("audio from track 2") << QList<int>{600, 450, 525} << 2 << -1 << 0;
+        QTest::newRow("data first") << QList<int>{300, 600, 450, 525} << 1 << 0 << 0;
+        QTest::newRow("data in the middle") << QList<int>{600, 300, 450, 525} << 1 << 1 << 0;
+        QTest::newRow("Enhanced CD") << QList<int>{600, 450, 525, 300} << 1 << 3 << 11400;
+    }
+    void discIdAndTracksOfImage()
+    {
+        QFETCH(QList<int>, sectors);
+        QFETCH(int, firstTrack);
+        QFETCH(int, dataIndex);
+        QFETCH(int, gapBefore);
+        DiscImage::Options options = DiscImage::audioOptions(sectors);
+        options.firstTrackNumber = firstTrack;
+        if (dataIndex >= 0) {
+            options.tracks[dataIndex].data = true;
+            options.tracks[dataIndex].gapBefore = gapBefore;
         }
+        const DiscImage image = uniqueImage(options);
+        const QString volume = DiscImages::normalizedPath(image.cuePath());
+        QVERIFY(DiscImages::insert(image.cuePath()));
+        OptionalError error;
+        const std::shared_ptr<DiscSession> disc = DiscSession::open(volume, &error);
+        QVERIFY(disc);
+        DiscIdentifier::Result id;
+        disc->use([&](CdIo_t *handle) { id = DiscIdentifier::read(handle, disc->deviceName(), true); });
+        QVERIFY2(id.error.isEmpty(), qPrintable(id.error));
+        QCOMPARE(id.id, image.musicBrainzDiscId());
+
+        QList<QPair<int, qint64>> listed;
+        QList<QPair<int, qint64>> expected;
+        for (const PLCVolumeType::TrackFile &track : PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(volume))
+                                                         .value_or(QList<PLCVolumeType::TrackFile>())) {
+            listed.append({track.trackNumber, track.size});
+        }
+        for (int i = 0; i < image.trackCount(); ++i) {
+            if (i != dataIndex) {
+                expected.append({firstTrack + i, qint64(image.trackSectors(i)) * 2352});
+            }
+        }
+        QCOMPARE(listed, expected);
     }
 
     // MusicBrainz wins over CD-TEXT field by field; the first release of the

@@ -132,9 +132,9 @@ int DiscImage::trackFirstSector(int index) const
 {
     int sector = 0;
     for (int i = 0; i < index; ++i) {
-        sector += m_options.tracks.at(i).sectors;
+        sector += m_options.tracks.at(i).gapBefore + m_options.tracks.at(i).sectors;
     }
-    return sector;
+    return sector + (index < trackCount() ? m_options.tracks.at(index).gapBefore : 0);
 }
 
 int DiscImage::totalSectors() const
@@ -183,12 +183,16 @@ QString DiscImage::writeToc() const
 QString DiscImage::musicBrainzDiscId() const
 {
     int offsets[100] = {};
-    offsets[0] = totalSectors() + 150;
-    for (int i = 0; i < trackCount(); ++i) {
+    int count = 1;
+    while (count < trackCount() && m_options.tracks.at(count).gapBefore == 0) {
+        ++count;
+    }
+    for (int i = 0; i < count; ++i) {
         offsets[firstTrackNumber() + i] = trackFirstSector(i) + 150;
     }
+    offsets[0] = trackFirstSector(count - 1) + trackSectors(count - 1) + 150;
     DiscId *disc = discid_new();
-    const bool ok = discid_put(disc, firstTrackNumber(), lastTrackNumber(), offsets);
+    const bool ok = discid_put(disc, firstTrackNumber(), firstTrackNumber() + count - 1, offsets);
     const QString id = ok ? QString::fromLatin1(discid_get_id(disc)) : QString();
     discid_free(disc);
     return id;
@@ -211,6 +215,14 @@ DiscImage DiscImage::create(const QString &directory, const QString &baseName, c
     qint64 lsn = 0;
     for (int t = 0; t < options.tracks.size(); ++t) {
         const Track &track = options.tracks.at(t);
+        std::fill(chunk.begin(), chunk.end(), '\x5a');
+        for (int done = 0; done < track.gapBefore; done += kChunkSectors) {
+            const qint64 bytes = qint64(std::min(kChunkSectors, track.gapBefore - done)) * kSectorBytes;
+            if (bin.write(chunk.data(), bytes) != bytes) {
+                return image;
+            }
+        }
+        lsn += track.gapBefore;
         for (int done = 0; done < track.sectors;) {
             const int count = std::min(kChunkSectors, track.sectors - done);
             for (int s = 0; s < count; ++s) {
@@ -248,7 +260,6 @@ DiscImage DiscImage::create(const QString &directory, const QString &baseName, c
         out << "TITLE " << quoted(options.title) << "\n";
     }
     out << "FILE " << quoted(baseName + QStringLiteral(".bin")) << (options.bigEndian ? " MOTOROLA\n" : " BINARY\n");
-    qint64 start = 0;
     for (int t = 0; t < options.tracks.size(); ++t) {
         const Track &track = options.tracks.at(t);
         out << QStringLiteral("  TRACK %1 %2\n")
@@ -260,8 +271,7 @@ DiscImage DiscImage::create(const QString &directory, const QString &baseName, c
         if (!track.performer.isEmpty()) {
             out << "    PERFORMER " << quoted(track.performer) << "\n";
         }
-        out << "    INDEX 01 " << msf(start) << "\n";
-        start += track.sectors;
+        out << "    INDEX 01 " << msf(image.trackFirstSector(t)) << "\n";
     }
     out.flush();
     image.m_valid = cue.error() == QFileDevice::NoError;

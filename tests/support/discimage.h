@@ -17,7 +17,12 @@ public:
     {
         int sectors = 750;
         bool data = false; // a MODE1/2352 data track instead of audio
-        QString title;     // CD-TEXT; empty leaves it out
+        // Sectors before the track that belong to no track, as between an
+        // Enhanced CD's audio session and its data session (11400). A cue
+        // has one session, so they fall in the previous track's range; they
+        // hold a loud filler that is not that track's audio.
+        int gapBefore = 0;
+        QString title; // CD-TEXT; empty leaves it out
         QString performer;
     };
 
@@ -57,7 +62,8 @@ public:
     // toc's raw audio is big-endian, so the image should be too). Its path,
     // or empty on failure.
     QString writeToc() const;
-    // The MusicBrainz disc id libdiscid gives the image's table of contents.
+    // The MusicBrainz disc id libdiscid gives the image's first session: the
+    // tracks before the first gap, ending where the gap starts.
     QString musicBrainzDiscId() const;
 
 private:
