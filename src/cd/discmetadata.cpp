@@ -307,6 +307,7 @@ private:
     std::shared_ptr<DiscLookupCache> m_cache;
     DiscReading m_reading;
     int m_firstTrack = 1;
+    bool m_askingRelease = false;
     DiscMetadata m_result;
     ID3TagDictionary m_tags;
 };
@@ -424,8 +425,9 @@ void Compilation::reportException(const char *prefix, const std::exception &exce
     standardOutput(QStringLiteral("LastHTTPCode: ") + QString::number(query.lastHTTPCode()));
     standardOutput(QStringLiteral("LastErrorMessage: ") + plainText(query.lastErrorMessage()));
     m_result.error = Error::errorWithMessage(plainText(query.lastErrorMessage()), 0);
-    // Not finding the disc is an answer; anything else is a failure to tell.
-    if (!dynamic_cast<const MusicBrainz5::CResourceNotFoundError *>(&exception)) {
+    // Not finding the disc is an answer; anything else, and any failure to
+    // get a release the disc lookup named, is a failure to tell.
+    if (m_askingRelease || !dynamic_cast<const MusicBrainz5::CResourceNotFoundError *>(&exception)) {
         m_result.lookupError =
             Error::errorWithMessage(QStringLiteral("MusicBrainz could not be asked: %1").arg(exception.what()), 0);
     }
@@ -477,6 +479,7 @@ void Compilation::lookUpReleases(MusicBrainzQuery &query)
     if (!tracks) {
         MusicBrainz5::CQuery::tParamMap releaseParams;
         releaseParams["inc"] = kReleaseIncludes;
+        m_askingRelease = true;
         const MusicBrainz5::CMetadata releaseMetadata =
             query.query("release", m_result.releaseId.toStdString(), releaseParams);
         tracks.emplace();

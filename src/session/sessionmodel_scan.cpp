@@ -79,6 +79,7 @@ void SessionModel::OnSearchFolder()
         }
         if (m_mainPageType == MainPageTypeSearch) {
             discoverAudioCDs();
+            Logger::log(QStringLiteral("Begin Uploading CD"));
             m_cdFlow->beginUploadCD(disk);
         }
         return;
@@ -203,6 +204,7 @@ void SessionModel::filesDropped(const QStringList &paths)
     if (others.isEmpty()) {
         if (m_mainPageType == MainPageTypeSearch && !images.isEmpty()) {
             discoverAudioCDs();
+            Logger::log(QStringLiteral("Begin Uploading CD"));
             m_cdFlow->beginUploadCD(DiscImages::normalizedPath(images.first()));
         }
         return;

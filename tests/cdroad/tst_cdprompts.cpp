@@ -3,6 +3,8 @@
 // local service with the sample disc.
 #include "cdroadsupport.h"
 
+#include "../session/alertdriver.h"
+#include "audio/cdripper.h"
 #include "platform/discimages.h"
 #include "service/lyraboxservice.h"
 #include "session/audiocdflow.h"
@@ -14,6 +16,7 @@
 #include "session/ui/mainwindowcdprompter.h"
 #include "session/ui/mainwindowcontroller.h"
 #include "support/clitesting.h"
+#include "support/discimage.h"
 #include "support/discservicesdata.h"
 #include "ui_MainWindowController.h"
 #include "widgets/aspectfillimageview.h"
@@ -146,6 +149,7 @@ private slots:
     // track, and the tracks arrive as FLAC files with the artwork shown.
     void sampleDiscThroughTheWindow()
     {
+        DiscImages::clear();
         const QString image = makeSamples(m_server, m_dir.filePath(QStringLiteral("music")));
         QVERIFY(!image.isEmpty());
 
@@ -220,6 +224,106 @@ private slots:
         window.ui()->searchEjectCDButton->click();
         QTRY_VERIFY_WITH_TIMEOUT(window.ui()->searchUploadCDButton->isHidden(), 5000);
         QVERIFY(DiscImages::list().isEmpty());
+        LyraboxService::sharedService().stopUploads();
+    }
+
+    // Ordinary actions while a lookup or a rip is still going, with the
+    // MusicBrainz stand-in slowed down: Cancel on the overlay, quick release
+    // changes, Continue while a pick is looked up, a pick whose lookup
+    // fails, Start Over during a rip. None crashes, blocks or sends a
+    // release the prompt does not show.
+    void actionsWhileALookupOrARipRuns()
+    {
+        DiscImages::clear();
+        DiscServicesData data(m_server.dataDirectory());
+        DiscImage::Options options = DiscImage::audioOptions({300, 310, 320, 330});
+        options.seed = 77;
+        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("five"), options);
+        QVERIFY(image.isValid());
+        const QString discId = image.musicBrainzDiscId();
+        QList<DiscServicesData::Release> releases;
+        for (int i = 0; i < 5; ++i) {
+            const QString n = QString::number(i);
+            releases << DiscServicesData::release(
+                QStringLiteral("rel-five-") + n, QStringLiteral("Pressing ") + n, QStringLiteral("200") + n,
+                {{{discId}, DiscServicesData::tracksTitled({"a" + n, "b" + n, "c" + n, "d" + n})}});
+            data.addRelease(releases.last());
+            data.addCoverArt(releases.last().id, QStringLiteral("jpg"), DiscServicesData::imageBytes("JPG"));
+            data.delayAnswer(QStringLiteral("musicbrainz/release/rel-five-%1.xml").arg(i), 300);
+        }
+        data.addDisc(discId, releases);
+        data.delayAnswer(QStringLiteral("musicbrainz/discid/%1.xml").arg(discId), 800);
+
+        MainWindowController window;
+        window.resize(900, 640);
+        window.showWindow();
+        window.ui()->emailField->setText(QString::fromLatin1(DevServerProcess::kDemoEmail));
+        window.ui()->passwdField->setText(QString::fromLatin1(DevServerProcess::kDemoPassword));
+        window.ui()->loginButton->click();
+        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), 30000);
+        AudioCDFlow *flow = window.session()->cdFlow();
+        flow->setLookupTimeout(1000);
+        QVERIFY(DiscImages::insert(image.cuePath()));
+        QTRY_VERIFY_WITH_TIMEOUT(window.ui()->searchUploadCDButton->isVisible(), 5000);
+
+        // Cancel on the overlay ends the sequence at once; its late answer
+        // brings nothing back.
+        window.ui()->searchUploadCDButton->click();
+        QTRY_VERIFY(window.ui()->waitingCancelButton->isVisible());
+        QVERIFY(window.ui()->maskContainerView->isVisible());
+        window.ui()->waitingCancelButton->click();
+        QVERIFY(!window.ui()->maskContainerView->isVisible());
+        QVERIFY(!flow->isBeginningUpload());
+        QTest::qWait(1500);
+        QVERIFY(!window.cdPrompter()->albumPrompt());
+        QVERIFY(!window.ui()->maskContainerView->isVisible());
+
+        // Ten quick release changes: one lookup for the release the picker
+        // rests on, whose data the prompt then shows.
+        window.ui()->searchUploadCDButton->click();
+        QTRY_VERIFY_WITH_TIMEOUT(window.cdPrompter()->albumPrompt(), 30000);
+        QVERIFY(!window.ui()->maskContainerView->isVisible());
+        AudioCDMetadataController *prompt = window.cdPrompter()->albumPrompt();
+        QCOMPARE(prompt->releasePopUp()->count(), 5);
+        for (int step = 0; step < 10; ++step) {
+            prompt->releasePopUp()->setCurrentIndex((step * 3 + 1) % 5);
+            QTest::qWait(50);
+        }
+        const int rested = prompt->releasePopUp()->currentIndex();
+        QTRY_VERIFY(prompt->isBusy());
+        QTRY_VERIFY_WITH_TIMEOUT(!prompt->isBusy(), 10000);
+        QCOMPARE(prompt->albumTitle(), QStringLiteral("Pressing %1").arg(rested));
+        QCOMPARE(window.session()->audioCDID3Tags().value(flow->metadata().trackPaths.value(1)).title(),
+                 QStringLiteral("b%1").arg(rested));
+
+        // A pick whose lookup fails keeps what is shown and typed, and says so.
+        data.delayAnswer(QStringLiteral("musicbrainz/release/rel-five-%1.xml").arg((rested + 1) % 5), 3000);
+        prompt->albumTitleField()->setText(QStringLiteral("Typed Title"));
+        prompt->releasePopUp()->setCurrentIndex((rested + 1) % 5);
+        QTRY_VERIFY(prompt->isBusy());
+        // Continue waits for the pick: the tracks go up as the prompt shows them.
+        prompt->continueButton()->click();
+        QVERIFY(window.cdPrompter()->albumPrompt());
+        QTRY_VERIFY_WITH_TIMEOUT(!prompt->isBusy(), 10000);
+        QVERIFY2(prompt->statusText().contains(QStringLiteral("could not be looked up")),
+                 qPrintable(prompt->statusText()));
+        QCOMPARE(prompt->albumTitle(), QStringLiteral("Typed Title"));
+        QCOMPARE(prompt->releasePopUp()->currentIndex(), rested);
+
+        // Start Over while a track is read: the rip stops before the disc
+        // goes, and the window is back on the Search page.
+        ripSimulateUnreadableSectors({image.trackFirstSector(0) + 100}, 3000);
+        prompt->continueButton()->click();
+        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeUpload), 5000);
+        QTest::qWait(500);
+        QCOMPARE(window.session()->completedFiles().size(), 0);
+        AlertDriver alerts;
+        alerts.answer(QStringLiteral("Start Over"));
+        window.ui()->uploadStartOverButton->click();
+        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(DiscImages::list().isEmpty(), 10000);
+        ripSimulateUnreadableSectors({});
+        QVERIFY(!window.ui()->maskContainerView->isVisible());
         LyraboxService::sharedService().stopUploads();
     }
 };

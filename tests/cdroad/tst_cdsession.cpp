@@ -222,19 +222,78 @@ private slots:
 
     // Searching a disc image (typed, chosen or dropped) inserts it and takes
     // the CD way instead of scanning.
-    void searchingADiscImageTakesTheCDWay()
+    // A disc image dropped or typed on any page is put in; only on the Search
+    // page does it start the CD sequence, with that disc and no other.
+    void discImageOpenedOnEachPage_data()
+    {
+        QTest::addColumn<quint32>("page");
+        QTest::addColumn<bool>("typed");
+        for (const quint32 page : {MainPageTypeSearch, MainPageTypeList, MainPageTypeUpload, MainPageTypeResult}) {
+            QTest::addRow("dropped on %s", qPrintable(SessionModel::pageName(page))) << page << false;
+            QTest::addRow("typed on %s", qPrintable(SessionModel::pageName(page))) << page << true;
+        }
+    }
+
+    void discImageOpenedOnEachPage()
+    {
+        QFETCH(quint32, page);
+        QFETCH(bool, typed);
+        CDRun run;
+        auto &[prompter, cd, model] = run;
+        // Another disc is in already.
+        model.setMainPageType(MainPageTypeSearch);
+        QVERIFY(DiscImages::insert(m_disc.cuePath()));
+        model.discoverAudioCDs();
+        const DiscImage image = makeImage({90, 95});
+        const QString volume = DiscImages::normalizedPath(image.cuePath());
+        model.setMainPageType(page);
+        if (typed) {
+            model.setSearchFolderPath({image.cuePath()});
+            model.OnSearchFolder();
+        } else {
+            model.filesDropped({image.cuePath()});
+        }
+        QVERIFY(DiscImages::contains(image.cuePath()));
+        QCOMPARE(model.mainPageType(), page);
+        QCOMPARE(model.cdFlow()->isBeginningUpload(), page == MainPageTypeSearch);
+        if (page == MainPageTypeSearch) {
+            QTRY_COMPARE_WITH_TIMEOUT(cd.prompts.size(), 1, 30000);
+            QCOMPARE(model.cdFlow()->metadata().discId, image.musicBrainzDiscId());
+            cd.albumDone(0, AlbumPromptResult());
+            return;
+        }
+        QVERIFY(model.readyFiles().isEmpty());
+        // Back on the Search page both discs are offered, the controls shown.
+        QSignalSpy disks(&model, &SessionModel::foundDisksChanged);
+        model.setMainPageType(MainPageTypeSearch);
+        QCOMPARE(disks.size(), 1);
+        QCOMPARE(model.foundDisks(), (QStringList{DiscImages::normalizedPath(m_disc.cuePath()), volume}));
+    }
+
+    // The disc controls are state: entering the Search page again shows them
+    // for the discs still there, the same discs as before or not.
+    void discControlsFollowTheDiscsPresent()
     {
         CDRun run;
         auto &[prompter, cd, model] = run;
         model.setMainPageType(MainPageTypeSearch);
-        const DiscImage image = makeImage({90, 95});
-        model.filesDropped({image.cuePath()});
-        QVERIFY(DiscImages::contains(image.cuePath()));
-        QCOMPARE(model.foundDisks(), QStringList{DiscImages::normalizedPath(image.cuePath())});
+        QVERIFY(DiscImages::insert(m_disc.cuePath()));
+        model.discoverAudioCDs();
+        QSignalSpy disks(&model, &SessionModel::foundDisksChanged);
+        model.setSearchFolderPath({m_dir.path()});
+        model.OnSearchFolder();
+        model.OnCancelSearch();
         QCOMPARE(model.mainPageType(), quint32(MainPageTypeSearch));
-        QVERIFY(model.cdFlow()->isBeginningUpload());
-        QTRY_COMPARE_WITH_TIMEOUT(cd.prompts.size(), 1, 30000);
-        cd.albumDone(0, AlbumPromptResult());
+        QCOMPARE(disks.size(), 1);
+        QCOMPARE(disks.last().at(0).toStringList(), model.foundDisks());
+        QCOMPARE(model.foundDisks().size(), 1);
+        // A disc swapped for another between two looks is news too.
+        const DiscImage other = makeImage({91});
+        DiscImages::clear();
+        QVERIFY(DiscImages::insert(other.cuePath()));
+        model.discoverAudioCDs();
+        QCOMPARE(disks.size(), 2);
+        QCOMPARE(model.foundDisks(), QStringList{DiscImages::normalizedPath(other.cuePath())});
     }
 
     // A path that is no disc at all fails the compilation hard.
