@@ -1,6 +1,7 @@
 #include "cli/commands.h"
 #include "core/appinfo.h"
 #include "core/logger.h"
+#include "core/paths.h"
 
 #include <QCoreApplication>
 #include <QTextStream>
@@ -57,6 +58,7 @@ int main(int argc, char *argv[])
         args.removeFirst();
     }
     Logger::shared().setEchoToStandardError(verbose);
+    Paths::removeTemporaryLeftovers();
     QTextStream out(stdout);
     QTextStream err(stderr);
     if (args.isEmpty() || args.first() == QLatin1String("--help") || args.first() == QLatin1String("-h")) {

@@ -51,9 +51,9 @@ OptionalError FLACEncoder::configureWithSampleCount(uint64_t sampleCount, const 
 {
     m_progressCallback = std::move(progressCallback);
     m_completedCallback = std::move(completedCallback);
-    // A unique name without extension in the temporary folder.
-    const QString name = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
-    m_filepath = QUrl::fromLocalFile(QDir(Paths::temporaryDirectory()).filePath(name));
+    // A unique name in the temporary folder that says whose it is.
+    const QString name = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".flac");
+    m_filepath = QUrl::fromLocalFile(Paths::temporaryPath(name));
     m_sampleRate = 44100;
     m_channels = 2;
     m_bps = 16;

@@ -3,6 +3,7 @@
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
 #include "core/logger.h"
+#include "core/paths.h"
 #include "platform/discimages.h"
 
 #include <QHash>
@@ -131,7 +132,7 @@ std::shared_ptr<DiscSession> DiscSession::open(const QString &volumePath, Option
     std::shared_ptr<DiscSession> session(new DiscSession);
     QString openPath = chosen->name;
     if (chosen->isImage) {
-        session->m_imageCopy = std::make_unique<QTemporaryDir>();
+        session->m_imageCopy = std::make_unique<QTemporaryDir>(Paths::temporaryPath(QStringLiteral("disc-XXXXXX")));
         openPath = session->m_imageCopy->isValid()
                        ? DiscImages::openablePath(chosen->name, session->m_imageCopy->path())
                        : QString();

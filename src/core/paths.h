@@ -17,5 +17,12 @@ QString dataDirectory();
 
 QString musicDirectory();
 QString temporaryDirectory();
+// "<temporary folder>/pelicane-<process id>-<name>": whose file it is can be
+// told after a crash.
+QString temporaryPath(const QString &name);
+// Removes what processes that no longer run left in the temporary folder
+// (a rip's FLAC file, a disc image's copy), so a crash costs no disk space
+// for good.
+void removeTemporaryLeftovers();
 
 } // namespace Paths

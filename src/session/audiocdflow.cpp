@@ -297,6 +297,12 @@ void AudioCDFlow::compiled(const Compiled &result)
                 self->albumPromptEnded(result, album);
             }
         });
+    if (metadata.lookupError) {
+        // The releases could not be asked for: the prompt says so, so an
+        // empty picker is not taken for an unknown disc.
+        m_prompter->setAlbumPromptBusy(false, metadata.lookupError->localizedDescription() +
+                                                  QStringLiteral(". The album data comes from the disc itself."));
+    }
 }
 
 void AudioCDFlow::pickRelease(const QString &releaseId)

@@ -54,12 +54,14 @@ private:
     }
 
     DiscImage makeImage(const QList<int> &sectors, const QString &title = QString(),
-                        const QString &performer = QString(), const QStringList &trackTitles = {}, int firstTrack = 1)
+                        const QString &performer = QString(), const QStringList &trackTitles = {}, int firstTrack = 1,
+                        const QString &genre = QString())
     {
         DiscImage::Options options = DiscImage::audioOptions(sectors);
         options.firstTrackNumber = firstTrack;
         options.title = title;
         options.performer = performer;
+        options.genre = genre;
         for (int i = 0; i < trackTitles.size(); ++i) {
             options.tracks[i].title = trackTitles.at(i);
             options.tracks[i].performer = performer;
@@ -245,8 +247,9 @@ private slots:
 
     void unknownDiscFilledFromCDText()
     {
-        const DiscImage image = makeImage({300, 300, 300}, QStringLiteral("CD Album"), QStringLiteral("CD Band"),
-                                          {QStringLiteral("First"), QString(), QStringLiteral("Third")});
+        const DiscImage image =
+            makeImage({300, 300, 300}, QStringLiteral("CD Album"), QStringLiteral("CD Band"),
+                      {QStringLiteral("First"), QString(), QStringLiteral("Third")}, 1, QStringLiteral("Ambient Dub"));
         const Outcome outcome = compile(image);
         QVERIFY(outcome.metadata.tags);
         QCOMPARE(outcome.metadata.error->code(), 1001);
@@ -263,6 +266,8 @@ private slots:
         QCOMPARE(outcome.tag(2).artist(), QStringLiteral("CD Band"));
         QCOMPARE(outcome.tag(2).album(), QStringLiteral("CD Album"));
         QCOMPARE(outcome.tag(2).albumArtist(), QStringLiteral("CD Band"));
+        // The disc's genre text, where its genre code (0) would name none.
+        QCOMPARE(outcome.tag(2).genreText(), QStringLiteral("Ambient Dub"));
         QCOMPARE(outcome.tag(2).totalTracks(), 3);
         QCOMPARE(outcome.tag(2).year(), std::nullopt);
         QCOMPARE(outcome.tag(2).discNumber(), std::nullopt);

@@ -259,6 +259,9 @@ DiscImage DiscImage::create(const QString &directory, const QString &baseName, c
     if (!options.title.isEmpty()) {
         out << "TITLE " << quoted(options.title) << "\n";
     }
+    if (!options.genre.isEmpty()) {
+        out << "GENRE " << quoted(options.genre) << "\n";
+    }
     out << "FILE " << quoted(baseName + QStringLiteral(".bin")) << (options.bigEndian ? " MOTOROLA\n" : " BINARY\n");
     for (int t = 0; t < options.tracks.size(); ++t) {
         const Track &track = options.tracks.at(t);

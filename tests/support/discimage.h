@@ -32,6 +32,7 @@ public:
         int firstTrackNumber = 1;
         QString title; // CD-TEXT of the disc; empty leaves it out
         QString performer;
+        QString genre;
         quint32 seed = 1;
         bool bigEndian = false; // samples stored big-endian, the cue saying MOTOROLA
     };
