@@ -6,6 +6,7 @@
 #include "core/paths.h"
 #include "platform/discimages.h"
 
+#include <QFile>
 #include <QHash>
 #include <QMutexLocker>
 #include <QTemporaryDir>
@@ -106,6 +107,13 @@ void DiscSession::closeLocked()
     m_imageCopy.reset();
 }
 
+CdIo_t *DiscSession::openHandle(const QString &path, driver_id_t driver)
+{
+    static QMutex parsing;
+    QMutexLocker locker(&parsing);
+    return cdio_open(QFile::encodeName(path).constData(), driver);
+}
+
 void DiscSession::setDiscModeReader(DiscModeReader reader)
 {
     QMutexLocker locker(&registry().lock);
@@ -140,8 +148,7 @@ std::shared_ptr<DiscSession> DiscSession::open(const QString &volumePath, Option
             openPath = chosen->name;
         }
     }
-    const QByteArray openName = openPath.toLocal8Bit();
-    session->m_handle = cdio_open(openName.constData(), chosen->isImage ? DRIVER_UNKNOWN : DRIVER_DEVICE);
+    session->m_handle = openHandle(openPath, chosen->isImage ? DRIVER_UNKNOWN : DRIVER_DEVICE);
     if (!session->m_handle) {
         failure = openingError("No macOS driver found.");
         return nullptr;

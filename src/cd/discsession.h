@@ -50,6 +50,10 @@ public:
     // drive behind our back), so a disc put in next is read afresh.
     static void closeAllBut(const QStringList &volumes);
 
+    // cdio_open, one call at a time: libcdio's cue and toc parsers are not
+    // safe to run on two threads at once.
+    static CdIo_t *openHandle(const QString &path, driver_id_t driver);
+
     // Lets tests stand in a disc mode the images cannot have (a DVD, say);
     // an empty function restores the real reading.
     using DiscModeReader = std::function<discmode_t(CdIo_t *)>;

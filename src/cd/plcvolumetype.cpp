@@ -1,6 +1,8 @@
 #include "cd/plcvolumetype.h"
 
 #include "cd/disclayout.h"
+#include "cd/discsession.h"
+#include "core/paths.h"
 #include "platform/discimages.h"
 #include "platform/volumes.h"
 
@@ -32,19 +34,18 @@ std::unique_ptr<CdIo_t, CdioCloser> openDiscVolume(const QString &volume)
     if (DiscImages::isDiscImageFile(volume)) {
         // libcdio finds a toc's files from the working folder; a copy naming
         // them absolutely is opened instead, whatever the working folder.
-        QTemporaryDir copyFolder;
+        QTemporaryDir copyFolder(Paths::temporaryPath(QStringLiteral("disc-XXXXXX")));
         QString openable = copyFolder.isValid() ? DiscImages::openablePath(volume, copyFolder.path()) : QString();
         if (openable.isEmpty()) {
             openable = volume;
         }
-        return std::unique_ptr<CdIo_t, CdioCloser>(cdio_open(QFile::encodeName(openable).constData(), DRIVER_UNKNOWN));
+        return std::unique_ptr<CdIo_t, CdioCloser>(DiscSession::openHandle(openable, DRIVER_UNKNOWN));
     }
     const auto drive = Volumes::opticalDriveAtPath(volume);
     if (!drive || !drive->hasMedia) {
         return nullptr;
     }
-    return std::unique_ptr<CdIo_t, CdioCloser>(
-        cdio_open(QFile::encodeName(drive->deviceNode).constData(), DRIVER_DEVICE));
+    return std::unique_ptr<CdIo_t, CdioCloser>(DiscSession::openHandle(drive->deviceNode, DRIVER_DEVICE));
 }
 
 } // namespace

@@ -7,18 +7,25 @@
 
 #include "app/splashwindowcontroller.h"
 #include "library/ui/downloadlibrarycontroller.h"
+#include "platform/discimages.h"
 #include "service/lyraboxservice.h"
+#include "session/ui/audiocdmetadatacontroller.h"
 #include "session/ui/filelistitemview.h"
+#include "session/ui/mainwindowcdprompter.h"
 #include "session/ui/mainwindowcontroller.h"
 #include "session/ui/removefilepromptcontroller.h"
+#include "support/clitesting.h"
 #include "support/devserverprocess.h"
+#include "support/discservicesdata.h"
 #include "ui_DownloadLibraryController.h"
 #include "ui_MainWindowController.h"
 #include "widgets/appearance.h"
 
 #include <QApplication>
+#include <QComboBox>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFile>
 #include <QFileDialog>
 #include <QJsonObject>
 #include <QMessageBox>
@@ -211,6 +218,37 @@ int main(int argc, char *argv[])
         shoot(&library, QStringLiteral("13-library-done"));
         library.setWillClose({});
     }
+
+    // The CD road with a slow MusicBrainz: the lookup's overlay and its
+    // Cancel, the album prompt busy with a release picked, and the result
+    // with each track's AccurateRip verdict.
+    ui->resultsStartOverButton->click();
+    step(waitUntil([&] { return window.mainPageType() == MainPageTypeSearch; }), "the Search page again");
+    DiscServicesData::pointAt(server);
+    QTemporaryDir discFolder;
+    const QString sampleDisc = makeSamples(server, discFolder.path());
+    step(!sampleDisc.isEmpty(), "the sample disc's image");
+    const QDir answers(server.dataDirectory() + QStringLiteral("/musicbrainz"));
+    for (const QString &entity : {QStringLiteral("discid"), QStringLiteral("release")}) {
+        for (const QString &name : QDir(answers.filePath(entity)).entryList({QStringLiteral("*.xml")})) {
+            QFile delay(answers.filePath(entity + QLatin1Char('/') + name + QStringLiteral(".delay")));
+            step(delay.open(QIODevice::WriteOnly) && delay.write("2500") > 0, "a slow MusicBrainz");
+        }
+    }
+    DiscImages::insert(sampleDisc);
+    step(waitUntil([&] { return ui->searchUploadCDButton->isVisible(); }), "the sample disc");
+    ui->searchUploadCDButton->click();
+    step(waitUntil([&] { return ui->waitingCancelButton->isVisible(); }), "the lookup's overlay");
+    shoot(&window, QStringLiteral("16-cd-lookup"), 300);
+    step(waitUntil([&] { return window.cdPrompter()->albumPrompt() != nullptr; }), "the album prompt");
+    AudioCDMetadataController *prompt = window.cdPrompter()->albumPrompt();
+    prompt->releasePopUp()->setCurrentIndex(1);
+    step(waitUntil([&] { return prompt->isBusy(); }), "the release lookup");
+    shoot(prompt, QStringLiteral("17-album-prompt-busy"), 300);
+    step(waitUntil([&] { return !prompt->isBusy(); }), "the release picked");
+    prompt->continueButton()->click();
+    step(waitUntil([&] { return window.mainPageType() == MainPageTypeResult; }, 120000), "the end of the CD run");
+    shoot(&window, QStringLiteral("18-cd-result"));
 
     return g_failures == 0 ? 0 : 1;
 }
