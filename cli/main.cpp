@@ -1,3 +1,4 @@
+#include "cd/librarymessages.h"
 #include "cli/commands.h"
 #include "core/appinfo.h"
 #include "core/logger.h"
@@ -57,6 +58,7 @@ int main(int argc, char *argv[])
         args.removeFirst();
     }
     Logger::shared().setEchoToStandardError(verbose);
+    LibraryMessages::routeToLog();
     QTextStream out(stdout);
     QTextStream err(stderr);
     if (args.isEmpty() || args.first() == QLatin1String("--help") || args.first() == QLatin1String("-h")) {

@@ -1,5 +1,6 @@
 #include "app/appdelegate.h"
 #include "app/reportexceptionapplication.h"
+#include "cd/librarymessages.h"
 #include "platform/discimages.h"
 #include "widgets/appearance.h"
 
@@ -20,6 +21,7 @@ int main(int argc, char *argv[])
     QGuiApplication::setDesktopFileName(QStringLiteral("com.lyrabox.pelicane"));
 
     AppDelegate::installLogAlertHandler();
+    LibraryMessages::routeToLog();
     AppDelegate delegate;
     QStringList folders;
     for (const QString &argument : application.arguments().mid(1)) {

@@ -88,7 +88,8 @@ private slots:
 
     // Without MusicBrainz the disc still reads: CD-TEXT. The failure report
     // is kept off the terminal, in the log (on standard error with
-    // --verbose).
+    // --verbose), and so is the XML parser's complaint about an answer that
+    // is no XML.
     void discInfoWithoutMusicBrainz()
     {
         const LogWatch log;
@@ -114,15 +115,37 @@ private slots:
             QVERIFY(log.text().contains(line));
             QVERIFY2(verbose.standardError.contains(line), qPrintable(verbose.standardError));
         }
+
+        const DiscImage unknown =
+            DiscImage::create(m_dir.path(), QStringLiteral("notxml"), DiscImage::audioOptions({150, 160}));
+        QFile answer(m_server.dataDirectory() +
+                     QStringLiteral("/musicbrainz/discid/%1.xml").arg(unknown.musicBrainzDiscId()));
+        QVERIFY(answer.open(QIODevice::WriteOnly) && answer.write("this is <not xml") > 0);
+        answer.close();
+        const ProgramRun garbled = runCli({QStringLiteral("disc-info"), unknown.cuePath()});
+        QCOMPARE(garbled.exitCode, 0);
+        QVERIFY2(garbled.standardError.isEmpty(), qPrintable(garbled.standardError));
+        QVERIFY2(garbled.standardOutput.startsWith(QStringLiteral("Disc ID: ")), qPrintable(garbled.standardOutput));
+        QVERIFY(log.text().contains(QStringLiteral("libxml2: line 1: Start tag expected")));
     }
 
-    void discInfoOfNoDiscAndWrongArguments()
+    void discInfoOfNoDiscDamagedDiscAndWrongArguments()
     {
         const ProgramRun missing = runCli(
             {QStringLiteral("disc-info"), QStringLiteral("--json"), m_dir.filePath(QStringLiteral("missing.cue"))});
         QCOMPARE(missing.exitCode, 1);
         QCOMPARE(missing.json().value("error").toObject().value("code").toInt(), 1000);
         QCOMPARE(missing.json().value("tracks").toArray().size(), 0);
+
+        // An image whose data ends inside a sector: libcdio's warning goes to
+        // the log, not into the JSON.
+        const LogWatch log;
+        const DiscImage cut = DiscImage::create(m_dir.path(), QStringLiteral("cut"), DiscImage::audioOptions({150}));
+        QVERIFY(QFile::resize(cut.binPath(), QFileInfo(cut.binPath()).size() - 1000));
+        const ProgramRun damaged = runCli({QStringLiteral("disc-info"), QStringLiteral("--json"), cut.cuePath()});
+        QVERIFY2(!damaged.json().isEmpty(), qPrintable(damaged.standardOutput));
+        QVERIFY2(damaged.standardError.isEmpty(), qPrintable(damaged.standardError));
+        QVERIFY(log.text().contains(QStringLiteral("libcdio: image ")));
 
         for (const QStringList &wrong : {QStringList{}, QStringList{m_image, QStringLiteral("--release")},
                                          QStringList{m_image, QStringLiteral("--bogus")}}) {
