@@ -13,8 +13,6 @@
 #include <QJsonObject>
 #include <QTextStream>
 
-#include <cstdio>
-
 namespace {
 
 // What a person reads for an absent field (the log's "(null)" is for machines).
@@ -192,13 +190,6 @@ int runDiscInfoCommand(const QStringList &args)
 
     DiscMetadataOptions options;
     options.releaseId = releaseId;
-    if (json) {
-        // Standard output carries the one JSON object only.
-        options.standardOutput = [](const QString &line) {
-            std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
-            std::fflush(stderr);
-        };
-    }
     DiscMetadata result;
     QEventLoop loop;
     PLCAudioCDProcessor::compileDiscMetadataInBackground(volume, trackPaths, options, &loop, {},

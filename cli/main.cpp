@@ -1,3 +1,4 @@
+#include "cd/librarymessages.h"
 #include "cli/commands.h"
 #include "core/appinfo.h"
 #include "core/logger.h"
@@ -58,6 +59,7 @@ int main(int argc, char *argv[])
         args.removeFirst();
     }
     Logger::shared().setEchoToStandardError(verbose);
+    LibraryMessages::routeToLog();
     Paths::removeTemporaryLeftovers();
     QTextStream out(stdout);
     QTextStream err(stderr);

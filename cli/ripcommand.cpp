@@ -144,10 +144,6 @@ int runRipCommand(const QStringList &args)
     }
     DiscMetadataOptions options;
     options.timeoutMs = kMetadataTimeoutMs;
-    options.standardOutput = [&](const QString &line) {
-        status.endLine();
-        err << line << Qt::endl;
-    };
     status.show(QStringLiteral("Looking the disc up..."));
     const DiscMetadata metadata = PLCAudioCDProcessor::compileDiscMetadata(volume, trackPaths.values(), options, {});
     OptionalError openError;

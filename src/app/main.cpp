@@ -1,5 +1,6 @@
 #include "app/appdelegate.h"
 #include "app/reportexceptionapplication.h"
+#include "cd/librarymessages.h"
 #include "core/paths.h"
 #include "platform/discimages.h"
 #include "widgets/appearance.h"
@@ -21,6 +22,7 @@ int main(int argc, char *argv[])
     QGuiApplication::setDesktopFileName(QStringLiteral("com.lyrabox.pelicane"));
 
     AppDelegate::installLogAlertHandler();
+    LibraryMessages::routeToLog();
     Paths::removeTemporaryLeftovers();
     AppDelegate delegate;
     QStringList folders;

@@ -35,7 +35,7 @@ constexpr auto kStopPollInterval = std::chrono::milliseconds(250);
 // failed, and a damaged or missing disc would otherwise be read to its end.
 constexpr int kMaxBadSectors = 75;
 
-// The engine's lines go to the console, not to the log file.
+// The engine's lines go to the log, on the terminal only where the log is echoed.
 void consolePrintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void consolePrintf(const char *format, ...)
 {

@@ -1,5 +1,6 @@
 #include "audio/flacencoder.h"
 
+#include "core/logger.h"
 #include "core/paths.h"
 
 #include <FLAC/metadata.h>
@@ -9,8 +10,6 @@
 #include <QFile>
 #include <QImage>
 #include <QUuid>
-
-#include <cstdio>
 
 namespace {
 
@@ -83,7 +82,7 @@ OptionalError FLACEncoder::configureWithSampleCount(uint64_t sampleCount, const 
     for (int i = 0; i < 3; ++i) {
         m_metadata[i] = FLAC__metadata_object_new(types[i]);
         if (!m_metadata[i]) {
-            std::fputs("ERROR: out of memory or tag error\n", stderr);
+            consoleLog(QStringLiteral("ERROR: out of memory or tag error"));
             break;
         }
     }

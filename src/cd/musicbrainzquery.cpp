@@ -1,5 +1,7 @@
 #include "cd/musicbrainzquery.h"
 
+#include "cd/librarymessages.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <exception>
@@ -36,6 +38,7 @@ MusicBrainz5::CMetadata MusicBrainzQuery::query(const std::string &entity, const
     }
     auto pending = std::make_shared<PendingQuery>();
     std::thread([pending, query = m_query, entity, id, params] {
+        LibraryMessages::routeXmlErrorsToLog();
         std::optional<MusicBrainz5::CMetadata> metadata;
         std::exception_ptr exception;
         try {

@@ -176,11 +176,12 @@ qint64 Logger::size() const
 
 void consoleLog(const QString &line)
 {
-    consoleWrite(line + u'\n');
+    Logger::log(line);
 }
 
 void consoleWrite(const QString &text)
 {
-    std::fputs(text.toLocal8Bit().constData(), stderr);
-    std::fflush(stderr);
+    for (const QStringView line : QStringView(text).split(u'\n', Qt::SkipEmptyParts)) {
+        Logger::log(line.toString());
+    }
 }

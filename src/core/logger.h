@@ -66,7 +66,11 @@ private:
     std::atomic<bool> m_echo{true};
 };
 
-// Text to the system console (standard error), apart from the log file:
-// consoleLog adds the line feed, consoleWrite writes the text as it is.
+// The engines' console lines (the ripper's "Track 1 ripped!", a lookup's
+// failure details). They go to the log like any other line, so they reach
+// standard error only where the log is echoed: always in the window, with
+// --verbose in pelicane-cli, whose terminal is for its own output.
+// consoleLog takes one line; consoleWrite takes text as a C engine prints it
+// and logs each of its lines, a part without a line feed as a line too.
 void consoleLog(const QString &line);
 void consoleWrite(const QString &text);

@@ -9,14 +9,19 @@
 #include <QFile>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <cxxabi.h>
+#include <dlfcn.h>
 #include <exception>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <new>
+#include <pthread.h>
 #include <string>
+#include <sys/mman.h>
 #include <typeinfo>
 #include <unistd.h>
 
@@ -30,9 +35,78 @@ char g_reportPath[4096];
 char g_logPath[4096];
 char g_header[1024];
 std::atomic<bool> g_started{false};
-std::atomic<int> g_handling{0};
-// A stack of its own for the handler, so a stack overflow can be reported too.
-alignas(16) char g_alternateStack[64 * 1024];
+// The thread writing the report, 0 while none is.
+std::atomic<pid_t> g_reportingThread{0};
+
+// --- a stack for the handler on every thread ---------------------------------
+
+// A thread that overflows its stack can only run the handler on a stack of
+// its own, and the kernel keeps one per thread: each thread sets up its own.
+class AlternateStack
+{
+public:
+    ~AlternateStack()
+    {
+        if (m_memory == nullptr) {
+            return;
+        }
+        stack_t off{};
+        off.ss_flags = SS_DISABLE;
+        ::sigaltstack(&off, nullptr);
+        ::munmap(m_memory, m_size);
+    }
+
+    void install()
+    {
+        stack_t current{};
+        if (m_memory != nullptr || ::sigaltstack(nullptr, &current) != 0 || !(current.ss_flags & SS_DISABLE)) {
+            return; // already set up, here or by someone else
+        }
+        const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+        const long minimum = ::sysconf(_SC_MINSIGSTKSZ);
+        size_t usable = 64 * 1024;
+        if (minimum > 0 && size_t(minimum) * 4 > usable) {
+            usable = (size_t(minimum) * 4 + page - 1) / page * page;
+        }
+        // One page more at the bottom, left inaccessible, so a handler that
+        // runs out of room faults instead of writing over a neighbour.
+        const size_t size = usable + page;
+        void *memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+        if (memory == MAP_FAILED) {
+            return;
+        }
+        ::mprotect(memory, page, PROT_NONE);
+        stack_t stack{};
+        stack.ss_sp = static_cast<char *>(memory) + page;
+        stack.ss_size = usable;
+        if (::sigaltstack(&stack, nullptr) != 0) {
+            ::munmap(memory, size);
+            return;
+        }
+        m_memory = memory;
+        m_size = size;
+    }
+
+private:
+    void *m_memory = nullptr;
+    size_t m_size = 0;
+};
+
+thread_local AlternateStack t_alternateStack;
+
+struct ThreadStart
+{
+    void *(*routine)(void *);
+    void *argument;
+};
+
+void *startWithAlternateStack(void *data)
+{
+    const ThreadStart start = *static_cast<ThreadStart *>(data);
+    delete static_cast<ThreadStart *>(data);
+    t_alternateStack.install();
+    return start.routine(start.argument);
+}
 
 // --- async-signal-safe helpers ---------------------------------------------
 
@@ -156,7 +230,7 @@ const char *signalName(int signal)
 }
 
 // The report: what happened, when, and the stack of the thread that died.
-void writeReport(const char *reason, const char *detail)
+void writeReport(const char *reason, const char *detail, pid_t thread)
 {
     if (g_reportPath[0] == '\0') {
         return;
@@ -172,7 +246,11 @@ void writeReport(const char *reason, const char *detail)
     writeText(fd, time);
     writeText(fd, "\nReason: ");
     writeText(fd, reason);
-    writeText(fd, "\n");
+    char threadLine[64];
+    char *end = appendText(threadLine, "\nThread: ");
+    end = appendNumber(end, thread);
+    appendText(end, thread == ::getpid() ? " (main)\n" : "\n");
+    writeText(fd, threadLine);
     if (detail && detail[0] != '\0') {
         writeText(fd, "Description: ");
         writeText(fd, detail);
@@ -237,15 +315,38 @@ void restoreDefaultAndRaise(int signal)
     ::_exit(128 + signal);
 }
 
+// True when the calling thread is to write the report. A second thread that
+// dies meanwhile waits for the first, whose re-raised signal ends the process
+// with its report whole; it gives up after a while in case the first hangs.
+// A crash inside the handler itself ends the process at once.
+bool claimReport(pid_t self)
+{
+    pid_t reporting = 0;
+    if (g_reportingThread.compare_exchange_strong(reporting, self)) {
+        return true;
+    }
+    if (reporting != self) {
+        struct timespec tick
+        {
+            0, 10 * 1000 * 1000
+        };
+        for (int i = 0; i < 1000; ++i) {
+            ::nanosleep(&tick, nullptr);
+        }
+    }
+    return false;
+}
+
 void onFatalSignal(int signal)
 {
-    if (g_handling.exchange(1) == 0) {
+    const pid_t self = ::gettid();
+    if (claimReport(self)) {
         char reason[64];
         char *end = appendText(reason, "signal ");
         end = appendNumber(end, signal);
         end = appendText(end, ", ");
         appendText(end, signalName(signal));
-        writeReport(reason, nullptr);
+        writeReport(reason, nullptr, self);
         writeLogLine(reason);
     }
     restoreDefaultAndRaise(signal);
@@ -253,8 +354,9 @@ void onFatalSignal(int signal)
 
 [[noreturn]] void reportAndAbort(const char *reason, const char *detail)
 {
-    if (g_handling.exchange(1) == 0) {
-        writeReport(reason, detail);
+    const pid_t self = ::gettid();
+    if (claimReport(self)) {
+        writeReport(reason, detail, self);
         std::string logged = std::string(reason) + ": " + detail;
         writeLogLine(logged.c_str());
     }
@@ -299,6 +401,29 @@ void copyPath(char *target, size_t size, const QString &path)
 }
 
 } // namespace
+
+// Threads that libraries start (Qt's pools, std::thread) can be reached only
+// here: the executable's definition comes before libc's when symbols are
+// looked up, so every thread started after the reporter gets its handler
+// stack before running anything.
+extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*routine)(void *),
+                              void *argument) noexcept
+{
+    using Create = int (*)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
+    static const Create create = reinterpret_cast<Create>(::dlsym(RTLD_NEXT, "pthread_create"));
+    if (create == nullptr) {
+        return EAGAIN;
+    }
+    ThreadStart *start = g_started.load() ? new (std::nothrow) ThreadStart{routine, argument} : nullptr;
+    if (start == nullptr) {
+        return create(thread, attributes, routine, argument);
+    }
+    const int result = create(thread, attributes, startWithAlternateStack, start);
+    if (result != 0) {
+        delete start;
+    }
+    return result;
+}
 
 namespace CrashReporter {
 
@@ -346,17 +471,16 @@ void start()
     void *frames[4];
     ::backtrace(frames, 4);
 
-    stack_t stack{};
-    stack.ss_sp = g_alternateStack;
-    stack.ss_size = sizeof(g_alternateStack);
-    ::sigaltstack(&stack, nullptr);
+    t_alternateStack.install();
 
+    // No SA_RESETHAND: a second thread that dies while the first writes the
+    // report must wait in the handler, not end the process half-way.
     struct sigaction action
     {
     };
     action.sa_handler = onFatalSignal;
     sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_ONSTACK | SA_NODEFER | SA_RESETHAND;
+    action.sa_flags = SA_ONSTACK | SA_NODEFER;
     for (int signal : kFatalSignals) {
         ::sigaction(signal, &action, nullptr);
     }

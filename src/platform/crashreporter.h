@@ -3,9 +3,11 @@
 #include <QString>
 
 // Records how the program died. Once started, a fatal signal (SIGSEGV,
-// SIGABRT, SIGBUS, SIGFPE, SIGILL) or std::terminate writes a report with a
-// backtrace to <data folder>/Crashes/ and a log line naming it, and the
-// process then ends as it would have without the reporter.
+// SIGABRT, SIGBUS, SIGFPE, SIGILL) or std::terminate on any thread writes a
+// report with the backtrace of the thread that died to <data folder>/Crashes/
+// and a log line naming it, and the process then ends as it would have
+// without the reporter. Threads started after start() get a stack of their
+// own for the handler, so a stack overflow is reported too.
 //
 // Everything a signal handler needs (file names, texts) is prepared by
 // start(); the handlers themselves only use async-signal-safe calls.

@@ -1,16 +1,22 @@
 // Crashes in the way named by its argument, with the crash reporter running:
 //   segv       a write through a null pointer
 //   exception  a std::runtime_error thrown from an event handler
+//   workers    four thread-pool workers write through a null pointer at once,
+//              while another thread keeps logging (so holds the log's lock
+//              and allocates)
+//   overflow   a std::thread overflows its stack
 #include "app/reportexceptionapplication.h"
 #include "core/logger.h"
 #include "platform/crashreporter.h"
 
 #include <QEvent>
+#include <QThreadPool>
 #include <QTimer>
 
 #include <cstdio>
 #include <stdexcept>
 #include <sys/resource.h>
+#include <thread>
 
 namespace {
 
@@ -26,16 +32,25 @@ public:
     }
 };
 
-// Read through a volatile pointer, so the compiler cannot see that it is null
-// and turn the write into a trap of another kind.
+// Read through volatiles, so the compiler can see neither that the pointer is
+// null nor that the recursion never ends.
 int *volatile g_nowhere = nullptr;
+volatile long g_depthLimit = 1L << 40;
 
+} // namespace
+
+// Outside the anonymous namespace: exported, so the report names them.
 [[gnu::noinline]] void writeThroughNull()
 {
     *g_nowhere = 42;
 }
 
-} // namespace
+[[gnu::noinline]] long overflowStack(long depth)
+{
+    volatile char frame[4096];
+    frame[0] = char(depth);
+    return depth < g_depthLimit ? overflowStack(depth + 1) + frame[0] : 0;
+}
 
 int main(int argc, char *argv[])
 {
@@ -58,6 +73,18 @@ int main(int argc, char *argv[])
         ThrowingObject object;
         QTimer::singleShot(0, &object, [&object] { QCoreApplication::postEvent(&object, new QEvent(QEvent::User)); });
         return application.exec();
+    } else if (mode == QLatin1String("workers")) {
+        std::thread([] {
+            for (;;) {
+                Logger::log(QStringLiteral("crash helper: busy"));
+            }
+        }).detach();
+        for (int i = 0; i < 4; ++i) {
+            QThreadPool::globalInstance()->start([] { writeThroughNull(); });
+        }
+        QThreadPool::globalInstance()->waitForDone();
+    } else if (mode == QLatin1String("overflow")) {
+        std::thread([] { overflowStack(0); }).join();
     }
     return 3;
 }

@@ -78,16 +78,28 @@ private slots:
         QTest::addColumn<QString>("mode");
         QTest::addColumn<int>("signal");
         QTest::addColumn<QString>("reason"); // as the report and the log line name it
-        QTest::newRow("fatal signal") << QStringLiteral("segv") << int(SIGSEGV) << QStringLiteral("signal 11, SIGSEGV");
+        QTest::addColumn<QString>("frame");  // found in the backtrace
+        QTest::addColumn<bool>("mainThread");
+        const QString segv = QStringLiteral("signal 11, SIGSEGV");
+        QTest::newRow("fatal signal") << QStringLiteral("segv") << int(SIGSEGV) << segv
+                                      << QStringLiteral("writeThroughNull") << true;
+        // Several at once, while another thread holds the log's lock.
+        QTest::newRow("fatal signal on pool workers")
+            << QStringLiteral("workers") << int(SIGSEGV) << segv << QStringLiteral("writeThroughNull") << false;
+        QTest::newRow("stack overflow on a thread")
+            << QStringLiteral("overflow") << int(SIGSEGV) << segv << QStringLiteral("overflowStack") << false;
         QTest::newRow("exception from an event handler")
             << QStringLiteral("exception") << int(SIGABRT)
-            << QStringLiteral("uncaught exception: std::runtime_error: boom from an event handler");
+            << QStringLiteral("uncaught exception: std::runtime_error: boom from an event handler")
+            << QStringLiteral("crashhelper") << true;
     }
     void crashesLeaveOneReport()
     {
         QFETCH(QString, mode);
         QFETCH(int, signal);
         QFETCH(QString, reason);
+        QFETCH(QString, frame);
+        QFETCH(bool, mainThread);
         QTemporaryDir home;
         QVERIFY(home.isValid());
         const Outcome outcome = crash(mode, home);
@@ -98,10 +110,12 @@ private slots:
         const QString crashes = home.path() + QStringLiteral("/com.lyrabox.pelicane/Crashes");
         QCOMPARE(QDir(crashes).entryList(QDir::Files).size(), 1);
         QVERIFY2(outcome.contents.startsWith(QStringLiteral("Pelicane for Mac v")), qPrintable(outcome.contents));
+        QCOMPARE(outcome.contents.contains(QRegularExpression(QStringLiteral("\nThread: \\d+ \\(main\\)\n"))),
+                 mainThread);
+        // The helper's own frame is in the trace.
+        QVERIFY2(outcome.contents.contains(frame), qPrintable(outcome.contents));
         if (signal == SIGSEGV) {
             QVERIFY(outcome.contents.contains(QStringLiteral("Reason: signal 11, SIGSEGV\n")));
-            // The helper's own frame is in the trace.
-            QVERIFY2(outcome.contents.contains(QStringLiteral("crashhelper")), qPrintable(outcome.contents));
         } else {
             QVERIFY(outcome.contents.contains(QStringLiteral("Reason: uncaught exception\n")));
             QVERIFY2(outcome.contents.contains(QStringLiteral("Description: ") +

@@ -3,6 +3,7 @@
 #include "support/discimage.h"
 #include "support/discservicesdata.h"
 #include "support/flactools.h"
+#include "support/logtesting.h"
 
 #include <QDir>
 #include <QFile>
@@ -85,10 +86,13 @@ private slots:
         QVERIFY(chosen.standardOutput.contains(QStringLiteral("year 2021")));
     }
 
-    // Without MusicBrainz the disc still reads: CD-TEXT, and the failure
-    // report kept off the JSON.
+    // Without MusicBrainz the disc still reads: CD-TEXT. The failure report
+    // is kept off the terminal, in the log (on standard error with
+    // --verbose), and so is the XML parser's complaint about an answer that
+    // is no XML.
     void discInfoWithoutMusicBrainz()
     {
+        const LogWatch log;
         QTcpServer closed;
         QVERIFY(closed.listen(QHostAddress::LocalHost));
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -102,17 +106,46 @@ private slots:
         QCOMPARE(json.value("tracks").toArray()[1].toObject().value("title").toString(), QStringLiteral("GULL SONG"));
         QCOMPARE(json.value("error").toObject().value("code").toInt(), 1001);
         QCOMPARE(json.value("releaseId").type(), QJsonValue::Null);
-        QVERIFY(run.standardError.contains(QStringLiteral("Connection Exception: '")));
         QVERIFY(run.elapsedMs < 30000);
+        const ProgramRun verbose =
+            runCli({QStringLiteral("--verbose"), QStringLiteral("disc-info"), m_image}, environment);
+        QVERIFY(verbose.standardOutput.startsWith(QStringLiteral("Disc ID: ")));
+        for (const QString &line : {QStringLiteral("Connection Exception: '"), QStringLiteral("LastResult: 1")}) {
+            QVERIFY2(!run.standardError.contains(line), qPrintable(run.standardError));
+            QVERIFY(log.text().contains(line));
+            QVERIFY2(verbose.standardError.contains(line), qPrintable(verbose.standardError));
+        }
+
+        const DiscImage unknown =
+            DiscImage::create(m_dir.path(), QStringLiteral("notxml"), DiscImage::audioOptions({150, 160}));
+        QFile answer(m_server.dataDirectory() +
+                     QStringLiteral("/musicbrainz/discid/%1.xml").arg(unknown.musicBrainzDiscId()));
+        QVERIFY(answer.open(QIODevice::WriteOnly) && answer.write("this is <not xml") > 0);
+        answer.close();
+        const ProgramRun garbled = runCli({QStringLiteral("disc-info"), unknown.cuePath()});
+        QCOMPARE(garbled.exitCode, 0);
+        QVERIFY2(garbled.standardError.isEmpty(), qPrintable(garbled.standardError));
+        QVERIFY2(garbled.standardOutput.startsWith(QStringLiteral("Disc ID: ")), qPrintable(garbled.standardOutput));
+        QVERIFY(log.text().contains(QStringLiteral("libxml2: line 1: Start tag expected")));
     }
 
-    void discInfoOfNoDiscAndWrongArguments()
+    void discInfoOfNoDiscDamagedDiscAndWrongArguments()
     {
         const ProgramRun missing = runCli(
             {QStringLiteral("disc-info"), QStringLiteral("--json"), m_dir.filePath(QStringLiteral("missing.cue"))});
         QCOMPARE(missing.exitCode, 1);
         QCOMPARE(missing.json().value("error").toObject().value("code").toInt(), 1000);
         QCOMPARE(missing.json().value("tracks").toArray().size(), 0);
+
+        // An image whose data ends inside a sector: libcdio's warning goes to
+        // the log, not into the JSON.
+        const LogWatch log;
+        const DiscImage cut = DiscImage::create(m_dir.path(), QStringLiteral("cut"), DiscImage::audioOptions({150}));
+        QVERIFY(QFile::resize(cut.binPath(), QFileInfo(cut.binPath()).size() - 1000));
+        const ProgramRun damaged = runCli({QStringLiteral("disc-info"), QStringLiteral("--json"), cut.cuePath()});
+        QVERIFY2(!damaged.json().isEmpty(), qPrintable(damaged.standardOutput));
+        QVERIFY2(damaged.standardError.isEmpty(), qPrintable(damaged.standardError));
+        QVERIFY(log.text().contains(QStringLiteral("libcdio: image ")));
 
         for (const QStringList &wrong : {QStringList{}, QStringList{m_image, QStringLiteral("--release")},
                                          QStringList{m_image, QStringLiteral("--bogus")}}) {
@@ -156,8 +189,11 @@ private slots:
         QVERIFY(text.contains(QStringLiteral("Track 03\n  Sectors:      600-899 (300)\n")));
         QCOMPARE(text.count(QStringLiteral("Verification: accurately ripped (confidence 12)")), 3);
         QVERIFY(text.contains(QStringLiteral("All 3 tracks ripped without error.")));
-        QVERIFY(readAll(QFileInfo(log).absolutePath() + QStringLiteral("/../Pelicane.log"))
-                    .contains(QStringLiteral("Rip log written to ") + log));
+        const QString applicationLog = readAll(QFileInfo(log).absolutePath() + QStringLiteral("/../Pelicane.log"));
+        QVERIFY(applicationLog.contains(QStringLiteral("Rip log written to ") + log));
+        // The ripper's own lines are the log's, not the terminal's.
+        QVERIFY(applicationLog.contains(QStringLiteral(": Track 3 ripped!\n")));
+        QVERIFY2(!run.standardError.contains(QStringLiteral("ripped!")), qPrintable(run.standardError));
 
         // Chosen tracks only, with an offset: the audio moves by it, so the
         // database no longer vouches for it.
