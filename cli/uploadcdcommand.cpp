@@ -241,6 +241,9 @@ public:
     void promptAlbum(const AlbumPromptInput &input, std::function<void(const QString &)>,
                      std::function<void(int, const AlbumPromptResult &)> done) override
     {
+        if (!input.notice.isEmpty()) {
+            QTextStream(stderr) << input.notice << Qt::endl;
+        }
         const bool interactive = !m_options.yes && ::isatty(STDIN_FILENO);
         const auto value = [&](const std::optional<QString> &given, const QString &found, const QString &question) {
             if (given) {
@@ -263,7 +266,13 @@ public:
         done(1, album);
     }
     void refillAlbumPrompt(const AlbumPromptInput &) override {}
-    void setAlbumPromptBusy(bool, const QString &) override {}
+    // What failed in a lookup is said; the run goes on with what was found.
+    void setAlbumPromptBusy(bool busy, const QString &message) override
+    {
+        if (!busy && !message.isEmpty()) {
+            QTextStream(stderr) << message << Qt::endl;
+        }
+    }
     void selectAlbumPromptRelease(const QString &) override {}
 
 private:

@@ -285,8 +285,14 @@ void AudioCDFlow::compiled(const Compiled &result)
     }
     QPointer<AudioCDFlow> self(this);
     const quint64 sequence = m_sequence;
+    AlbumPromptInput input = promptInput();
+    if (metadata.lookupError) {
+        // Said, so an empty picker is not taken for an unknown disc.
+        input.notice = metadata.lookupError->localizedDescription() +
+                       QStringLiteral(". The album data comes from the disc itself.");
+    }
     m_prompter->promptAlbum(
-        promptInput(),
+        input,
         [self, sequence](const QString &releaseId) {
             if (self && self->m_sequence == sequence) {
                 self->pickRelease(releaseId);
@@ -297,12 +303,6 @@ void AudioCDFlow::compiled(const Compiled &result)
                 self->albumPromptEnded(result, album);
             }
         });
-    if (metadata.lookupError) {
-        // The releases could not be asked for: the prompt says so, so an
-        // empty picker is not taken for an unknown disc.
-        m_prompter->setAlbumPromptBusy(false, metadata.lookupError->localizedDescription() +
-                                                  QStringLiteral(". The album data comes from the disc itself."));
-    }
 }
 
 void AudioCDFlow::pickRelease(const QString &releaseId)

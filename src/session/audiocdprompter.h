@@ -21,6 +21,9 @@ struct AlbumPromptInput
     std::optional<QByteArray> artwork;  // absent: the default artwork
     QList<ReleaseCandidate> releases;
     QString releaseId;
+    // What the user should know about the lookup (MusicBrainz could not be
+    // asked, say); empty when all went well.
+    QString notice;
 };
 
 // What the user confirmed in the album prompt.

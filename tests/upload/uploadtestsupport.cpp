@@ -68,7 +68,9 @@ makeReportingOperation(const AsyncUploadRequestConfiguration &configuration, Upl
                        const AsyncUploadRequestOperation::Timeouts &timeouts)
 {
     auto operation = std::make_shared<AsyncUploadRequestOperation>(configuration, timeouts);
-    auto onMain = [reports] { reports->offMainThread |= QThread::currentThread() != qApp->thread(); };
+    auto onMain = [reports] {
+        reports->offMainThread |= QThread::currentThread() != QCoreApplication::instance()->thread();
+    };
     operation->ripProgressBlock = [reports, onMain](double fraction) {
         onMain();
         reports->rip << fraction;

@@ -154,6 +154,7 @@ void AudioCDMetadataController::fill(const AlbumPromptInput &input)
     setDiscNumber(input.discNumber ? std::optional<qint64>(*input.discNumber) : std::nullopt);
     setAlbumArtwork(input.artwork);
     setReleases(input.releases, input.releaseId);
+    setBusy(false, input.notice);
 }
 
 void AudioCDMetadataController::setBusy(bool busy, const QString &message)
