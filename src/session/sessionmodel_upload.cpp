@@ -37,8 +37,8 @@ LyraboxService *service()
 
 const char *const kExternalDriveText =
     "If you experience issues uploading and are using a NAS, USB or other external or network storage device. "
-    "Open System Preferences > Security & Privacy > Privacy > Full Disk Access, click the + button, then add "
-    "Pelicane app to the list. Contact us if you have any questions at ";
+    "Check that the drive is mounted and that your user can read the files on it. Contact us if you have any "
+    "questions at ";
 
 } // namespace
 
