@@ -1,10 +1,6 @@
 #include "audio/accuraterip.h"
 
-#include <QEventLoop>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
-#include <QTimer>
+#include "protocol/blockingget.h"
 
 #include <algorithm>
 #include <memory>
@@ -175,54 +171,29 @@ Lookup fetch(const DiscIds &ids, const QUrl &root, int timeoutMs)
         lookup.error = QStringLiteral("the database address %1 is not an http address").arg(url.toString());
         return lookup;
     }
-    QNetworkAccessManager manager;
-    QNetworkRequest request(url);
-    request.setTransferTimeout(timeoutMs);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
-    std::unique_ptr<QNetworkReply> reply(manager.get(request));
-    QEventLoop loop;
-    QTimer deadline;
-    deadline.setSingleShot(true);
-    bool timedOut = false;
-    bool tooLarge = false;
-    QObject::connect(&deadline, &QTimer::timeout, &loop, [&] {
-        timedOut = true;
-        reply->abort();
-    });
-    QObject::connect(reply.get(), &QNetworkReply::downloadProgress, &loop, [&](qint64 received, qint64) {
-        if (received > kMaxAnswerBytes) {
-            tooLarge = true;
-            reply->abort();
-        }
-    });
-    QObject::connect(reply.get(), &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    deadline.start(timeoutMs);
-    if (!reply->isFinished()) {
-        loop.exec();
-    }
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (tooLarge) {
+    const BlockingGet::Answer answer = BlockingGet::get(url, timeoutMs, kMaxAnswerBytes);
+    switch (answer.failure) {
+    case BlockingGet::Answer::Failure::TooLarge:
         lookup.error = QStringLiteral("the database's answer is too large");
         return lookup;
-    }
-    if (timedOut || reply->error() == QNetworkReply::OperationCanceledError ||
-        reply->error() == QNetworkReply::TimeoutError) {
+    case BlockingGet::Answer::Failure::TimedOut:
         lookup.error = QStringLiteral("the database did not answer within %1 seconds").arg(timeoutMs / 1000.0);
         return lookup;
+    case BlockingGet::Answer::Failure::Transport:
+        lookup.error = QStringLiteral("the database could not be reached: %1").arg(answer.error);
+        return lookup;
+    default:
+        break;
     }
-    if (status == 404) {
+    if (answer.status == 404) {
         lookup.status = Lookup::Status::NotInDatabase;
         return lookup;
     }
-    if (reply->error() != QNetworkReply::NoError) {
-        lookup.error = QStringLiteral("the database could not be reached: %1").arg(reply->errorString());
+    if (answer.status != 200) {
+        lookup.error = QStringLiteral("the database answered HTTP %1").arg(answer.status);
         return lookup;
     }
-    if (status != 200) {
-        lookup.error = QStringLiteral("the database answered HTTP %1").arg(status);
-        return lookup;
-    }
-    if (!parseEntries(reply->readAll(), ids, &lookup.entries, &lookup.error)) {
+    if (!parseEntries(answer.body, ids, &lookup.entries, &lookup.error)) {
         return lookup;
     }
     lookup.status = Lookup::Status::Found;

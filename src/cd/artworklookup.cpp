@@ -1,21 +1,16 @@
 #include "cd/artworklookup.h"
 
 #include "core/logger.h"
+#include "protocol/blockingget.h"
 #include "protocol/endpoints.h"
-#include "protocol/transporterror.h"
 #include "protocol/urlencoding.h"
 
 #include <QBuffer>
-#include <QEventLoop>
 #include <QImage>
 #include <QImageWriter>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
-#include <QTimer>
 
 namespace {
 
@@ -23,53 +18,12 @@ namespace {
 const char *const kDiscogsKey = "qWeRtYuIoPaSdFgHjKlZ";
 const char *const kDiscogsSecret = "AbCdEfGhIjKlMnOpQrStUvWxYzAbCdEf";
 
-struct Fetched
-{
-    QByteArray body;
-    int status = 0;      // the HTTP status, 0 without an answer
-    QString error;       // the failure's description; empty on success
-    bool failed = false; // no answer, or an HTTP error status
-};
+// Larger answers are no cover anybody meant to send.
+constexpr qint64 kMaxAnswerBytes = 32 << 20;
 
-// One blocking GET on the calling thread, redirects followed (never from
-// HTTPS down to HTTP), the whole exchange bounded by timeoutMs.
-Fetched fetch(QNetworkAccessManager &manager, const QUrl &url, int timeoutMs)
+BlockingGet::Answer fetch(const QUrl &url, int timeoutMs)
 {
-    QNetworkRequest request(url);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Lyrabox Pelicane"));
-    QNetworkReply *reply = manager.get(request);
-    QEventLoop loop;
-    QTimer bound;
-    bound.setSingleShot(true);
-    bool timedOut = false;
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    QObject::connect(&bound, &QTimer::timeout, &loop, [&] {
-        timedOut = true;
-        reply->abort();
-    });
-    bound.start(timeoutMs);
-    if (!reply->isFinished()) {
-        loop.exec();
-    }
-    bound.stop();
-
-    Fetched result;
-    result.body = reply->readAll();
-    result.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (timedOut) {
-        result.failed = true;
-        result.error =
-            TransportError::errorForNetworkError(QNetworkReply::TimeoutError, QString()).localizedDescription();
-    } else if (const OptionalError error = TransportError::errorForReply(reply)) {
-        result.failed = true;
-        result.error = error->localizedDescription();
-    } else if (result.status >= 400) {
-        result.failed = true;
-        result.error = reply->errorString();
-    }
-    reply->deleteLater();
-    return result;
+    return BlockingGet::get(url, timeoutMs, kMaxAnswerBytes);
 }
 
 QString baseOf(const QUrl &url)
@@ -88,8 +42,7 @@ void setArtworkOnEveryRecord(QHash<QString, PLCID3Tag> &tags, const QByteArray &
     }
 }
 
-bool lookUpCoverArtArchive(QNetworkAccessManager &manager, const QString &releaseId, QHash<QString, PLCID3Tag> &tags,
-                           int timeoutMs)
+bool lookUpCoverArtArchive(const QString &releaseId, QHash<QString, PLCID3Tag> &tags, int timeoutMs)
 {
     Logger::log(QStringLiteral("Searching CoverArtArchive for artwork..."));
     if (releaseId.isEmpty()) {
@@ -98,7 +51,7 @@ bool lookUpCoverArtArchive(QNetworkAccessManager &manager, const QString &releas
     }
     const QUrl url =
         QUrl(baseOf(Endpoints::coverArtURL()) + QStringLiteral("/release/") + releaseId + QStringLiteral("/front"));
-    const Fetched fetched = fetch(manager, url, timeoutMs);
+    const BlockingGet::Answer fetched = fetch(url, timeoutMs);
     // Whatever body came is looked at, as a plain read of the address would:
     // an error page then fails as an image, not as a fetch.
     if (fetched.body.isEmpty()) {
@@ -124,8 +77,7 @@ bool lookUpCoverArtArchive(QNetworkAccessManager &manager, const QString &releas
     return true;
 }
 
-bool lookUpDiscogs(QNetworkAccessManager &manager, QHash<QString, PLCID3Tag> &tags, const QString &firstPath,
-                   int timeoutMs)
+bool lookUpDiscogs(QHash<QString, PLCID3Tag> &tags, const QString &firstPath, int timeoutMs)
 {
     Logger::log(QStringLiteral("Searching Discogs for artwork..."));
     const auto first = tags.constFind(firstPath);
@@ -141,8 +93,8 @@ bool lookUpDiscogs(QNetworkAccessManager &manager, QHash<QString, PLCID3Tag> &ta
                           QStringLiteral("&secret=") + QLatin1String(kDiscogsSecret);
     const QUrl url =
         QUrl::fromEncoded((baseOf(Endpoints::discogsURL()) + QStringLiteral("/database/search?") + query).toUtf8());
-    const Fetched search = fetch(manager, url, timeoutMs);
-    if (search.failed) {
+    const BlockingGet::Answer search = fetch(url, timeoutMs);
+    if (search.failed()) {
         Logger::log(QStringLiteral(" - Discogs: Error searching: ") + search.error);
         return false;
     }
@@ -163,8 +115,8 @@ bool lookUpDiscogs(QNetworkAccessManager &manager, QHash<QString, PLCID3Tag> &ta
         Logger::log(QStringLiteral(" - Discogs: No cover image found"));
         return false;
     }
-    const Fetched image = fetch(manager, coverURL, timeoutMs);
-    if (image.failed || image.body.isEmpty()) {
+    const BlockingGet::Answer image = fetch(coverURL, timeoutMs);
+    if (image.failed() || image.body.isEmpty()) {
         const QString reason = image.error.isEmpty() ? QStringLiteral("The answer was empty.") : image.error;
         Logger::log(QStringLiteral(" - Image load error: ") + reason);
         return false;
@@ -213,13 +165,12 @@ QString sourceName(Source source)
 
 Source lookUp(const QString &releaseId, QHash<QString, PLCID3Tag> &tags, const QString &firstPath, int timeoutMs)
 {
-    QNetworkAccessManager manager;
-    if (lookUpCoverArtArchive(manager, releaseId, tags, timeoutMs)) {
+    if (lookUpCoverArtArchive(releaseId, tags, timeoutMs)) {
         // Logs that Discogs is not needed.
-        lookUpDiscogs(manager, tags, firstPath, timeoutMs);
+        lookUpDiscogs(tags, firstPath, timeoutMs);
         return Source::CoverArtArchive;
     }
-    return lookUpDiscogs(manager, tags, firstPath, timeoutMs) ? Source::Discogs : Source::None;
+    return lookUpDiscogs(tags, firstPath, timeoutMs) ? Source::Discogs : Source::None;
 }
 
 } // namespace ArtworkLookup
