@@ -3,7 +3,6 @@
 #include "protocol/blockingget.h"
 
 #include <algorithm>
-#include <memory>
 
 namespace {
 
