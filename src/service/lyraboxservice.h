@@ -115,19 +115,6 @@ public:
     void uploadFile(const QString &filePath, const std::optional<PLCID3Tag> &ID3Tags = std::nullopt,
                     bool isRetry = false);
 
-    // The whole library in one request (lyraboxservice_download.cpp), moved
-    // into "LyraboxLibrary-<seconds since 1970>/Library.zip" inside
-    // `destination`. Progress: the fraction received (-1.0 without an
-    // estimate) and bytes per second (-1 in the first second). The completion
-    // comes once. The library window uses segment requests instead.
-    using DownloadLibraryProgress = std::function<void(double fraction, qint64 bytesPerSecond)>;
-    using DownloadLibraryCompletion = std::function<void(const std::optional<QUrl> &file, const OptionalError &error)>;
-    void downloadLibraryWithURL(const QUrl &destination, DownloadLibraryProgress progress,
-                                DownloadLibraryCompletion completion);
-    // Cancels the running library download; its completion gets the cancellation error.
-    void cancelDownloadLibrary();
-    qint64 downloadLibraryEstimatedBytes() const { return m_downloadLibraryEstimatedBytes; }
-
     // How long a request may go without any byte moving before it fails as timed out.
     // Tests shorten it.
     int requestTimeoutMs() const { return m_requestTimeoutMs; }
@@ -190,8 +177,4 @@ private:
     QString m_createTagName;
     bool m_reuploadDuplicates = false;
     bool m_didShowNetworkDrivePermissionError = false;
-    struct DownloadLibraryTask;
-    void writeDownloadLibraryData(DownloadLibraryTask *task);
-    std::shared_ptr<DownloadLibraryTask> m_downloadLibraryTask;
-    qint64 m_downloadLibraryEstimatedBytes = 0;
 };
