@@ -10,7 +10,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
-#include <QThreadPool>
 
 #include <cdio/cdio.h>
 
@@ -111,51 +110,6 @@ bool PLCVolumeType::isDiskAtURL(const QUrl &url)
 QString PLCVolumeType::BSDNameOfDiskAtURL(const QUrl &url)
 {
     return descriptionForDiskKey(DiskDescriptionKey::MediaBSDName, url).toString();
-}
-
-bool PLCVolumeType::ejectDiskAtURL(const QUrl &url, DiskCallback callback, void *context)
-{
-    const QString path = localPath(url);
-    if (path.isEmpty()) {
-        return false;
-    }
-    if (DiscImages::isDiscImageFile(path) || DiscImages::contains(path)) {
-        const QString image = DiscImages::normalizedPath(path);
-        QThreadPool::globalInstance()->start([image, callback, context] {
-            DiscImages::eject(image);
-            if (callback) {
-                callback(image, std::nullopt, context);
-            }
-        });
-        return true;
-    }
-    const auto drive = Volumes::opticalDriveAtPath(path);
-    if (!drive) {
-        return false;
-    }
-    const QString node = drive->deviceNode;
-    QThreadPool::globalInstance()->start([node, callback, context] {
-        QString message;
-        const bool ejected = Volumes::ejectDrive(node, &message);
-        if (callback) {
-            callback(node, ejected ? OptionalError() : OptionalError(Error::errorWithMessage(message)), context);
-        }
-    });
-    return true;
-}
-
-void PLCVolumeType::registerDiskAppearedCallback(DiskCallback callback, void *context)
-{
-    Volumes::VolumeMonitor *monitor = volumeMonitor();
-    QObject::connect(monitor, &Volumes::VolumeMonitor::diskAppeared, monitor,
-                     [callback, context](const QString &node) { callback(node, std::nullopt, context); });
-}
-
-void PLCVolumeType::registerDiskDisappearedCallback(DiskCallback callback, void *context)
-{
-    Volumes::VolumeMonitor *monitor = volumeMonitor();
-    QObject::connect(monitor, &Volumes::VolumeMonitor::diskDisappeared, monitor,
-                     [callback, context](const QString &node) { callback(node, std::nullopt, context); });
 }
 
 bool PLCVolumeType::isExternalDrive(const QUrl &url)

@@ -33,11 +33,9 @@ public:
         VolumePath,   // the disc volume, or the mount point holding the path
     };
 
-    // diskPath is the device node or the image path; dissenter is the reason
-    // an eject failed.
-    using DiskCallback = void (*)(const QString &diskPath, const OptionalError &dissenter, void *context);
-
-    // The shared drive monitor, made once on first use.
+    // The shared drive monitor, made once on first use; its signals say when
+    // a drive or its disc comes or goes. Discs are ejected through
+    // DiscSession, which waits for whatever reads them.
     static Volumes::VolumeMonitor *volumeMonitor();
 
     // The value of key for the disk behind url, or an invalid QVariant: always
@@ -52,15 +50,6 @@ public:
 
     // The device behind the volume holding url; for an image, its path.
     static QString BSDNameOfDiskAtURL(const QUrl &url);
-
-    // Starts ejecting the disc volume at url and reports through callback, on
-    // a worker thread. False, without a report, when url is no disc volume.
-    // An image is simply taken out of the list of inserted discs.
-    static bool ejectDiskAtURL(const QUrl &url, DiskCallback callback, void *context);
-
-    // Called on the main thread when a drive or its disc comes or goes.
-    static void registerDiskAppearedCallback(DiskCallback callback, void *context);
-    static void registerDiskDisappearedCallback(DiskCallback callback, void *context);
 
     // True when url lies on a volume mounted under /media/, /run/media/ or
     // /mnt/ (a plain text-prefix test against each mount point).

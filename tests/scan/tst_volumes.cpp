@@ -1,10 +1,10 @@
+#include "cd/discsession.h"
 #include "cd/plcvolumetype.h"
 #include "platform/discimages.h"
 #include "platform/volumes.h"
 #include "support/discimage.h"
 
 #include <QDir>
-#include <QSemaphore>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -152,22 +152,7 @@ private slots:
         // Drives (none here, or whatever this machine holds) come first.
         QCOMPARE(listing.volumes.mid(listing.volumes.size() - 2), (QStringList{first.cuePath(), second.cuePath()}));
 
-        struct Report
-        {
-            QSemaphore done;
-            QString disk;
-            OptionalError error = Error::errorWithMessage(QStringLiteral("not called"));
-        } report;
-        const auto callback = [](const QString &disk, const OptionalError &error, void *context) {
-            auto *r = static_cast<Report *>(context);
-            r->disk = disk;
-            r->error = error;
-            r->done.release();
-        };
-        QVERIFY(PLCVolumeType::ejectDiskAtURL(QUrl::fromLocalFile(first.cuePath()), callback, &report));
-        QVERIFY(report.done.tryAcquire(1, 30000));
-        QCOMPARE(report.disk, first.cuePath());
-        QVERIFY(!report.error);
+        QVERIFY(!DiscSession::eject(first.cuePath()));
         listing = PLCVolumeType::discVolumes();
         QVERIFY(!listing.volumes.contains(first.cuePath()));
         QVERIFY(listing.volumes.contains(second.cuePath()));
