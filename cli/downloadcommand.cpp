@@ -67,8 +67,9 @@ void printUsage(QTextStream &out)
            "\n"
            "Downloads the whole library into FOLDER/My Lyrabox Library. An interrupted\n"
            "download continues where it stopped when the same command runs again.\n"
-           "A segment that fails is tried again every 5 seconds for as long as it takes;\n"
-           "a folder that cannot be written ends the run with exit status 1.\n"
+           "A segment that fails is tried again every 5 seconds for as long as it takes\n"
+           "(a line each minute tells how long the service has not answered); a folder\n"
+           "that cannot be written ends the run with exit status 1.\n"
            "The account is read from PELICANE_EMAIL and PELICANE_PASSWORD, or asked for.\n";
 }
 
@@ -129,6 +130,10 @@ int runDownloadLibraryCommand(const QStringList &args)
         printer.endLine();
         err << "pelicane-cli: " << error.localizedDescription() << Qt::endl;
         finish(1);
+    });
+    QObject::connect(&model, &DownloadLibraryModel::serviceSilent, &loop, [&](const QString &notice) {
+        printer.endLine();
+        err << notice << Qt::endl;
     });
     QObject::connect(&model, &DownloadLibraryModel::extractionFailed, &loop, [&](const QString &, const Error &error) {
         printer.endLine();

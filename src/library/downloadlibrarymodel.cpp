@@ -208,6 +208,7 @@ void DownloadLibraryModel::trackCountReceived(qint64 count)
     Logger::log(QStringLiteral(" - Scheduled %1 chunks").arg(chunks.size()));
     m_runTracks = count - start;
     m_clock.start();
+    m_lastAnswer.start();
     m_meter.restart(0);
     m_meterTick.start();
     m_view.actionText = QStringLiteral("Downloading Library...");
@@ -301,6 +302,9 @@ void DownloadLibraryModel::chunkProgress(ChunkProgress &progress)
 {
     // Allow the next report to be queued before reading, so no write goes unreported.
     progress.reportQueued = false;
+    if (progress.bytes > m_currentBytes) {
+        m_lastAnswer.start();
+    }
     m_currentBytes = progress.bytes;
     m_currentSpeed = progress.speed;
     m_currentEstimatedBytes = progress.estimatedBytes;
@@ -317,6 +321,10 @@ void DownloadLibraryModel::chunkFinished(qint64 offset, qint64 length, const std
     if (unwritable) {
         stopForDestination(*unwritable);
         return;
+    }
+    // Transport failures have negative codes; anything else came from the service.
+    if (!error || error->code() >= 0) {
+        m_lastAnswer.start();
     }
     if (!error) {
         ++m_downloadsCompleted;
@@ -539,10 +547,23 @@ void DownloadLibraryModel::updateDownloadProgress()
     QString text = QStringLiteral("Segment %1 of %2")
                        .arg(std::min(m_downloadsCompleted + 1, m_downloadsScheduled))
                        .arg(m_downloadsScheduled);
-    if (m_downloadsCompleted == m_downloadsScheduled) {
+    const qint64 silentMinutes = m_lastAnswer.isValid() && m_downloadsCompleted < m_downloadsScheduled
+                                     ? m_lastAnswer.elapsed() / kSilenceNoticeMilliseconds
+                                     : 0;
+    bool tell = false;
+    if (silentMinutes > 0) {
+        // Retries go on without a bound; the user learns why nothing moves.
+        text = QStringLiteral("The service has not answered for %1 min; still trying").arg(silentMinutes);
+        tell = silentMinutes != m_silentMinutesTold;
+    } else if (m_downloadsCompleted == m_downloadsScheduled) {
         text = QStringLiteral("All %1 segments downloaded").arg(m_downloadsScheduled);
     } else if (m_meter.totalBytes() > 0) {
         text += QStringLiteral(": ") + m_meter.progressText(m_totalEstimated);
+    }
+    m_silentMinutesTold = silentMinutes;
+    if (tell) {
+        Logger::log(QStringLiteral(" - ") + text);
+        Q_EMIT serviceSilent(text);
     }
     m_view.progressText = text;
     m_view.progressValue =

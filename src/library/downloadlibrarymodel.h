@@ -51,7 +51,9 @@ struct DownloadLibraryViewState
 // chunk request per run of at most 50 tracks, one at a time, each extracted
 // (one at a time too) while the next one downloads. A failed chunk is retried
 // after 5 seconds, without limit, except when the destination cannot be
-// written: that ends the run, as it does before anything is fetched.
+// written: that ends the run, as it does before anything is fetched. After a
+// minute without an answer from the service the user is told, once a minute,
+// that it is still being tried.
 // "download.json" records the end of the chunks extracted without a gap from
 // the start, so a later run resumes at the first chunk not fully extracted; a
 // failed extraction holds it back even when later chunks extract. ".temp-*"
@@ -66,6 +68,7 @@ class DownloadLibraryModel : public QObject, public UnzipDelegate
 public:
     static constexpr qint64 kChunkLength = 50;
     static constexpr int kRetryDelayMilliseconds = 5000;
+    static constexpr qint64 kSilenceNoticeMilliseconds = 60 * 1000;
 
     DownloadLibraryModel(const QUrl &URL, const QString &userId, const QString &userToken,
                          DownloadLibraryPrompter *prompter, QObject *parent = nullptr);
@@ -142,6 +145,8 @@ Q_SIGNALS:
     void configurationFailed(const Error &error);
     // Nothing can be written into the destination; the run has stopped.
     void destinationFailed(const Error &error);
+    // The service has not answered for another whole minute; the download goes on trying.
+    void serviceSilent(const QString &notice);
     void chunkDownloaded(qint64 offset, qint64 length, const QString &archivePath);
     void chunkFailed(qint64 offset, qint64 length, const Error &error);
     // After the archive is removed and the record written.
@@ -236,6 +241,9 @@ private:
     QElapsedTimer m_clock;
     // Once a second while downloading, so speed and time left follow a stall.
     QTimer m_meterTick;
+    // Since the service last answered anything; the whole minutes told.
+    QElapsedTimer m_lastAnswer;
+    qint64 m_silentMinutesTold = 0;
 
     DownloadLibraryViewState m_view;
 };
