@@ -8,11 +8,13 @@
 #include "service/lyraboxservice.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QLocale>
 #include <QTextStream>
+
+#include <filesystem>
+#include <system_error>
 
 namespace {
 
@@ -65,6 +67,9 @@ void printUsage(QTextStream &out)
            "\n"
            "Downloads the whole library into FOLDER/My Lyrabox Library. An interrupted\n"
            "download continues where it stopped when the same command runs again.\n"
+           "A segment that fails is tried again every 5 seconds for as long as it takes\n"
+           "(a line each minute tells how long the service has not answered); a folder\n"
+           "that cannot be written ends the run with exit status 1.\n"
            "The account is read from PELICANE_EMAIL and PELICANE_PASSWORD, or asked for.\n";
 }
 
@@ -87,8 +92,11 @@ int runDownloadLibraryCommand(const QStringList &args)
         err << "pelicane-cli: " << folder << " is not a folder" << Qt::endl;
         return 2;
     }
-    if (!QDir().mkpath(folder)) {
-        err << "pelicane-cli: cannot create " << folder << Qt::endl;
+    std::error_code created;
+    std::filesystem::create_directories(QFile::encodeName(folder).toStdString(), created);
+    if (created) {
+        err << "pelicane-cli: cannot create " << folder << ": " << QString::fromLocal8Bit(created.message().c_str())
+            << Qt::endl;
         return 1;
     }
 
@@ -117,6 +125,15 @@ int runDownloadLibraryCommand(const QStringList &args)
         printer.endLine();
         err << "pelicane-cli: the library could not be read: " << error.localizedDescription() << Qt::endl;
         finish(1);
+    });
+    QObject::connect(&model, &DownloadLibraryModel::destinationFailed, &loop, [&](const Error &error) {
+        printer.endLine();
+        err << "pelicane-cli: " << error.localizedDescription() << Qt::endl;
+        finish(1);
+    });
+    QObject::connect(&model, &DownloadLibraryModel::serviceSilent, &loop, [&](const QString &notice) {
+        printer.endLine();
+        err << notice << Qt::endl;
     });
     QObject::connect(&model, &DownloadLibraryModel::extractionFailed, &loop, [&](const QString &, const Error &error) {
         printer.endLine();

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -27,7 +28,8 @@ template <const EVP_MD *(*Algorithm)()> bool evpInit(void *state)
     return EVP_DigestInit_ex(static_cast<EVP_MD_CTX *>(state), Algorithm(), nullptr) == 1;
 }
 
-template <const EVP_MD *(*Algorithm)()> std::optional<QString> evpHashOfFile(const QString &path, unsigned length)
+template <const EVP_MD *(*Algorithm)()>
+std::optional<QString> evpHashOfFile(const QString &path, unsigned length, const FileHash::CancelCheck &isCanceled = {})
 {
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> state(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
     if (!state) {
@@ -39,7 +41,7 @@ template <const EVP_MD *(*Algorithm)()> std::optional<QString> evpHashOfFile(con
     context.final = &evpFinal;
     context.digestLength = length;
     context.state = state.get();
-    return FileHash::hashOfFileAtPath(path, context);
+    return FileHash::hashOfFileAtPath(path, context, isCanceled);
 }
 
 QString hexText(const unsigned char *digest, unsigned length)
@@ -56,14 +58,22 @@ QString hexText(const unsigned char *digest, unsigned length)
 
 } // namespace
 
-std::optional<QString> FileHash::hashOfFileAtPath(const QString &path, const ComputationContext &context)
+std::optional<QString> FileHash::hashOfFileAtPath(const QString &path, const ComputationContext &context,
+                                                  const CancelCheck &isCanceled)
 {
     if (path.isEmpty() || !context.init || !context.update || !context.final || context.digestLength == 0 ||
         context.digestLength > EVP_MAX_MD_SIZE) {
         return std::nullopt;
     }
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    // Non-blocking, so a FIFO put in a file's place does not wait for a
+    // writer; anything but a regular file (a FIFO, /dev/zero) would never end.
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
+        return std::nullopt;
+    }
+    struct stat info;
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(fd);
         return std::nullopt;
     }
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -74,6 +84,10 @@ std::optional<QString> FileHash::hashOfFileAtPath(const QString &path, const Com
     std::array<unsigned char, kReadChunkSize> buffer;
     bool readError = !context.init(context.state);
     while (!readError) {
+        if (isCanceled && isCanceled()) {
+            readError = true;
+            break;
+        }
         const ssize_t count = ::read(fd, buffer.data(), buffer.size());
         if (count == 0) {
             break;
@@ -82,7 +96,7 @@ std::optional<QString> FileHash::hashOfFileAtPath(const QString &path, const Com
             if (errno == EINTR) {
                 continue;
             }
-            readError = true; // a directory ends here too (EISDIR)
+            readError = true;
             break;
         }
         if (!context.update(context.state, buffer.data(), std::size_t(count))) {
@@ -98,9 +112,9 @@ std::optional<QString> FileHash::hashOfFileAtPath(const QString &path, const Com
     return hexText(digest.data(), context.digestLength);
 }
 
-std::optional<QString> FileHash::md5HashOfFileAtPath(const QString &path)
+std::optional<QString> FileHash::md5HashOfFileAtPath(const QString &path, const CancelCheck &isCanceled)
 {
-    return evpHashOfFile<&EVP_md5>(path, 16);
+    return evpHashOfFile<&EVP_md5>(path, 16, isCanceled);
 }
 
 std::optional<QString> FileHash::sha1HashOfFileAtPath(const QString &path)

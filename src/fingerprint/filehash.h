@@ -3,6 +3,7 @@
 #include <QString>
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 
 // Streaming digests of whole files. Memory use is one fixed buffer whatever the
@@ -22,13 +23,19 @@ public:
         void *state = nullptr;
     };
 
-    // The digest as lower-case hex, or nothing when the file cannot be opened
-    // or read to its end (a directory, a missing file, a read error).
-    static std::optional<QString> hashOfFileAtPath(const QString &path, const ComputationContext &context);
+    // Asked between reads; true abandons the digest.
+    using CancelCheck = std::function<bool()>;
 
-    static std::optional<QString> md5HashOfFileAtPath(const QString &path);    // 32 hex characters
-    static std::optional<QString> sha1HashOfFileAtPath(const QString &path);   // 40
-    static std::optional<QString> sha512HashOfFileAtPath(const QString &path); // 128
+    // The digest as lower-case hex, or nothing when the path is not a regular
+    // file (a folder, a FIFO, a device, nothing at all), cannot be read to its
+    // end, or the digest was abandoned. A FIFO never blocks the open.
+    static std::optional<QString> hashOfFileAtPath(const QString &path, const ComputationContext &context,
+                                                   const CancelCheck &isCanceled = {});
+
+    // 32, 40 and 128 hex characters.
+    static std::optional<QString> md5HashOfFileAtPath(const QString &path, const CancelCheck &isCanceled = {});
+    static std::optional<QString> sha1HashOfFileAtPath(const QString &path);
+    static std::optional<QString> sha512HashOfFileAtPath(const QString &path);
 
     // Bytes read from the file at a time.
     static constexpr std::size_t kReadChunkSize = 64 * 1024;

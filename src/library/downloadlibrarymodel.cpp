@@ -14,6 +14,11 @@
 #include <QSaveFile>
 
 #include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -94,6 +99,36 @@ std::optional<qint64> DownloadLibraryModel::readResumeRecord(const QString &dest
     return value.toInteger();
 }
 
+OptionalError DownloadLibraryModel::destinationProblem(const QString &destination)
+{
+    const auto cannotWrite = [](const QString &folder, int code) {
+        return Error::withDomain(
+            QStringLiteral("NSPOSIXErrorDomain"), code,
+            QStringLiteral("Cannot write to %1: %2")
+                .arg(QDir::toNativeSeparators(folder), QString::fromLocal8Bit(std::strerror(code))));
+    };
+    const QByteArray path = QFile::encodeName(destination);
+    struct stat info;
+    if (::stat(path.constData(), &info) != 0) {
+        // What fails is the chosen folder, which cannot take a new one.
+        if (::mkdir(path.constData(), 0777) != 0 && errno != EEXIST) {
+            return cannotWrite(QFileInfo(destination).path(), errno);
+        }
+    } else if (!S_ISDIR(info.st_mode)) {
+        return cannotWrite(destination, ENOTDIR);
+    }
+    // Only a file made there tells: root passes over the permission bits but
+    // not over a read-only mount. The name is a leftover's, should it stay.
+    QByteArray probe = path + "/.temp-probe-XXXXXX";
+    const int fd = ::mkstemp(probe.data());
+    if (fd < 0) {
+        return cannotWrite(destination, errno);
+    }
+    ::close(fd);
+    ::unlink(probe.constData());
+    return std::nullopt;
+}
+
 // Partial downloads, archives and half-written tracks of an earlier run: the
 // record never counts what they held, so they are fetched again.
 void DownloadLibraryModel::removeLeftovers(const QString &destination)
@@ -117,6 +152,12 @@ void DownloadLibraryModel::removeLeftovers(const QString &destination)
 void DownloadLibraryModel::start()
 {
     Logger::log(QStringLiteral(" - Configuring library download"));
+    if (const OptionalError problem = destinationProblem(destinationPath())) {
+        // Reported from the event loop, as every other end of a run.
+        QMetaObject::invokeMethod(
+            this, [this, error = *problem] { stopForDestination(error); }, Qt::QueuedConnection);
+        return;
+    }
     // On the download queue, ahead of every request: nothing is written yet.
     m_downloadQueue.addOperation([destination = destinationPath()] { removeLeftovers(destination); });
     auto header = std::make_shared<DownloadLibraryOperation>();
@@ -135,7 +176,7 @@ void DownloadLibraryModel::headerEnded(std::optional<qint64> count, const Option
     const Error failure = error.value_or(
         Error::errorWithMessage(QStringLiteral("The library service did not tell how many tracks there are.")));
     Logger::log(QStringLiteral(" - Could not configure library download: ") + failure.localizedDescription());
-    m_configurationFailed = true;
+    m_failed = true;
     m_downloadError = failure;
     m_view.actionText = QStringLiteral("Could not start the library download");
     m_view.errorInfoVisible = true;
@@ -167,6 +208,7 @@ void DownloadLibraryModel::trackCountReceived(qint64 count)
     Logger::log(QStringLiteral(" - Scheduled %1 chunks").arg(chunks.size()));
     m_runTracks = count - start;
     m_clock.start();
+    m_lastAnswer.start();
     m_meter.restart(0);
     m_meterTick.start();
     m_view.actionText = QStringLiteral("Downloading Library...");
@@ -225,7 +267,11 @@ void DownloadLibraryModel::downloadEnded(DownloadLibraryOperation *operation)
     }
     const qint64 offset = operation->offset();
     const qint64 length = operation->length();
-    if (error && error->code() != -999) {
+    // A write that failed for want of space may work once an extraction
+    // frees some; a folder that takes no file at all never will.
+    const OptionalError unwritable =
+        error && operation->writeFailed() ? destinationProblem(destinationPath()) : std::nullopt;
+    if (error && error->code() != -999 && !unwritable) {
         // Here, before the queue moves on: the retry jumps the chunks that
         // wait, and nothing starts until the pause is over.
         QMutexLocker locker(&m_retryLock);
@@ -236,8 +282,8 @@ void DownloadLibraryModel::downloadEnded(DownloadLibraryOperation *operation)
     }
     QMetaObject::invokeMethod(
         this,
-        [this, offset, length, file = operation->downloadedFileURL(), error] {
-            chunkFinished(offset, length, file, error);
+        [this, offset, length, file = operation->downloadedFileURL(), error, unwritable] {
+            chunkFinished(offset, length, file, error, unwritable);
         },
         Qt::QueuedConnection);
 }
@@ -256,6 +302,9 @@ void DownloadLibraryModel::chunkProgress(ChunkProgress &progress)
 {
     // Allow the next report to be queued before reading, so no write goes unreported.
     progress.reportQueued = false;
+    if (progress.bytes > m_currentBytes) {
+        m_lastAnswer.start();
+    }
     m_currentBytes = progress.bytes;
     m_currentSpeed = progress.speed;
     m_currentEstimatedBytes = progress.estimatedBytes;
@@ -263,9 +312,20 @@ void DownloadLibraryModel::chunkProgress(ChunkProgress &progress)
 }
 
 void DownloadLibraryModel::chunkFinished(qint64 offset, qint64 length, const std::optional<QUrl> &file,
-                                         const OptionalError &error)
+                                         const OptionalError &error, const OptionalError &unwritable)
 {
     m_chunkRunning = false;
+    if (m_failed) {
+        return;
+    }
+    if (unwritable) {
+        stopForDestination(*unwritable);
+        return;
+    }
+    // Transport failures have negative codes; anything else came from the service.
+    if (!error || error->code() >= 0) {
+        m_lastAnswer.start();
+    }
     if (!error) {
         ++m_downloadsCompleted;
         m_tracksCompleted = offset + length;
@@ -294,6 +354,36 @@ void DownloadLibraryModel::chunkFinished(qint64 offset, qint64 length, const std
             .arg(m_downloadErrorCount);
     changeView();
     Q_EMIT chunkFailed(offset, length, *error);
+}
+
+void DownloadLibraryModel::stopForDestination(const Error &error)
+{
+    if (m_failed) {
+        return;
+    }
+    Logger::log(QStringLiteral(" - Library download stopped: ") + error.localizedDescription());
+    m_failed = true;
+    m_downloadError = error;
+    // Nothing more is fetched or extracted; the record keeps what is in place.
+    {
+        QMutexLocker locker(&m_retryLock);
+        m_stopping = true;
+    }
+    m_resumeTimer.stop();
+    m_meterTick.stop();
+    m_downloadQueue.cancelAllOperations();
+    m_downloadQueue.setSuspended(false); // cancelled requests still have to start to end
+    m_unzipQueue.cancelAllOperations();
+    m_view.actionText = QStringLiteral("Download Stopped");
+    m_view.progressDeterminate = false;
+    m_view.progressTextHidden = true;
+    m_view.errorInfoVisible = true;
+    m_view.errorInfoText = error.localizedDescription();
+    m_view.cancelTitle = QStringLiteral("Close");
+    m_view.cancelIsDefault = true;
+    m_view.cancelEnabled = true;
+    changeView();
+    Q_EMIT destinationFailed(error);
 }
 
 void DownloadLibraryModel::addToUnzipQueue(const QString &archivePath, qint64 offset, qint64 length)
@@ -391,6 +481,9 @@ void DownloadLibraryModel::didFailUnzip(const QString &archivePath, const Error 
     m_chunks[extraction.offset].second = ChunkState::Failed;
     // The next run fetches it again; until then it only takes space.
     QFile::remove(archivePath);
+    if (m_failed) {
+        return; // the run has already ended with its reason
+    }
     if (!m_extractionError) {
         m_extractionError = error;
     }
@@ -403,7 +496,7 @@ void DownloadLibraryModel::didFailUnzip(const QString &archivePath, const Error 
 
 void DownloadLibraryModel::finishIfAllHandled()
 {
-    if (!everythingExtracted() || m_isComplete || m_incomplete) {
+    if (!everythingExtracted() || m_isComplete || m_incomplete || m_failed) {
         return;
     }
     if (!m_extractionError) {
@@ -446,7 +539,7 @@ void DownloadLibraryModel::showDone()
 
 void DownloadLibraryModel::updateDownloadProgress()
 {
-    if (m_extractingShown || m_isComplete || m_incomplete || m_downloadsScheduled == 0) {
+    if (m_extractingShown || m_isComplete || m_incomplete || m_failed || m_downloadsScheduled == 0) {
         m_meterTick.stop();
         return;
     }
@@ -454,10 +547,23 @@ void DownloadLibraryModel::updateDownloadProgress()
     QString text = QStringLiteral("Segment %1 of %2")
                        .arg(std::min(m_downloadsCompleted + 1, m_downloadsScheduled))
                        .arg(m_downloadsScheduled);
-    if (m_downloadsCompleted == m_downloadsScheduled) {
+    const qint64 silentMinutes = m_lastAnswer.isValid() && m_downloadsCompleted < m_downloadsScheduled
+                                     ? m_lastAnswer.elapsed() / kSilenceNoticeMilliseconds
+                                     : 0;
+    bool tell = false;
+    if (silentMinutes > 0) {
+        // Retries go on without a bound; the user learns why nothing moves.
+        text = QStringLiteral("The service has not answered for %1 min; still trying").arg(silentMinutes);
+        tell = silentMinutes != m_silentMinutesTold;
+    } else if (m_downloadsCompleted == m_downloadsScheduled) {
         text = QStringLiteral("All %1 segments downloaded").arg(m_downloadsScheduled);
     } else if (m_meter.totalBytes() > 0) {
         text += QStringLiteral(": ") + m_meter.progressText(m_totalEstimated);
+    }
+    m_silentMinutesTold = silentMinutes;
+    if (tell) {
+        Logger::log(QStringLiteral(" - ") + text);
+        Q_EMIT serviceSilent(text);
     }
     m_view.progressText = text;
     m_view.progressValue =
@@ -488,7 +594,7 @@ void DownloadLibraryModel::measureTransfer()
 
 void DownloadLibraryModel::OnCancel()
 {
-    if (m_incomplete || m_configurationFailed) {
+    if (m_incomplete || m_failed) {
         // Nothing runs any more.
     } else if (!m_isComplete) {
         const int answer = m_prompter
@@ -511,7 +617,7 @@ void DownloadLibraryModel::OnErrorInfo()
     if (!m_prompter) {
         return;
     }
-    if (m_incomplete || m_configurationFailed) {
+    if (m_incomplete || m_failed) {
         const OptionalError error = m_incomplete ? m_extractionError : m_downloadError;
         m_prompter->showAlert(QStringLiteral("Download Error"), error ? error->localizedDescription() : QString(),
                               {QStringLiteral("OK")}, DownloadLibraryPrompter::Appearance::Default);

@@ -50,10 +50,14 @@ struct DownloadLibraryViewState
 // inside the chosen folder: a header request learns the track count, then one
 // chunk request per run of at most 50 tracks, one at a time, each extracted
 // (one at a time too) while the next one downloads. A failed chunk is retried
-// after 5 seconds, without limit. "download.json" records the end of the
-// chunks extracted without a gap from the start, so a later run resumes at the
-// first chunk not fully extracted; a failed extraction holds it back even when
-// later chunks extract. ".temp-*" files an earlier run left are removed first.
+// after 5 seconds, without limit, except when the destination cannot be
+// written: that ends the run, as it does before anything is fetched. After a
+// minute without an answer from the service the user is told, once a minute,
+// that it is still being tried.
+// "download.json" records the end of the chunks extracted without a gap from
+// the start, so a later run resumes at the first chunk not fully extracted; a
+// failed extraction holds it back even when later chunks extract. ".temp-*"
+// files an earlier run left are removed first.
 //
 // Widget-free: the download window and the command line both drive it. Lives
 // on the main thread; destroying it stops the transfer and the extraction.
@@ -64,6 +68,7 @@ class DownloadLibraryModel : public QObject, public UnzipDelegate
 public:
     static constexpr qint64 kChunkLength = 50;
     static constexpr int kRetryDelayMilliseconds = 5000;
+    static constexpr qint64 kSilenceNoticeMilliseconds = 60 * 1000;
 
     DownloadLibraryModel(const QUrl &URL, const QString &userId, const QString &userToken,
                          DownloadLibraryPrompter *prompter, QObject *parent = nullptr);
@@ -76,6 +81,9 @@ public:
     static QList<std::pair<qint64, qint64>> chunksFrom(qint64 start, qint64 count);
     // The record's count, or none when it is missing or unreadable.
     static std::optional<qint64> readResumeRecord(const QString &destination);
+    // Why nothing can be written into the destination (made when missing),
+    // naming the folder at fault; none when a file can be made there.
+    static OptionalError destinationProblem(const QString &destination);
 
     // Logs the start and sends the header request.
     void start();
@@ -125,6 +133,9 @@ public:
 
     // Every chunk was handled but some could not be extracted.
     bool isIncomplete() const { return m_incomplete; }
+    // Ended for good by downloadError(): no track count, or a destination
+    // that cannot be written.
+    bool hasFailed() const { return m_failed; }
 
 Q_SIGNALS:
     void viewStateChanged();
@@ -132,6 +143,10 @@ Q_SIGNALS:
     void openFolderRequested(const QUrl &folder);
     // The header request ended without a track count (the service was unreachable).
     void configurationFailed(const Error &error);
+    // Nothing can be written into the destination; the run has stopped.
+    void destinationFailed(const Error &error);
+    // The service has not answered for another whole minute; the download goes on trying.
+    void serviceSilent(const QString &notice);
     void chunkDownloaded(qint64 offset, qint64 length, const QString &archivePath);
     void chunkFailed(qint64 offset, qint64 length, const Error &error);
     // After the archive is removed and the record written.
@@ -159,7 +174,9 @@ private:
     void trackCountReceived(qint64 count);
     void chunkStarted(qint64 offset);
     void chunkProgress(ChunkProgress &progress);
-    void chunkFinished(qint64 offset, qint64 length, const std::optional<QUrl> &file, const OptionalError &error);
+    void chunkFinished(qint64 offset, qint64 length, const std::optional<QUrl> &file, const OptionalError &error,
+                       const OptionalError &unwritable);
+    void stopForDestination(const Error &error);
     void addToUnzipQueue(const QString &archivePath, qint64 offset, qint64 length);
 
     void didBeginUnzip();
@@ -196,7 +213,7 @@ private:
     qint64 m_recorded = 0;
     OptionalError m_extractionError;
     bool m_incomplete = false;
-    bool m_configurationFailed = false;
+    bool m_failed = false;
 
     qint64 m_totalTrackCount = 0;
     int m_downloadsScheduled = 0;
@@ -224,6 +241,9 @@ private:
     QElapsedTimer m_clock;
     // Once a second while downloading, so speed and time left follow a stall.
     QTimer m_meterTick;
+    // Since the service last answered anything; the whole minutes told.
+    QElapsedTimer m_lastAnswer;
+    qint64 m_silentMinutesTold = 0;
 
     DownloadLibraryViewState m_view;
 };

@@ -68,6 +68,7 @@ void DownloadLibraryOperation::main()
     }
     m_downloadedFileURL = outcome.file;
     m_error = outcome.error;
+    m_writeFailed = outcome.writeFailed;
     Logger::log(QStringLiteral("Response: %1 - StatusCode: %2, Result: %3, Canceled: %4, Message: %5")
                     .arg(outcome.requestURL)
                     .arg(outcome.status)

@@ -58,6 +58,8 @@ public:
     std::optional<qint64> trackCount() const { return m_trackCount; }
     std::optional<QUrl> downloadedFileURL() const { return m_downloadedFileURL; }
     OptionalError error() const { return m_error; }
+    // The error is the destination's: the body could not be stored there.
+    bool writeFailed() const { return m_writeFailed; }
     // Known from the response on, to the progress handler too.
     std::optional<qint64> estimatedBytes() const { return m_estimatedBytes; }
 
@@ -81,6 +83,7 @@ private:
     std::optional<QUrl> m_downloadedFileURL;
     std::optional<qint64> m_estimatedBytes;
     OptionalError m_error;
+    bool m_writeFailed = false;
 
     // The running transfer, for cancel() from another thread.
     QMutex m_transferLock;

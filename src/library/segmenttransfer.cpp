@@ -210,6 +210,7 @@ void SegmentTransfer::taskCompleted()
         }
         outcome.error = m_writeError ? m_writeError : transportError;
         outcome.transportOK = !transportError;
+        outcome.writeFailed = bool(m_writeError);
         finish(std::move(outcome));
         return;
     }
@@ -217,6 +218,7 @@ void SegmentTransfer::taskCompleted()
     outcome.status = statusValue.isValid() ? statusValue.toInt() : 0;
     if (!openPartialFile()) { // an empty body never opened one
         outcome.error = m_writeError;
+        outcome.writeFailed = true;
         finish(std::move(outcome));
         return;
     }
@@ -224,6 +226,7 @@ void SegmentTransfer::taskCompleted()
     OptionalError error = moveIntoPlace(&outcome.file);
     if (error) {
         m_file->remove();
+        outcome.writeFailed = true;
     } else if (statusValue.isValid() && outcome.status != 200) {
         error = Error::errorWithMessage(HTTPStatusCodeMap::errorText(outcome.status));
     } else if (outcome.status == 200) {

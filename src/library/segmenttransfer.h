@@ -40,6 +40,7 @@ public:
         OptionalError error;
         int status = 0;
         bool transportOK = true;
+        bool writeFailed = false; // the body could not be stored or moved into place
         std::optional<qint64> estimatedBytes;
         QString requestURL; // as sent, or "nil"
     };

@@ -130,19 +130,25 @@ FolderScan::FileRule FolderScan::applyRestOfRule(const QString &path, const File
         Logger::log(QStringLiteral("Skipping trashed file: ") + lastPathComponent(path));
         return FileRule::Trashed;
     }
-    bool exists = kind != EntryKind::Unknown;
-    bool isDirectory = kind == EntryKind::Directory;
     if (kind == EntryKind::Unknown) {
         // Follows symbolic links: a link is judged by what it points to.
         struct stat info;
-        exists = ::stat(QFile::encodeName(path).constData(), &info) == 0;
-        isDirectory = exists && S_ISDIR(info.st_mode);
+        if (::stat(QFile::encodeName(path).constData(), &info) == 0) {
+            kind = S_ISDIR(info.st_mode)   ? EntryKind::Directory
+                   : S_ISREG(info.st_mode) ? EntryKind::File
+                                           : EntryKind::Special;
+        }
     }
-    if (isDirectory) {
+    if (kind == EntryKind::Directory) {
         Logger::log(QStringLiteral("Skipping directory: ") + lastPathComponent(path));
         return FileRule::Directory;
     }
-    if (exists) {
+    if (kind == EntryKind::Special) {
+        // Hashing or sending one would wait for a writer, or never end.
+        Logger::log(QStringLiteral("Skipping special file: ") + lastPathComponent(path));
+        return FileRule::Special;
+    }
+    if (kind == EntryKind::File) {
         if (sink) {
             sink(path);
         }
@@ -237,15 +243,16 @@ bool FolderScan::walk(const QByteArray &folder, const FileSink &sink, const Canc
         if (type == DT_UNKNOWN) {
             struct stat info;
             if (::lstat(path.constData(), &info) == 0) {
-                type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISLNK(info.st_mode) ? DT_LNK : DT_REG;
+                type = IFTODT(info.st_mode);
             }
         }
         // Unsupported names never reach the rule: it would skip them without a
         // word anyway, and this spares decoding most of a tree's paths.
         if (isSupported(name) && !path.startsWith('.')) {
             const EntryKind kind = type == DT_DIR                         ? EntryKind::Directory
+                                   : type == DT_REG                       ? EntryKind::File
                                    : type == DT_LNK || type == DT_UNKNOWN ? EntryKind::Unknown
-                                                                          : EntryKind::File;
+                                                                          : EntryKind::Special;
             // Extension and leading "." (a relative root) are checked above.
             applyRestOfRule(QFile::decodeName(path), sink, kind);
         }

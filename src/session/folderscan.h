@@ -17,8 +17,10 @@
 // The walk goes depth first in the order the file system lists each folder,
 // includes hidden entries, does not follow symbolic links to folders (a link
 // is one entry, judged by what it points to) and does not descend into
-// packages (bundle folders such as "Song.band"). A folder that cannot be read
-// is a walk error: it is logged, counted, and the walk goes on.
+// packages (bundle folders such as "Song.band"). Only regular files are kept:
+// a FIFO, socket or device (or a link to one) would never read to an end. A
+// folder that cannot be read is a walk error: it is logged, counted, and the
+// walk goes on.
 class FolderScan
 {
 public:
@@ -29,12 +31,14 @@ public:
         Alias,       // "Skipping alias: %@"
         Trashed,     // "Skipping trashed file: %@"
         Directory,   // "Skipping directory: %@"
+        Special,     // "Skipping special file: %@" (a FIFO, socket or device)
         Added,       // handed to the sink
         NonExistent, // "Skipping non-existent file: %@"
     };
 
     // What the walk already knows about an entry, which spares a stat().
-    enum class EntryKind { Unknown, Directory, File };
+    // File is a regular file; Special a FIFO, socket or device.
+    enum class EntryKind { Unknown, Directory, File, Special };
 
     using FileSink = std::function<void(const QString &path)>;
     using CancelCheck = std::function<bool()>;

@@ -96,7 +96,10 @@ void Md5CheckOperation::main()
         }
         std::optional<QString> md5 = cache.get(path);
         if (!md5) {
-            md5 = FileHash::md5HashOfFileAtPath(path);
+            md5 = FileHash::md5HashOfFileAtPath(path, [this] { return isCancelled(); });
+            if (isCancelled()) {
+                break; // the digest was cut short; the file is no answer
+            }
             if (md5) {
                 cache.set(path, *md5);
             }

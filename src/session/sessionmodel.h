@@ -230,7 +230,8 @@ public:
     // Seconds between two saves of the shared digest cache during a run; the
     // run's end, a pause and quitting save what is left.
     static constexpr double kDigestCacheSaveInterval = 3.0;
-    // Waits for the digest workers and saves the shared digest cache (quit).
+    // Abandons the digests under way, waits for their workers and saves the
+    // shared digest cache (quit).
     void saveDigestCacheNow();
 
     // --- Overall progress and the run's record (sessionmodel_progress.cpp) ---

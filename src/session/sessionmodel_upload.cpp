@@ -251,8 +251,8 @@ void SessionModel::uploadNextFile()
     const quint64 ticket = m_run.nextDigestTicket++;
     m_run.pendingDigests.insert(path, {ticket, isRetry});
     QPointer<SessionModel> self(this);
-    m_run.digestPool.start([self, path, ticket] {
-        const std::optional<QString> md5 = FileHash::md5HashOfFileAtPath(path);
+    m_run.digestPool.start([self, path, ticket, stopping = &m_run.digestsStopping] {
+        const std::optional<QString> md5 = FileHash::md5HashOfFileAtPath(path, [stopping] { return stopping->load(); });
         // The shared cache is filled and saved here, off the main thread; a
         // save at most every few seconds keeps a long run linear, and the run's
         // end (and quitting) saves the rest.
@@ -263,7 +263,7 @@ void SessionModel::uploadNextFile()
             }
             cache.saveIfDue(SessionModel::kDigestCacheSaveInterval);
         }
-        if (self) {
+        if (self && !stopping->load()) {
             QMetaObject::invokeMethod(
                 self.data(),
                 [self, path, ticket, md5] {
@@ -288,6 +288,7 @@ void SessionModel::saveDigestCacheSoon()
 
 void SessionModel::saveDigestCacheNow()
 {
+    m_run.digestsStopping = true;
     m_run.digestPool.waitForDone();
     MD5Cache *cache = MD5Cache::sharedCacheIfMade();
     if (cache && cache->hasUnsavedChanges()) {

@@ -10,6 +10,7 @@
 #include <QString>
 #include <QThreadPool>
 
+#include <atomic>
 #include <memory>
 
 // What an upload run keeps besides the seven file lists (see SessionModel).
@@ -52,6 +53,9 @@ struct UploadRunState
     };
     QHash<QString, PendingDigest> pendingDigests;
     quint64 nextDigestTicket = 1;
+    // Set when quitting: a digest under way is abandoned, not waited for.
+    // Declared before the pool, which waits for its tasks when it goes.
+    std::atomic<bool> digestsStopping{false};
     QThreadPool digestPool;
 
     // The labels as last filled.

@@ -1,6 +1,10 @@
 #include "upload/uploadbodydevice.h"
 
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 UploadBodyDevice::UploadBodyDevice(const QByteArray &header, const QString &filePath, qint64 fileSize,
                                    const QByteArray &footer, LogFunction log, QObject *parent)
@@ -15,8 +19,21 @@ bool UploadBodyDevice::open(OpenMode mode)
     if (mode & WriteOnly) {
         return false;
     }
-    if (!m_file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+    // Non-blocking, so a FIFO put in the file's place does not wait for a
+    // writer; only a regular file has the size announced (a FIFO or a device
+    // would be sent empty, or never end).
+    const int fd = ::open(QFile::encodeName(m_file.fileName()).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat info;
+    if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        setErrorString(fd < 0 ? QString::fromLocal8Bit(std::strerror(errno)) : QStringLiteral("Not a regular file"));
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return false;
+    }
+    if (!m_file.open(fd, QIODevice::ReadOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
         setErrorString(m_file.errorString());
+        ::close(fd);
         return false;
     }
     // Unbuffered: every byte handed to Qt is accounted for here, so the log

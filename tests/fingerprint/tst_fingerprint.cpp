@@ -86,6 +86,16 @@ private slots:
                  QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha1).toHex()));
     }
 
+    // A FIFO would block the open and a device never ends: neither has a digest.
+    void onlyRegularFilesHaveDigests()
+    {
+        const QString fifo = m_dir.filePath(QStringLiteral("fifo.mp3"));
+        QCOMPARE(::mkfifo(QFile::encodeName(fifo).constData(), 0644), 0);
+        for (const QString &path : {fifo, QStringLiteral("/dev/zero"), m_dir.path()}) {
+            QVERIFY2(!FileHash::md5HashOfFileAtPath(path), qPrintable(path));
+        }
+    }
+
     void validityFollowsModificationTime()
     {
         const QString song = file(QStringLiteral("valid/song.mp3"));

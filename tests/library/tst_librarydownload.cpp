@@ -60,6 +60,7 @@ private slots:
     void cliDiskFullThenFreed();
     void cliDiskFullOnSmallTmpfs();
     void cliInterruptedAndStartedAgain();
+    void cliUnwritableFolderStopsAtOnce();
 
 private:
     std::unique_ptr<DownloadLibraryModel> makeModel()
@@ -498,6 +499,22 @@ void TestLibraryDownload::cliDiskFullOnSmallTmpfs()
     QVERIFY(mount(QStringLiteral("remount,size=8m")));
     QCOMPARE(run(&output, {}, mountPoint.path()), 0);
     QCOMPARE(LibraryTest::compareWithLibrary(m_server, destination), QStringList());
+}
+
+// A file where the library's folder goes fails for root too: one error naming the cause, no retries.
+void TestLibraryDownload::cliUnwritableFolderStopsAtOnce()
+{
+    QVERIFY(QFile(m_destination).open(QIODevice::WriteOnly));
+    const qint64 before = segments();
+    QElapsedTimer clock;
+    clock.start();
+    QByteArray output;
+    QCOMPARE(run(&output), 1);
+    QVERIFY2(clock.elapsed() < 10000, qPrintable(QString::number(clock.elapsed())));
+    const QByteArray message =
+        "pelicane-cli: Cannot write to " + QFile::encodeName(m_destination) + ": Not a directory";
+    QVERIFY2(output.contains(message), output.constData());
+    QCOMPARE(segments(), before);
 }
 
 QTEST_GUILESS_MAIN(TestLibraryDownload)

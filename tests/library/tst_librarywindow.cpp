@@ -198,6 +198,14 @@ void TestLibraryWindow::failuresThatEndTheRunStayOnScreen()
              qPrintable(ui->errorInfoTextField->text()));
     ui->cancelButton->click();
     QCOMPARE(m_willClose, 1);
+
+    // A file stands where the library's folder goes: stopped at once, with the cause.
+    QTemporaryDir third;
+    QVERIFY(QFile(QDir(third.path()).filePath(QStringLiteral("My Lyrabox Library"))).open(QIODevice::WriteOnly));
+    window = makeWindow(third.path());
+    QTRY_COMPARE_WITH_TIMEOUT(window->ui()->actionTextField->text(), QStringLiteral("Download Stopped"), 10000);
+    QVERIFY(window->ui()->errorInfoTextField->isVisible());
+    QVERIFY(window->ui()->errorInfoTextField->text().endsWith(QStringLiteral("My Lyrabox Library: Not a directory")));
 }
 
 void TestLibraryWindow::startedFromTheMainWindow()

@@ -42,6 +42,9 @@ private slots:
         const QString email = QStringLiteral("cli@lyrabox.test");
         QVERIFY(m_server.createAccount(email, QStringLiteral("pw")));
         MusicFolder music = MusicFolder::make(m_files.filePath(QStringLiteral("cli")), 8, 2000, 90000, 21);
+        // Named like music but never read to an end: neither is found, and the runs end.
+        QCOMPARE(::mkfifo(QFile::encodeName(music.root + QStringLiteral("/fifo.mp3")).constData(), 0644), 0);
+        QVERIFY(ScanTree::makeLink(QStringLiteral("/dev/zero"), music.root + QStringLiteral("/zero.flac")));
         // Three of them are in the library already.
         QJsonArray seeded;
         for (int i = 0; i < 3; ++i) {

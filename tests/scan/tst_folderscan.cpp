@@ -105,6 +105,10 @@ private slots:
         QVERIFY(makeLink(elsewhere, root + QStringLiteral("/folderlink.mp3")));
         QVERIFY(makeLink(root + QStringLiteral("/nothing"), root + QStringLiteral("/dangling.mp3")));
         QVERIFY(makeLink(root + QStringLiteral("/loop.flac"), root + QStringLiteral("/loop.flac")));
+        // Neither ever reads to an end: a FIFO waits for a writer, a device never stops.
+        QCOMPARE(::mkfifo(QFile::encodeName(root + QStringLiteral("/fifo.mp3")).constData(), 0644), 0);
+        QVERIFY(makeLink(QStringLiteral("/dev/zero"), root + QStringLiteral("/zero.mp3")));
+        QVERIFY(makeLink(QStringLiteral("/dev/urandom"), root + QStringLiteral("/random.flac")));
 
         QVERIFY(!FolderScan::fileIsAlias(root + QStringLiteral("/linked.mp3")));
         const Scanned result = scan({root});
@@ -115,7 +119,8 @@ private slots:
                  (QStringList{root + QStringLiteral("/linked.mp3"), root + QStringLiteral("/real.mp3")}));
         QCOMPARE(result.log,
                  (QStringList{"Skipping directory: folderlink.mp3", "Skipping non-existent file: dangling.mp3",
-                              "Skipping non-existent file: loop.flac"}));
+                              "Skipping non-existent file: loop.flac", "Skipping special file: fifo.mp3",
+                              "Skipping special file: random.flac", "Skipping special file: zero.mp3"}));
         // A root that is a link to a folder is walked.
         QCOMPARE(scan({root + QStringLiteral("/linkedfolder")}).files.toList(),
                  QStringList{root + QStringLiteral("/linkedfolder/outside.mp3")});

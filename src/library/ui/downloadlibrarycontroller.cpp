@@ -79,9 +79,9 @@ void DownloadLibraryController::updateView()
         m_errorCountShown = m_model->downloadErrorCount();
         m_completedAtError = m_model->downloadsCompleted();
     }
-    // A run that ended incomplete keeps its reason on screen.
-    const bool recovered =
-        !m_model->isIncomplete() && (m_model->downloadsCompleted() > m_completedAtError || m_model->isComplete());
+    // A run that ended incomplete or stopped keeps its reason on screen.
+    const bool recovered = !m_model->isIncomplete() && !m_model->hasFailed() &&
+                           (m_model->downloadsCompleted() > m_completedAtError || m_model->isComplete());
     const bool errorVisible = view.errorInfoVisible && !recovered;
     m_ui->errorInfoTextField->setText(view.errorInfoText);
     m_ui->errorInfoTextField->setVisible(errorVisible);
