@@ -50,12 +50,6 @@ QString FolderScan::lowerCaseExtension(const QString &path)
     return dot < 0 ? QString() : name.mid(dot + 1).toLower();
 }
 
-bool FolderScan::fileIsAlias(const QString &path)
-{
-    Q_UNUSED(path);
-    return false;
-}
-
 bool FolderScan::isPackageName(const QByteArray &name)
 {
     // Folders that macOS shows as single files; copied libraries and projects
@@ -122,10 +116,6 @@ FolderScan::FileRule FolderScan::applyFileRule(const QString &path, const FileSi
 
 FolderScan::FileRule FolderScan::applyRestOfRule(const QString &path, const FileSink &sink, EntryKind kind) const
 {
-    if (fileIsAlias(path)) {
-        Logger::log(QStringLiteral("Skipping alias: ") + path);
-        return FileRule::Alias;
-    }
     if (path.contains(QLatin1String("/.Trash/"))) {
         Logger::log(QStringLiteral("Skipping trashed file: ") + lastPathComponent(path));
         return FileRule::Trashed;

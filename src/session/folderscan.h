@@ -28,7 +28,6 @@ public:
     enum class FileRule {
         Hidden,      // the path begins with "."
         Unsupported, // not a supported extension (not logged)
-        Alias,       // "Skipping alias: %@"
         Trashed,     // "Skipping trashed file: %@"
         Directory,   // "Skipping directory: %@"
         Special,     // "Skipping special file: %@" (a FIFO, socket or device)
@@ -65,10 +64,6 @@ public:
 
     // The path's extension in lower case ("MP3" -> "mp3"); empty when none.
     static QString lowerCaseExtension(const QString &path);
-
-    // True for an alias file. Linux has none, and a symbolic link is not an
-    // alias: it is judged by what it points to.
-    static bool fileIsAlias(const QString &path);
 
     // True for a folder name the walk does not descend into.
     static bool isPackageName(const QByteArray &name);

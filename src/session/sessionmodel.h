@@ -120,7 +120,6 @@ public:
     // The Cancel button of a running scan: stops it and goes back to the
     // Search page with the folders as they were chosen.
     void OnCancelSearch();
-    static bool fileIsAlias(const QString &path) { return FolderScan::fileIsAlias(path); }
     // What files and folders dropped on the window do, by page.
     void filesDropped(const QStringList &paths);
     // List page state, announced by the signals below.
