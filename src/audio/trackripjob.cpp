@@ -48,7 +48,7 @@ struct RipContextHolder
 
 Error failure(const QString &message)
 {
-    return Error::errorWithMessage(message, kFailureCode);
+    return Error::withDomain(QString::fromLatin1(kRipErrorDomain), kFailureCode, message);
 }
 
 } // namespace

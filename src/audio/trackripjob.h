@@ -15,6 +15,10 @@
 class DiscSession;
 class FLACEncoder;
 
+// The domain of the errors of a track's rip (code 200): the disc's, not the
+// service's.
+inline constexpr const char *kRipErrorDomain = "com.lyrabox.pelicane.rip";
+
 // What a rip of one track needs.
 struct TrackRipRequest
 {

@@ -45,6 +45,7 @@ AudioCDFlow::AudioCDFlow(SessionModel *session) : QObject(session), m_session(se
         if (page == MainPageTypeSearch) {
             m_runTracks.clear();
             m_ripLogPath.clear();
+            CDTrackRips::dropRipped();
         }
     });
     connect(session, &SessionModel::uploadEnded, this, &AudioCDFlow::writeRipLog);
@@ -445,6 +446,8 @@ void AudioCDFlow::writeRipLog()
     if (m_runTracks.isEmpty() || !m_ripLogPath.isEmpty()) {
         return;
     }
+    // The run is over: what was kept for sending again is given up.
+    CDTrackRips::dropRipped();
     RipLog log;
     log.started = m_runStarted;
     log.source = m_volume;

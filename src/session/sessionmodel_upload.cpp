@@ -3,6 +3,7 @@
 // retries, the failure prompts and the Result page.
 #include "session/sessionmodel.h"
 
+#include "audio/trackripjob.h"
 #include "cd/plcvolumetype.h"
 #include "core/appinfo.h"
 #include "core/formatting.h"
@@ -561,9 +562,11 @@ void SessionModel::lyraboxDidFinishUpload(LyraboxService *, const QString &fileP
                       QStringLiteral("OK"));
         }
     } else if (error && !error->isCancelled() && m_run.audioCDArtworkVisible) {
-        const int answer =
-            showAlert(QStringLiteral("CD Rip Error"), error->localizedDescription(), QStringLiteral("Retry Track"),
-                      QStringLiteral("Skip Track"), QStringLiteral("Cancel Upload"));
+        // The disc's failure or the service's: each is told as what it is.
+        const bool ripFailed = error->domain() == QLatin1String(kRipErrorDomain);
+        const int answer = showAlert(ripFailed ? QStringLiteral("CD Rip Error") : QStringLiteral("Upload Error"),
+                                     error->localizedDescription(), QStringLiteral("Retry Track"),
+                                     QStringLiteral("Skip Track"), QStringLiteral("Cancel Upload"));
         if (answer == kAlertFirstButtonReturn) {
             m_files.relocate(filePath, FileList::Ready, SessionFileLists::End::Front);
             uploadNextFile();

@@ -7,6 +7,7 @@
 #include "platform/dispatch.h"
 #include "protocol/httpstatuscodemap.h"
 #include "protocol/transporterror.h"
+#include "upload/cdtrackrips.h"
 #include "upload/uploadbodydevice.h"
 #include "upload/uploadstream.h"
 
@@ -100,6 +101,7 @@ void AsyncUploadRequestOperation::reportSuccess()
     if (!claimReport()) {
         return;
     }
+    m_succeeded = true;
     if (auto block = fileLoadSucceededBlock) {
         dispatchAsyncMain([block, self = weak_from_this().lock()] { block(); });
     }
@@ -215,6 +217,10 @@ void AsyncUploadRequestOperation::start()
     }
 
     transfer(request, bodyPath, bodySize);
+    if (onDisc && !m_succeeded && m_ripJob) {
+        // Sent again, the track goes as it was ripped, not ripped again.
+        CDTrackRips::keepRipped(path, m_ripJob);
+    }
     finishOperation();
 }
 

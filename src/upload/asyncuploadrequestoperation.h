@@ -116,7 +116,8 @@ private:
     std::atomic<qint32> m_frameCount{1};
     // The CD track's FLAC file lives as long as its rip: kept until the
     // transfer is over, dropped (with the file) when the operation finishes.
-    std::unique_ptr<TrackRipJob> m_ripJob;
+    std::shared_ptr<TrackRipJob> m_ripJob;
+    bool m_succeeded = false;
     std::atomic<double> m_operationStartTime{0};
     std::atomic<double> m_lastKnownProgress{0};
     std::atomic<qint64> m_fileSize{0};

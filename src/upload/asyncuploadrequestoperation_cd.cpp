@@ -26,6 +26,15 @@ constexpr int kAccurateRipTimeoutMs = 15000;
 
 bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *bodySize)
 {
+    if (std::shared_ptr<TrackRipJob> ripped = CDTrackRips::takeRipped(m_config.filePath)) {
+        logMessage(QStringLiteral("Sending the track as it was ripped before"));
+        m_ripJob = std::move(ripped);
+        m_didFinishReadingCD = true;
+        *bodyPath = m_ripJob->flacPath();
+        *bodySize = QFileInfo(*bodyPath).size();
+        return true;
+    }
+
     logMessage(QStringLiteral("Begin reading CD"));
     m_framesRead = 0;
     m_frameCount = 1;
@@ -50,12 +59,12 @@ bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *body
     if (disc) {
         request.accurateRip = TrackRipJob::fetchAccurateRip(disc, kAccurateRipTimeoutMs);
     }
-    m_ripJob = std::make_unique<TrackRipJob>(request);
+    m_ripJob = std::make_shared<TrackRipJob>(request);
 
     bool ok = false;
     if (openError) {
         logMessage(QStringLiteral("CD read errored: %1").arg(openError->localizedDescription()));
-        reportFailure(Error::errorWithMessage(openError->localizedDescription(), 200));
+        reportFailure(Error::withDomain(QString::fromLatin1(kRipErrorDomain), 200, openError->localizedDescription()));
     } else {
         ok = m_ripJob->run(
             [this](TrackRipJob::Stage stage, qint64 done, qint64 total) {

@@ -1,5 +1,7 @@
 #include "upload/cdtrackrips.h"
 
+#include "audio/trackripjob.h"
+
 #include <QHash>
 #include <QMutex>
 
@@ -9,6 +11,7 @@ struct Records
 {
     QMutex lock;
     QHash<QString, RipLogTrack> tracks;
+    QHash<QString, std::shared_ptr<TrackRipJob>> ripped;
 };
 
 Records &records()
@@ -39,4 +42,27 @@ void CDTrackRips::clear()
 {
     QMutexLocker locker(&records().lock);
     records().tracks.clear();
+    records().ripped.clear();
+}
+
+void CDTrackRips::keepRipped(const QString &trackPath, std::shared_ptr<TrackRipJob> rip)
+{
+    QMutexLocker locker(&records().lock);
+    records().ripped.insert(trackPath, std::move(rip));
+}
+
+std::shared_ptr<TrackRipJob> CDTrackRips::takeRipped(const QString &trackPath)
+{
+    QMutexLocker locker(&records().lock);
+    return records().ripped.take(trackPath);
+}
+
+void CDTrackRips::dropRipped()
+{
+    // Released outside the lock: each takes its file with it.
+    QHash<QString, std::shared_ptr<TrackRipJob>> dropped;
+    {
+        QMutexLocker locker(&records().lock);
+        dropped.swap(records().ripped);
+    }
 }

@@ -14,6 +14,7 @@
 #include "session/sessionmodel.h"
 #include "support/discimage.h"
 #include "support/discservicesdata.h"
+#include "support/logtesting.h"
 #include "support/sessiontesting.h"
 
 #include <QTemporaryDir>
@@ -331,10 +332,21 @@ private slots:
         QCOMPARE(model.audioCDID3Tags().value(model.readyFiles().toList().value(1)).title(),
                  std::optional<QString>(QStringLiteral("Two")));
 
-        // The second track cannot be read at first; Retry finds it mended.
+        // The service fails the first track once: Retry sends it as ripped,
+        // without ripping it again. The second track cannot be read at
+        // first; Retry finds it mended.
+        QVERIFY(m_server.addFault({{"endpoint", "upload"}, {"count", 1}, {"status", 500}}));
+        const LogWatch log;
         ripSimulateUnreadableSectors({m_disc.trackFirstSector(1) + 100});
-        prompter.answers = {kAlertFirstButtonReturn};
-        prompter.whileAlertShows = [] { ripSimulateUnreadableSectors({}); };
+        prompter.answers = {kAlertFirstButtonReturn, kAlertFirstButtonReturn};
+        std::function<void()> mendAtRipError = [&] {
+            if (prompter.titles().contains(QStringLiteral("CD Rip Error"))) {
+                ripSimulateUnreadableSectors({});
+            } else {
+                prompter.whileAlertShows = mendAtRipError;
+            }
+        };
+        prompter.whileAlertShows = mendAtRipError;
         qsizetype mostInFlight = 0;
         connect(&model, &SessionModel::uploadStateChanged, this,
                 [&] { mostInFlight = std::max(mostInFlight, model.uploadingFiles().size()); });
@@ -349,6 +361,9 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(model.mainPageType(), quint32(MainPageTypeResult), 60000);
         QCOMPARE(mostInFlight, 1);
         QCOMPARE(prompter.titles().count(QStringLiteral("CD Rip Error")), 1);
+        QCOMPARE(prompter.titles().count(QStringLiteral("Upload Error")), 1);
+        QCOMPARE(log.text().count(QStringLiteral("1 Audio Track.aiff: Begin reading CD")), 1);
+        QCOMPARE(log.text().count(QStringLiteral("1 Audio Track.aiff: Sending the track as it was ripped before")), 1);
         QCOMPARE(model.completedFiles().size(), 3);
         QVERIFY(model.erroredFiles().isEmpty());
 
