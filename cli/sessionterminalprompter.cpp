@@ -7,7 +7,7 @@
 #include <QTimer>
 
 int SessionTerminalPrompter::showAlertWithMessageText(const QString &messageText, const QString &informativeText,
-                                                      const QString &, const QString &, const QString &)
+                                                      const QString &, const QString &alternateButton, const QString &)
 {
     m_visible = true;
     m_status.endLine();
@@ -21,7 +21,9 @@ int SessionTerminalPrompter::showAlertWithMessageText(const QString &messageText
         onAlert(messageText, informativeText);
     }
     m_visible = false;
-    return messageText == QLatin1String("CD Rip Error") ? kAlertSecondButtonReturn : kAlertFirstButtonReturn;
+    // A track that failed, for the disc's reason or the service's, is skipped:
+    // nobody is there to say when trying again would help.
+    return alternateButton == QLatin1String("Skip Track") ? kAlertSecondButtonReturn : kAlertFirstButtonReturn;
 }
 
 void SessionTerminalPrompter::startWaitingAnimation(const QString &reason)

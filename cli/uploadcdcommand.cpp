@@ -222,7 +222,7 @@ QString ask(const QString &question, const QString &found)
 }
 
 // Answers the session: the one disc given, the album data of the options,
-// "CD Rip Error" with Skip, every other message printed.
+// a failed track with Skip, every other message printed.
 class CliCDPrompter : public SessionTerminalPrompter, public AudioCDPrompter
 {
 public:
