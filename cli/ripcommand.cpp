@@ -1,6 +1,7 @@
 // pelicane-cli rip DEVICE-OR-IMAGE --out FOLDER [--tracks LIST]
 // [--read-offset SAMPLES]: rips audio tracks to tagged FLAC files, checks them
 // against AccurateRip and writes the rip log.
+#include "cli/arguments.h"
 #include "cli/commands.h"
 
 #include "audio/accuraterip.h"
@@ -85,33 +86,50 @@ int runRipCommand(const QStringList &args)
     QString folder;
     std::set<int> chosen;
     std::optional<int> offsetArgument;
-    for (int i = 0; i < args.size(); ++i) {
-        const QString &arg = args.at(i);
-        const bool hasValue = i + 1 < args.size();
+    ArgumentScanner scanner(args);
+    while (scanner.next()) {
+        const QString &arg = scanner.current();
+        if (!scanner.isOption()) {
+            if (!target.isEmpty()) {
+                err << "pelicane-cli rip: unexpected argument '" << arg << "'\n" << kUsage;
+                return ExitUsage;
+            }
+            target = arg;
+            continue;
+        }
         if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
             out << kUsage;
             return ExitSuccess;
-        } else if (arg == QLatin1String("--out") && hasValue && !args.at(i + 1).isEmpty()) {
-            folder = args.at(++i);
-        } else if (arg == QLatin1String("--tracks") && hasValue) {
-            if (!parseTrackList(args.at(++i), &chosen)) {
-                err << "pelicane-cli rip: --tracks takes a list such as 1,3-5, not '" << args.at(i) << "'\n";
-                return ExitUsage;
-            }
-        } else if (arg == QLatin1String("--read-offset") && hasValue) {
-            bool ok = false;
-            const int value = args.at(++i).toInt(&ok);
-            if (!ok || value < -kMaxOffsetSamples || value > kMaxOffsetSamples) {
-                err << "pelicane-cli rip: --read-offset takes samples from " << -kMaxOffsetSamples << " to "
-                    << kMaxOffsetSamples << ", not '" << args.at(i) << "'\n";
-                return ExitUsage;
-            }
-            offsetArgument = value;
-        } else if (!arg.startsWith(u'-') && target.isEmpty()) {
-            target = arg;
-        } else {
-            err << "pelicane-cli rip: unexpected argument '" << arg << "'\n" << kUsage;
+        }
+        if (arg != QLatin1String("--out") && arg != QLatin1String("--tracks") &&
+            arg != QLatin1String("--read-offset")) {
+            err << "pelicane-cli rip: unknown option " << scanner.raw() << "\n" << kUsage;
             return ExitUsage;
+        }
+        QString problem;
+        const std::optional<QString> value = scanner.takeValue(&problem);
+        if (!value || value->isEmpty()) {
+            err << "pelicane-cli rip: " << (problem.isEmpty() ? arg + QStringLiteral(" needs a value") : problem)
+                << "\n"
+                << kUsage;
+            return ExitUsage;
+        }
+        if (arg == QLatin1String("--out")) {
+            folder = *value;
+        } else if (arg == QLatin1String("--tracks")) {
+            if (!parseTrackList(*value, &chosen)) {
+                err << "pelicane-cli rip: --tracks takes a list such as 1,3-5, not '" << *value << "'\n";
+                return ExitUsage;
+            }
+        } else {
+            bool ok = false;
+            const int samples = value->toInt(&ok);
+            if (!ok || samples < -kMaxOffsetSamples || samples > kMaxOffsetSamples) {
+                err << "pelicane-cli rip: --read-offset takes samples from " << -kMaxOffsetSamples << " to "
+                    << kMaxOffsetSamples << ", not '" << *value << "'\n";
+                return ExitUsage;
+            }
+            offsetArgument = samples;
         }
     }
     if (target.isEmpty() || folder.isEmpty()) {
@@ -123,9 +141,10 @@ int runRipCommand(const QStringList &args)
         return ExitUsage;
     }
     // The drive's offset as the user set it, unless given for this rip.
-    const int readOffset = offsetArgument.value_or(TrackRipJob::configuredReadOffset());
-    if (readOffset < -kMaxOffsetSamples || readOffset > kMaxOffsetSamples) {
-        err << "pelicane-cli rip: the read offset setting (" << readOffset << " samples) is out of range\n";
+    QString settingProblem;
+    const int readOffset = offsetArgument.value_or(TrackRipJob::configuredReadOffset(&settingProblem));
+    if (!offsetArgument && !settingProblem.isEmpty()) {
+        err << "pelicane-cli rip: " << settingProblem << "\n";
         return ExitUsage;
     }
 

@@ -60,9 +60,24 @@ TrackRipJob::TrackRipJob(TrackRipRequest request) : m_request(std::move(request)
 
 TrackRipJob::~TrackRipJob() = default;
 
-int TrackRipJob::configuredReadOffset()
+int TrackRipJob::configuredReadOffset(QString *problem)
 {
-    return Settings::value(kSettingsReadOffset, 0).toInt();
+    const QVariant setting = Settings::value(kSettingsReadOffset, 0);
+    bool ok = false;
+    const int samples = setting.toInt(&ok);
+    constexpr int kMaxSamples = kRipMaxOffsetSectors * (kRipSectorValues / 2);
+    if (ok && samples >= -kMaxSamples && samples <= kMaxSamples) {
+        return samples;
+    }
+    const QString text = QStringLiteral("the read offset setting (%1) is not a number of samples from %2 to %3")
+                             .arg(setting.toString())
+                             .arg(-kMaxSamples)
+                             .arg(kMaxSamples);
+    Logger::log(QStringLiteral("Ignoring ") + text);
+    if (problem) {
+        *problem = text;
+    }
+    return 0;
 }
 
 AccurateRip::Lookup TrackRipJob::fetchAccurateRip(const std::shared_ptr<DiscSession> &disc, int timeoutMs,

@@ -69,8 +69,10 @@ public:
     static AccurateRip::Lookup fetchAccurateRip(const std::shared_ptr<DiscSession> &disc, int timeoutMs,
                                                 QString *discIdText = nullptr);
 
-    // The read offset configured for every rip (the setting), in samples.
-    static int configuredReadOffset();
+    // The read offset configured for every rip (the setting), in samples; 0,
+    // with what is wrong in *problem, for a setting that is not a number in
+    // the range a drive can have.
+    static int configuredReadOffset(QString *problem = nullptr);
 
 private:
     void readAndEncode(CdIo_t *disc, const Progress &progress, const std::function<bool()> &stop);
