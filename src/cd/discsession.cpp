@@ -7,6 +7,7 @@
 #include "platform/discimages.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QHash>
 #include <QMutexLocker>
 #include <QTemporaryDir>
@@ -34,6 +35,25 @@ Registry &registry()
 Error openingError(const char *message)
 {
     return Error::errorWithMessage(QString::fromUtf8(message), kCDReadErrorCode);
+}
+
+// What is wrong with an image libcdio would not open: libcdio reads a cue's
+// audio from the file of its own name with ".bin" (whatever its FILE line
+// says), and refuses a sheet it cannot parse.
+Error imageOpeningError(const QString &image)
+{
+    if (image.endsWith(QLatin1String(".cue"), Qt::CaseInsensitive)) {
+        const QString bin = image.left(image.size() - 4) + QStringLiteral(".bin");
+        if (!QFileInfo::exists(bin)) {
+            return Error::errorWithMessage(
+                QStringLiteral("The disc image's audio file %1 is missing.").arg(QFileInfo(bin).fileName()),
+                kCDReadErrorCode);
+        }
+    }
+    return Error::errorWithMessage(
+        QStringLiteral("The disc image %1 could not be read: it is not a cue or toc sheet libcdio understands.")
+            .arg(QFileInfo(image).fileName()),
+        kCDReadErrorCode);
 }
 
 struct Candidate
@@ -150,7 +170,7 @@ std::shared_ptr<DiscSession> DiscSession::open(const QString &volumePath, Option
     }
     session->m_handle = openHandle(openPath, chosen->isImage ? DRIVER_UNKNOWN : DRIVER_DEVICE);
     if (!session->m_handle) {
-        failure = openingError("No macOS driver found.");
+        failure = chosen->isImage ? imageOpeningError(chosen->name) : openingError("No macOS driver found.");
         return nullptr;
     }
     session->m_deviceName = chosen->name;

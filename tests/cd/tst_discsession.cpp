@@ -140,7 +140,7 @@ private slots:
             DiscImage::create(broken.path(), QStringLiteral("broken"), DiscImage::audioOptions({75}));
         QVERIFY(QFile::remove(image.binPath()));
         QVERIFY(DiscImages::insert(image.cuePath()));
-        verifyOpening(image.cuePath(), QStringLiteral("No macOS driver found."));
+        verifyOpening(image.cuePath(), QStringLiteral("The disc image's audio file broken.bin is missing."));
     }
 
     void audioCheckAcceptsEveryCDMode()
