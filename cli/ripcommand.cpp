@@ -186,6 +186,11 @@ int runRipCommand(const QStringList &args)
             }
         }
     });
+    if (chosen.empty()) {
+        status.endLine();
+        err << "pelicane-cli rip: the disc has no audio track\n";
+        return ExitTracksFailed;
+    }
     for (int n : chosen) {
         if (n < firstTrack || n > lastTrack) {
             status.endLine();
