@@ -192,15 +192,18 @@ void SessionModel::md5CheckedWithProgress(double progress)
         std::fprintf(stderr, "ignoring md5 check because canceled\n");
         return;
     }
-    while (!m_files.ready().isEmpty() && m_files.uploading().size() < qsizetype(service()->simultaneousUploadCount())) {
+    // Files waiting to go again count as much as ready ones: a run never
+    // ends with one of them left behind.
+    while ((!m_files.ready().isEmpty() || !m_files.retry().isEmpty()) &&
+           m_files.uploading().size() < qsizetype(service()->simultaneousUploadCount())) {
         uploadNextFile();
     }
     m_run.md5CheckProgressItem.setUploadProgress(qint64(progress * 100.0), false);
     emit md5CheckProgressItemChanged();
     updateUploadState();
     updateUploadListView();
-    if (m_files.found().isEmpty() && m_files.ready().isEmpty() && m_files.uploading().isEmpty() &&
-        m_mainPageType != MainPageTypeResult) {
+    if (m_files.found().isEmpty() && m_files.ready().isEmpty() && m_files.retry().isEmpty() &&
+        m_files.uploading().isEmpty() && m_mainPageType != MainPageTypeResult) {
         showUploadResult();
     }
 }

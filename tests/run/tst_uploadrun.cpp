@@ -309,6 +309,20 @@ private slots:
         QVERIFY(!model.isOffline());
         QCOMPARE(offlineChanged.size(), 1);
         model.OnPauseUpload();
+
+        // The last file of a run, met by an offline pause, goes first on
+        // resume; the run does not end with it left in the retry list.
+        for (const FileList list : {FileList::Ready, FileList::Retry, FileList::Uploading}) {
+            model.fileLists().clear(list);
+        }
+        model.setIsUploading(true);
+        finish(model, QStringLiteral("/z"), offline);
+        QCOMPARE(model.retryFiles().toList(), QStringList{QStringLiteral("/z")});
+        QVERIFY(!model.isUploading());
+        model.setIsUploading(true);
+        model.md5CheckedWithProgress(1.0);
+        QCOMPARE(model.uploadingFiles().toList(), QStringList{QStringLiteral("/z")});
+        QVERIFY(model.mainPageType() != MainPageTypeResult);
     }
 
     // A session revoked mid-run: the first refusal stops the run and checks
