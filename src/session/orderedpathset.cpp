@@ -27,6 +27,7 @@ bool OrderedPathSet::append(const QString &path)
     }
     m_index.insert(path);
     m_paths.append(path);
+    ++m_changes;
     return true;
 }
 
@@ -48,6 +49,7 @@ bool OrderedPathSet::prepend(const QString &path)
     }
     m_index.insert(path);
     m_paths.prepend(path);
+    ++m_changes;
     return true;
 }
 
@@ -65,6 +67,7 @@ bool OrderedPathSet::remove(const QString &path)
     m_index.erase(key);
     // Paths mostly leave from the head, so the search is short in practice.
     m_paths.removeAt(m_paths.indexOf(path));
+    ++m_changes;
     return true;
 }
 
@@ -125,6 +128,7 @@ QList<qsizetype> OrderedPathSet::removeAll(const QStringList &paths)
         }
     }
     m_paths.resize(kept);
+    m_changes += quint64(rows.size());
     // Their keys stay in the index, marked: a key owns its text, so no other
     // string gets that address while it is there.
     if (m_takenKeys.isEmpty()) {
@@ -143,17 +147,20 @@ void OrderedPathSet::removeAt(qsizetype index)
 {
     m_index.remove(m_paths.at(index));
     m_paths.removeAt(index);
+    ++m_changes;
 }
 
 QString OrderedPathSet::takeFirst()
 {
     QString path = m_paths.takeFirst();
     m_index.remove(path);
+    ++m_changes;
     return path;
 }
 
 void OrderedPathSet::clear()
 {
+    m_changes += quint64(m_paths.size());
     m_paths.clear();
     m_index.clear();
     m_takenKeys.clear();

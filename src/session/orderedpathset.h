@@ -45,6 +45,11 @@ public:
 
     bool operator==(const OrderedPathSet &other) const { return m_paths == other.m_paths; }
 
+    // Paths added and taken out so far, each one change: a reader that knows
+    // of every change it made or was told of sees from this whether any
+    // other happened.
+    quint64 changeCount() const { return m_changes; }
+
 private:
     // Where a string's text lies. A key of the index and its entry in the
     // list are copies of one string, so they share it.
@@ -64,4 +69,5 @@ private:
     // cleared, or they outnumber the paths held.
     QSet<QString> m_index;
     QSet<TextAddress> m_takenKeys;
+    quint64 m_changes = 0;
 };

@@ -183,7 +183,16 @@ void SessionModel::mergeFoundFiles(const QStringList &paths, quint64 epoch)
     if (epoch != m_scanEpoch || isFileSearchCanceled()) {
         return;
     }
-    m_files.add(FileList::Found, paths);
+    QStringList added;
+    added.reserve(paths.size());
+    for (const QString &path : paths) {
+        if (m_files.add(FileList::Found, path)) {
+            added.append(path);
+        }
+    }
+    if (!added.isEmpty()) {
+        emit foundFilesAdded(added);
+    }
     if (m_fileSearchInProgress) {
         emit fileSearchCountChanged(m_files.found().size());
     }
