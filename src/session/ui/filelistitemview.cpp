@@ -6,6 +6,8 @@
 #include <QLabel>
 #include <QPainter>
 #include <QPixmap>
+#include <QSet>
+#include <QTimer>
 
 #include <algorithm>
 #include <iterator>
@@ -182,22 +184,97 @@ void FoundFilesTableModel::reloadData()
     endResetModel();
 }
 
-void FoundFilesTableModel::removePaths(const QStringList &paths)
+void FoundFilesTableModel::removePaths(const QStringList &paths, const QList<int> &seenRows)
 {
-    qsizetype removed = 0;
-    for (const QString &path : paths) {
-        const auto it =
-            std::lower_bound(m_rows.cbegin(), m_rows.cend(), rowOf(path), &FoundFilesTableModel::rowLessThan);
-        if (it == m_rows.cend() || it->path != path) {
+    // The rows to go, ascending: those given when they hold the paths, else
+    // a few are looked up, many are picked out in one pass.
+    std::vector<int> rows;
+    bool seenRowsHold = seenRows.size() == paths.size();
+    for (qsizetype i = 0; seenRowsHold && i < seenRows.size(); ++i) {
+        const int row = seenRows.at(i);
+        seenRowsHold = row >= 0 && row < rowCount() && (i == 0 || seenRows.at(i - 1) < row) &&
+                       m_rows[std::size_t(row)].path == paths.at(i);
+    }
+    if (seenRowsHold) {
+        rows.assign(seenRows.cbegin(), seenRows.cend());
+    } else if (paths.size() * 64 < qsizetype(m_rows.size())) {
+        for (const QString &path : paths) {
+            const auto it =
+                std::lower_bound(m_rows.cbegin(), m_rows.cend(), rowOf(path), &FoundFilesTableModel::rowLessThan);
+            if (it != m_rows.cend() && it->path == path) {
+                rows.push_back(int(it - m_rows.cbegin()));
+            }
+        }
+        std::sort(rows.begin(), rows.end());
+        rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+    } else {
+        const QSet<QString> gone(paths.cbegin(), paths.cend());
+        for (std::size_t row = 0; row < m_rows.size(); ++row) {
+            if (gone.contains(m_rows[row].path)) {
+                rows.push_back(int(row));
+            }
+        }
+    }
+    // Runs of neighbouring rows, as a selection made with Shift gives.
+    std::vector<std::pair<int, int>> runs;
+    for (const int row : rows) {
+        if (!runs.empty() && runs.back().second == row - 1) {
+            runs.back().second = row;
+        } else {
+            runs.emplace_back(row, row);
+        }
+    }
+    // Each run told to the view costs it a pass over all the rows; past a
+    // few runs the table is told once that everything changed.
+    constexpr std::size_t kMostRunsTold = 16;
+    if (runs.size() <= kMostRunsTold) {
+        // The last run first, so the earlier runs keep their rows.
+        for (auto run = runs.crbegin(); run != runs.crend(); ++run) {
+            removeRowRun(run->first, run->second);
+        }
+        noteFoundChanges(qsizetype(rows.size()));
+        return;
+    }
+    beginResetModel();
+    std::size_t kept = 0;
+    std::size_t next = 0;
+    for (std::size_t row = 0; row < m_rows.size(); ++row) {
+        if (next < rows.size() && std::size_t(rows[next]) == row) {
+            m_released.push_back(std::move(m_rows[row]));
+            ++next;
             continue;
         }
-        const int row = int(it - m_rows.cbegin());
-        beginRemoveRows(QModelIndex(), row, row);
-        m_rows.erase(it);
-        endRemoveRows();
-        ++removed;
+        if (kept != row) {
+            m_rows[kept] = std::move(m_rows[row]);
+        }
+        ++kept;
     }
-    noteFoundChanges(removed);
+    m_rows.resize(kept);
+    endResetModel();
+    releaseLater();
+    noteFoundChanges(qsizetype(rows.size()));
+}
+
+void FoundFilesTableModel::removeRowRun(int first, int last)
+{
+    beginRemoveRows(QModelIndex(), first, last);
+    const auto begin = m_rows.begin() + first;
+    const auto end = m_rows.begin() + last + 1;
+    std::move(begin, end, std::back_inserter(m_released));
+    m_rows.erase(begin, end);
+    endRemoveRows();
+    releaseLater();
+}
+
+void FoundFilesTableModel::releaseLater()
+{
+    if (!m_released.empty() && !m_releaseQueued) {
+        m_releaseQueued = true;
+        QTimer::singleShot(0, this, [this] {
+            m_released = {};
+            m_releaseQueued = false;
+        });
+    }
 }
 
 FileListItemDelegate::FileListItemDelegate(QObject *parent)

@@ -58,8 +58,10 @@ public:
     // Takes the files afresh, in order.
     void reloadData();
     // The rows of these paths go, once the session has taken them off its
-    // list.
-    void removePaths(const QStringList &paths);
+    // list. `rows`, ascending, are where the caller saw them (the selection);
+    // used when they still hold these paths, so a large selection is not
+    // looked up path by path.
+    void removePaths(const QStringList &paths, const QList<int> &rows = {});
     QString pathAt(int row) const { return row >= 0 && row < rowCount() ? m_rows[std::size_t(row)].path : QString(); }
     // Folders first by name, ignoring case, so 01 comes before 02 and
     // "Beatles" before "beck" sorts as a person expects.
@@ -84,6 +86,11 @@ private:
     void noteFoundChanges(qsizetype changes);
     // The sorted rows of every found file, from the start.
     std::vector<Row> sortedFoundFiles() const;
+    // Rows from `first` to `last` go, and the table is told.
+    void removeRowRun(int first, int last);
+    // Frees the removed rows on a later turn of the event loop: letting go
+    // of tens of thousands of strings costs more than taking their rows out.
+    void releaseLater();
 
     SessionModel *m_session;
     std::vector<Row> m_rows;
@@ -95,6 +102,8 @@ private:
     // count when that was last checked.
     bool m_mirrorsFound = false;
     quint64 m_foundChangeCount = 0;
+    std::vector<Row> m_released;
+    bool m_releaseQueued = false;
 };
 
 // Draws every row with one reused FileListItemView, which keeps a list of a
