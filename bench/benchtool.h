@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -22,4 +23,17 @@ inline double runTool(const QString &program, const QStringList &arguments)
         return -1;
     }
     return double(timer.nsecsElapsed()) / 1e9;
+}
+
+// The one-minute load average, printed beside a figure: on a shared machine
+// a figure means little without it. -1 when it cannot be read.
+inline double loadAverage()
+{
+    QFile file(QStringLiteral("/proc/loadavg"));
+    if (!file.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    bool ok = false;
+    const double load = file.readLine().split(' ').value(0).toDouble(&ok);
+    return ok ? load : -1;
 }

@@ -3,6 +3,8 @@
 //   bench_scan digest  --dir D [--mb M]     FileHash MD5 (and QCryptographicHash) vs "md5sum" over M MB of files
 //   bench_scan recheck --dir D [--files N]  MD5Cache::get() of N cached files vs "find -printf %T@" (one stat each)
 //   bench_scan stall   --dir D [--files N]  longest GUI event-loop stall while the session scans the tree
+//   bench_scan window  --dir D [--rows R]   longest GUI event-loop stall while the List page takes R rows,
+//                                           selects them all and removes half
 // Each prints the times and a ratio measured in the same run.
 
 #include "benchtool.h"
@@ -223,6 +225,7 @@ int benchRecheck(const QString &dir, int files)
 } // namespace
 
 int benchStall(const QString &dir, int files); // bench_stall.cpp
+int benchWindow(const QString &dir, int rows); // bench_stall.cpp
 
 int main(int argc, char **argv)
 {
@@ -244,7 +247,11 @@ int main(int argc, char **argv)
     if (mode == QLatin1String("stall")) {
         return benchStall(dir, files);
     }
-    std::fprintf(stderr, "usage: bench_scan scan|digest|recheck|stall --dir D [--files N] [--mb M]\n");
+    if (mode == QLatin1String("window")) {
+        return benchWindow(dir, argument(args, QStringLiteral("--rows"), QStringLiteral("100000")).toInt());
+    }
+    std::fprintf(stderr,
+                 "usage: bench_scan scan|digest|recheck|stall|window --dir D [--files N] [--mb M] [--rows R]\n");
     return 2;
 }
 

@@ -5,6 +5,7 @@
 #include <QStringList>
 
 #include <initializer_list>
+#include <utility>
 
 // Paths kept unique in insertion order: adding a path that is already present
 // changes nothing. Taking from the head and inserting at the head are cheap,
@@ -21,11 +22,15 @@ public:
     // Inserts at the head; false (and no change) when the path is present.
     bool prepend(const QString &path);
     bool remove(const QString &path);
+    // Takes the paths present out in one pass over the list; the indexes
+    // they had, ascending. Cheapest when the paths are copies of the ones
+    // held here (as the rows of a list made from it are).
+    QList<qsizetype> removeAll(const QStringList &paths);
     void removeAt(qsizetype index);
     QString takeFirst();
     void clear();
 
-    bool contains(const QString &path) const { return m_index.contains(path); }
+    bool contains(const QString &path) const { return isHeld(m_index.constFind(path)); }
     qsizetype indexOf(const QString &path) const;
     qsizetype size() const { return m_paths.size(); }
     qsizetype count() const { return m_paths.size(); }
@@ -40,7 +45,29 @@ public:
 
     bool operator==(const OrderedPathSet &other) const { return m_paths == other.m_paths; }
 
+    // Paths added and taken out so far, each one change: a reader that knows
+    // of every change it made or was told of sees from this whether any
+    // other happened.
+    quint64 changeCount() const { return m_changes; }
+
 private:
+    // Where a string's text lies. A key of the index and its entry in the
+    // list are copies of one string, so they share it.
+    using TextAddress = std::pair<const QChar *, qsizetype>;
+    static TextAddress addressOf(const QString &path) { return {path.constData(), path.size()}; }
+    bool isHeld(QSet<QString>::const_iterator key) const
+    {
+        return key != m_index.cend() && (m_takenKeys.isEmpty() || !m_takenKeys.contains(addressOf(*key)));
+    }
+    // Drops a key that removeAll left in the index.
+    void forgetTaken(QSet<QString>::const_iterator key);
+
     QStringList m_paths;
+    // Every path of the list, and those removeAll took out: taking them out
+    // of a hash one by one costs more than the rest of a large removal, so
+    // they stay, marked by address, until they are added again, the set is
+    // cleared, or they outnumber the paths held.
     QSet<QString> m_index;
+    QSet<TextAddress> m_takenKeys;
+    quint64 m_changes = 0;
 };

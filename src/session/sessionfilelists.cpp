@@ -104,6 +104,11 @@ qsizetype SessionFileLists::remove(const QString &path, FileList from)
     return row;
 }
 
+QList<qsizetype> SessionFileLists::remove(const QStringList &paths, FileList from)
+{
+    return mutableList(from).removeAll(paths);
+}
+
 void SessionFileLists::clear(FileList list)
 {
     mutableList(list).clear();

@@ -55,6 +55,9 @@ public:
     std::optional<Next> takeNext();
     // Takes path out of `from`; the row it had, or -1 when it was not there.
     qsizetype remove(const QString &path, FileList from);
+    // Takes the paths `from` holds out of it at once; the rows they had,
+    // ascending.
+    QList<qsizetype> remove(const QStringList &paths, FileList from);
     void clear(FileList list);
 
     // A description of the first path found in two lists, or an empty text.

@@ -292,6 +292,8 @@ signals:
     void fileSearchInProgressChanged(bool inProgress);
     // Files found so far by the running scan (0 when it starts).
     void fileSearchCountChanged(qint64 count);
+    // A scan added these files to foundFiles, in this order.
+    void foundFilesAdded(const QStringList &paths);
     // A scan's worker stopped because it was told to, having found `found` files.
     void fileSearchAbandoned(qint64 found);
     void beginUploadEnabledChanged(bool enabled);

@@ -5,8 +5,11 @@
 
 void SessionModel::removeFoundFiles(const QStringList &paths)
 {
-    for (const QString &path : paths) {
-        removeFoundFile(path);
+    // One pass over the list, however many go (a whole selection may).
+    const QList<qsizetype> rows = m_files.remove(paths, FileList::Found);
+    // Last first, so each row is still the one the file had just before it left.
+    for (auto row = rows.crbegin(); row != rows.crend(); ++row) {
+        emit foundFileRemoved(*row);
     }
     // The count above the list follows what is left on it.
     const qsizetype count = m_files.found().size();

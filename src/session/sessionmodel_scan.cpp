@@ -14,6 +14,9 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QMetaObject>
+#include <QSemaphore>
+
+#include <memory>
 
 namespace {
 
@@ -22,6 +25,20 @@ namespace {
 // thread never spends long on one.
 constexpr qsizetype kBatchSize = 2000;
 constexpr qint64 kBatchIntervalMs = 100;
+
+// Frees a scan's hand-over slot when its last copy goes: when the main
+// thread has merged the batch it travels with, or dropped it unrun.
+class HandOverSlotRelease
+{
+public:
+    explicit HandOverSlotRelease(std::shared_ptr<QSemaphore> slot) : m_slot(std::move(slot)) {}
+    ~HandOverSlotRelease() { m_slot->release(); }
+    HandOverSlotRelease(const HandOverSlotRelease &) = delete;
+    HandOverSlotRelease &operator=(const HandOverSlotRelease &) = delete;
+
+private:
+    std::shared_ptr<QSemaphore> m_slot;
+};
 
 } // namespace
 
@@ -103,16 +120,35 @@ void SessionModel::appendFilesAtPath(const QStringList &paths)
     const QStringList formats = LyraboxService::sharedService().getSupportedFormatList();
     const quint64 epoch = m_scanEpoch;
     m_folderScanRunner.start([this, paths, formats, epoch] {
+        const auto stopping = [this] { return m_folderScanRunner.isStopping() || isFileSearchCanceled(); };
+        // One batch of a scan at most waits for the main thread: batches
+        // queued behind a busy main thread would all be merged in one go,
+        // one long stall of the window. Meanwhile the walk gathers on, up to
+        // a full batch.
+        const auto slot = std::make_shared<QSemaphore>(1);
         QStringList batch;
         QElapsedTimer sinceHandOver;
         sinceHandOver.start();
-        const auto handOver = [this, &batch, &sinceHandOver, epoch] {
-            if (!batch.isEmpty()) {
-                QMetaObject::invokeMethod(
-                    this, [this, found = std::move(batch), epoch] { mergeFoundFiles(found, epoch); },
-                    Qt::QueuedConnection);
-                batch = QStringList();
+        const auto handOver = [&, this](bool full) {
+            if (batch.isEmpty()) {
+                sinceHandOver.restart();
+                return;
             }
+            if (!slot->tryAcquire()) {
+                if (!full) {
+                    return;
+                }
+                while (!slot->tryAcquire(1, 10)) {
+                    if (stopping()) {
+                        return;
+                    }
+                }
+            }
+            const auto release = std::make_shared<HandOverSlotRelease>(slot);
+            QMetaObject::invokeMethod(
+                this, [this, found = std::move(batch), epoch, release] { mergeFoundFiles(found, epoch); },
+                Qt::QueuedConnection);
+            batch = QStringList();
             sinceHandOver.restart();
         };
         qint64 found = 0;
@@ -121,12 +157,14 @@ void SessionModel::appendFilesAtPath(const QStringList &paths)
             [&](const QString &path) {
                 ++found;
                 batch.append(path);
-                if (batch.size() >= kBatchSize || sinceHandOver.elapsed() >= kBatchIntervalMs) {
-                    handOver();
+                if (batch.size() >= kBatchSize) {
+                    handOver(true);
+                } else if (sinceHandOver.elapsed() >= kBatchIntervalMs) {
+                    handOver(false);
                 }
             },
-            [this] { return m_folderScanRunner.isStopping() || isFileSearchCanceled(); });
-        handOver();
+            stopping);
+        handOver(true);
         if (!outcome.finished) {
             // Abandoned: no summary, no completion, no alert; only word that
             // this thread has let go.
@@ -145,7 +183,16 @@ void SessionModel::mergeFoundFiles(const QStringList &paths, quint64 epoch)
     if (epoch != m_scanEpoch || isFileSearchCanceled()) {
         return;
     }
-    m_files.add(FileList::Found, paths);
+    QStringList added;
+    added.reserve(paths.size());
+    for (const QString &path : paths) {
+        if (m_files.add(FileList::Found, path)) {
+            added.append(path);
+        }
+    }
+    if (!added.isEmpty()) {
+        emit foundFilesAdded(added);
+    }
     if (m_fileSearchInProgress) {
         emit fileSearchCountChanged(m_files.found().size());
     }

@@ -169,6 +169,14 @@ private slots:
                  QStringLiteral("25 files were found. Click a filename to remove it from the list."));
         QCOMPARE(table->model()->index(0, 0).data().toString(), shown[4]);
 
+        // The folder dropped on the list again brings back what was taken
+        // off, each file in its place.
+        QVERIFY(dropPaths(ui->filesContainerView, {m_library}));
+        QTRY_COMPARE(table->model()->rowCount(), 30);
+        for (int row = 0; row < 30; ++row) {
+            QCOMPARE(table->model()->index(row, 0).data().toString(), shown[row]);
+        }
+
         // The page fits a small laptop's screen.
         QVERIFY2(window.minimumSizeHint().width() <= 640,
                  qPrintable(QString::number(window.minimumSizeHint().width())));

@@ -51,6 +51,11 @@ private slots:
         QCOMPARE(lists.listOf(QStringLiteral("/c")), std::optional<FileList>(FileList::Completed));
         QCOMPARE(lists.remaining(), 3);
         QCOMPARE(lists.remove(QStringLiteral("/a"), FileList::Ready), 1);
+        QCOMPARE(lists.remove(QStringList{"/d", "/x", "/b"}, FileList::Ready), (QList<qsizetype>{0, 1}));
+        QVERIFY(!lists.listOf(QStringLiteral("/d")) && lists.add(FileList::Found, QStringLiteral("/d")));
+        QCOMPARE(lists.remove(QStringList{lists.completed().first(), QStringLiteral("/c")}, FileList::Completed),
+                 QList<qsizetype>{0});
+        QVERIFY(!lists.listOf(QStringLiteral("/c")));
         QVERIFY(lists.invariantViolation().isEmpty());
     }
 

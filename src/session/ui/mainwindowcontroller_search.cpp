@@ -14,6 +14,7 @@
 #include <QDropEvent>
 #include <QFileDialog>
 #include <QHeaderView>
+#include <QItemSelectionModel>
 #include <QKeyEvent>
 #include <QListView>
 #include <QMimeData>
@@ -79,6 +80,21 @@ protected:
 private:
     DragDropView *m_dropArea;
 };
+
+// The selected rows, ascending, read off the selection's ranges: asking for
+// selectedRows() tests every row of a large selection against every range.
+QList<int> selectedRowNumbers(const QItemSelectionModel *selection)
+{
+    QList<int> rows;
+    for (const QItemSelectionRange &range : selection->selection()) {
+        for (int row = range.top(); row <= range.bottom(); ++row) {
+            rows.append(row);
+        }
+    }
+    std::sort(rows.begin(), rows.end());
+    rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+    return rows;
+}
 
 // Delete and Backspace on the file list take the selection off.
 class DeleteKeyFilter : public QObject
@@ -211,11 +227,15 @@ void MainWindowController::OnBrowseFolder()
 
 QStringList MainWindowController::selectedFiles() const
 {
+    const QList<int> rows = selectedRowNumbers(m_ui->filesTableView->selectionModel());
     QStringList paths;
-    for (const QModelIndex &index : m_ui->filesTableView->selectionModel()->selectedRows()) {
-        paths << m_filesTableModel->pathAt(index.row());
+    paths.reserve(rows.size());
+    for (const int row : rows) {
+        const QString path = m_filesTableModel->pathAt(row);
+        if (!path.isEmpty()) {
+            paths.append(path);
+        }
     }
-    paths.removeAll(QString());
     return paths;
 }
 
@@ -227,10 +247,10 @@ void MainWindowController::removeSelectedFiles()
     }
     auto remove = [this, paths] {
         // The row after the removed ones keeps the selection, so Delete can go on.
-        const QModelIndexList rows = m_ui->filesTableView->selectionModel()->selectedRows();
-        int next = rows.isEmpty() ? 0 : rows.last().row() - int(paths.size()) + 1;
+        const QList<int> rows = selectedRowNumbers(m_ui->filesTableView->selectionModel());
+        int next = rows.isEmpty() ? 0 : rows.last() - int(paths.size()) + 1;
         m_session->removeFoundFiles(paths);
-        m_filesTableModel->removePaths(paths);
+        m_filesTableModel->removePaths(paths, rows);
         next = std::clamp(next, 0, m_filesTableModel->rowCount() - 1);
         if (next >= 0) {
             m_ui->filesTableView->selectRow(next);
