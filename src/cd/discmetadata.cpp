@@ -276,10 +276,8 @@ private:
     // the name says none).
     int trackNumberOf(int index) const
     {
-        if (const auto track = PLCVolumeType::trackFileAtPath(m_result.trackPaths.at(index))) {
-            return track->trackNumber;
-        }
-        return m_firstTrack + index;
+        const int number = PLCVolumeType::trackNumberInPath(m_result.trackPaths.at(index));
+        return number > 0 ? number : m_reading.idFirstTrack + index;
     }
     // Merges the records found for the disc's tracks into the paths' records.
     void mergeFound(const QHash<int, PLCID3Tag> &found)
@@ -306,7 +304,6 @@ private:
     PLCAudioCDProcessor::ProgressCallback m_progress;
     std::shared_ptr<DiscLookupCache> m_cache;
     DiscReading m_reading;
-    int m_firstTrack = 1;
     bool m_askingRelease = false;
     DiscMetadata m_result;
     ID3TagDictionary m_tags;
@@ -334,9 +331,6 @@ DiscMetadata Compilation::run()
     }
     progress(DiscInformationStage);
 
-    m_firstTrack = m_reading.cdText.isEmpty()
-                       ? m_reading.idFirstTrack
-                       : *std::min_element(m_reading.cdText.keyBegin(), m_reading.cdText.keyEnd());
     Logger::log(QStringLiteral("Filling out initial values:"));
     for (int i = 0; i < paths.size(); ++i) {
         PLCID3Tag tag;

@@ -176,6 +176,18 @@ std::optional<QList<PLCVolumeType::TrackFile>> PLCVolumeType::contentsOfDiskAtUR
     return tracks;
 }
 
+int PLCVolumeType::trackNumberInPath(const QString &path)
+{
+    static const QLatin1String kSuffix(" Audio Track.aiff");
+    const QString name = QFileInfo(path).fileName();
+    if (!name.endsWith(kSuffix)) {
+        return 0;
+    }
+    bool ok = false;
+    const int number = name.left(name.size() - kSuffix.size()).toInt(&ok);
+    return ok && number > 0 && number <= 99 ? number : 0;
+}
+
 std::optional<PLCVolumeType::TrackFile> PLCVolumeType::trackFileAtPath(const QString &path)
 {
     const QFileInfo info(path);

@@ -83,6 +83,10 @@ public:
     // The name of track n's file: "3 Audio Track.aiff".
     static QString trackFileName(int trackNumber);
 
-    // The track file at path if it exists on its disc, else nothing.
+    // The track file at path if it exists on its disc, else nothing (reads
+    // the disc's table of contents).
     static std::optional<TrackFile> trackFileAtPath(const QString &path);
+    // The track number a track file's name gives, without asking the disc;
+    // 0 for a name that is no track file's.
+    static int trackNumberInPath(const QString &path);
 };

@@ -427,9 +427,9 @@ QList<std::pair<QString, QString>> AudioCDFlow::trackVerdicts() const
     QList<std::pair<QString, QString>> verdicts;
     for (const QString &path : m_runTracks) {
         const PLCID3Tag tag = m_session->audioCDID3Tags().value(path);
-        const auto file = PLCVolumeType::trackFileAtPath(path);
+        const int number = PLCVolumeType::trackNumberInPath(path);
         const QString name = QStringLiteral("%1 %2")
-                                 .arg(file ? file->trackNumber : tag.track().value_or(0), 2, 10, QLatin1Char('0'))
+                                 .arg(number > 0 ? number : tag.track().value_or(0), 2, 10, QLatin1Char('0'))
                                  .arg(tag.title().value_or(QFileInfo(path).completeBaseName()));
         const std::optional<RipLogTrack> rip = CDTrackRips::find(path);
         QString verdict = QStringLiteral("not ripped");

@@ -48,8 +48,8 @@ bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *body
     // The disc's own number from the track's file name; the tag record's
     // number is the fallback.
     TrackRipRequest request;
-    if (const auto track = PLCVolumeType::trackFileAtPath(m_config.filePath)) {
-        request.trackNumber = track->trackNumber;
+    if (const int number = PLCVolumeType::trackNumberInPath(m_config.filePath)) {
+        request.trackNumber = number;
     } else if (m_config.ID3Tags && m_config.ID3Tags->track()) {
         request.trackNumber = *m_config.ID3Tags->track();
     }

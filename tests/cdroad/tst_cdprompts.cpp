@@ -4,6 +4,7 @@
 #include "cdroadsupport.h"
 
 #include "../session/alertdriver.h"
+#include "../session/signedinwindow.h"
 #include "audio/cdripper.h"
 #include "platform/discimages.h"
 #include "service/lyraboxservice.h"
@@ -158,12 +159,7 @@ private slots:
         QVERIFY(!image.isEmpty());
 
         MainWindowController window;
-        window.resize(900, 640);
-        window.showWindow();
-        window.ui()->emailField->setText(QString::fromLatin1(DevServerProcess::kDemoEmail));
-        window.ui()->passwdField->setText(QString::fromLatin1(DevServerProcess::kDemoPassword));
-        window.ui()->loginButton->click();
-        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), 30000);
+        signInThroughTheWindow(window);
         QVERIFY(window.ui()->searchUploadCDButton->isHidden());
 
         // Two discs: the chooser, window-modal; taking both out closes it.
@@ -260,12 +256,7 @@ private slots:
         data.delayAnswer(QStringLiteral("musicbrainz/discid/%1.xml").arg(discId), 800);
 
         MainWindowController window;
-        window.resize(900, 640);
-        window.showWindow();
-        window.ui()->emailField->setText(QString::fromLatin1(DevServerProcess::kDemoEmail));
-        window.ui()->passwdField->setText(QString::fromLatin1(DevServerProcess::kDemoPassword));
-        window.ui()->loginButton->click();
-        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), 30000);
+        signInThroughTheWindow(window);
         AudioCDFlow *flow = window.session()->cdFlow();
         flow->setLookupTimeout(1000);
         QVERIFY(DiscImages::insert(image.cuePath()));

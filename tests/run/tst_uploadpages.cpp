@@ -4,6 +4,7 @@
 #include "runsupport.h"
 
 #include "../session/alertdriver.h"
+#include "../session/signedinwindow.h"
 
 #include "service/lyraboxservice.h"
 #include "session/sessionmodel.h"
@@ -31,12 +32,7 @@ class TestUploadPages : public QObject
     void beginUpload(MainWindowController &window, const MusicFolder &music, const QString &threads,
                      const QJsonObject &fault)
     {
-        window.resize(900, 640);
-        window.showWindow();
-        window.ui()->emailField->setText(QString::fromLatin1(DevServerProcess::kDemoEmail));
-        window.ui()->passwdField->setText(QString::fromLatin1(DevServerProcess::kDemoPassword));
-        window.ui()->loginButton->click();
-        QTRY_COMPARE_WITH_TIMEOUT(window.mainPageType(), quint32(MainPageTypeSearch), 30000);
+        signInThroughTheWindow(window);
         window.session()->setSearchFolderPath({music.root});
         window.OnSearchFolder();
         QTRY_VERIFY_WITH_TIMEOUT(window.ui()->beginUploadButton->isEnabled(), 30000);
