@@ -66,4 +66,33 @@ void removeTemporaryLeftovers()
     }
 }
 
+QString safeFileName(QString name, int maxBytes)
+{
+    static const QString kRefused = QStringLiteral("/\\:*?\"<>|");
+    for (QChar &c : name) {
+        if (kRefused.contains(c) || c.unicode() < 0x20) {
+            c = u'_';
+        }
+    }
+    name = name.trimmed();
+    if (name.startsWith(u'.')) {
+        name.replace(0, 1, u'_');
+    }
+    qsizetype bytes = 0;
+    qsizetype end = 0;
+    while (end < name.size()) {
+        // A surrogate pair is one character of four bytes.
+        const bool pair = name.at(end).isHighSurrogate() && end + 1 < name.size();
+        const char32_t code = pair ? QChar::surrogateToUcs4(name.at(end), name.at(end + 1)) : name.at(end).unicode();
+        const int width = code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
+        if (bytes + width > maxBytes) {
+            break;
+        }
+        bytes += width;
+        end += pair ? 2 : 1;
+    }
+    name.truncate(end);
+    return name.trimmed();
+}
+
 } // namespace Paths

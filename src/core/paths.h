@@ -25,4 +25,10 @@ QString temporaryPath(const QString &name);
 // for good.
 void removeTemporaryLeftovers();
 
+// `name` as one file name: folder separators, control characters and the
+// characters other systems refuse become "_", a leading dot too, and it is
+// cut on a character boundary to at most `maxBytes` bytes of UTF-8 (file
+// systems count bytes, and 255 of them is the usual limit).
+QString safeFileName(QString name, int maxBytes);
+
 } // namespace Paths
