@@ -111,7 +111,8 @@ OptionalError writeRipLog(const RipLog &log, QString *path)
     file.write(log.text().toUtf8());
     if (!file.commit()) {
         return Error::errorWithMessage(
-            QStringLiteral("The rip log %1 could not be written: %2").arg(target, file.errorString()));
+            QStringLiteral("The rip log %1 could not be written: %2")
+                .arg(target, Paths::isDiskFull(target) ? QStringLiteral("the disk is full") : file.errorString()));
     }
     Logger::log(QStringLiteral("Rip log written to %1").arg(target));
     if (path) {

@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QStorageInfo>
 
 #include <unistd.h>
 
@@ -93,6 +94,18 @@ QString safeFileName(QString name, int maxBytes)
     }
     name.truncate(end);
     return name.trimmed();
+}
+
+bool isDiskFull(const QString &path)
+{
+    // A write that needs one more block fails with a few bytes still free.
+    constexpr qint64 kFullBelow = 256 * 1024;
+    QFileInfo place(path);
+    while (!place.exists() && !place.isRoot() && place.absolutePath() != place.absoluteFilePath()) {
+        place = QFileInfo(place.absolutePath());
+    }
+    const QStorageInfo storage(place.absoluteFilePath());
+    return storage.isValid() && storage.bytesAvailable() >= 0 && storage.bytesAvailable() < kFullBelow;
 }
 
 } // namespace Paths

@@ -31,4 +31,9 @@ void removeTemporaryLeftovers();
 // systems count bytes, and 255 of them is the usual limit).
 QString safeFileName(QString name, int maxBytes);
 
+// After a write under `path` failed: whether the file system holding it (or
+// its nearest existing folder) has no room left, so the user can be told
+// "the disk is full" rather than a library's state name.
+bool isDiskFull(const QString &path);
+
 } // namespace Paths
