@@ -24,6 +24,11 @@ public:
     // The argument as it was given.
     const QString &raw() const { return m_args.at(m_index); }
     bool hasInlineValue() const { return m_inlineValue.has_value(); }
+    // "--help" or "-h", with or without an inline value.
+    bool isHelp() const
+    {
+        return m_isOption && (m_current == QLatin1String("--help") || m_current == QLatin1String("-h"));
+    }
     // The option's value, inline or the next argument; none, with the reason
     // in *error, when there is none.
     std::optional<QString> takeValue(QString *error);
