@@ -3,9 +3,6 @@
 #include <QString>
 #include <QStringList>
 
-#include <QTextStream>
-
-#include <cstdio>
 #include <optional>
 
 // Walks a command's arguments: options as "--name", "--name=value" or
@@ -41,20 +38,3 @@ private:
     QString m_current;
     std::optional<QString> m_inlineValue;
 };
-
-// What a command does before it runs: on a wrong argument it prints why and
-// its usage (exit status 2), for --help its usage (0); otherwise it goes on.
-template <typename Options>
-std::optional<int> exitBeforeRun(const std::optional<Options> &parsed, const char *command, const QString &error,
-                                 const char *usage)
-{
-    if (!parsed) {
-        QTextStream(stderr) << "pelicane-cli " << command << ": " << error << "\n\n" << usage << Qt::flush;
-        return 2;
-    }
-    if (parsed->help) {
-        QTextStream(stdout) << usage << Qt::flush;
-        return 0;
-    }
-    return std::nullopt;
-}
