@@ -12,6 +12,7 @@
 #include "cd/discsession.h"
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
+#include "core/paths.h"
 #include "platform/discimages.h"
 
 #include <QCoreApplication>
@@ -51,21 +52,6 @@ bool parseTrackList(const QString &text, std::set<int> *tracks)
         }
     }
     return !tracks->empty();
-}
-
-QString safeFileName(QString name)
-{
-    static const QString kRefused = QStringLiteral("/\\:*?\"<>|");
-    for (QChar &c : name) {
-        if (kRefused.contains(c) || c.unicode() < 0x20) {
-            c = u'_';
-        }
-    }
-    name = name.trimmed();
-    if (name.startsWith(u'.')) {
-        name.replace(0, 1, u'_');
-    }
-    return name.left(150);
 }
 
 QString twoDigits(int number)
@@ -396,7 +382,7 @@ RipLogTrack DiscRip::ripTrack(int number, const AccurateRip::Lookup &lookup)
     if (ripped) {
         const QString title = request.tags.title().value_or(QString()).trimmed();
         const QString stem = title.isEmpty() ? QString(QStringLiteral("Track ") + name) : QString(name + u' ' + title);
-        const QString file = QDir(m_options.folder).filePath(safeFileName(stem) + QStringLiteral(".flac"));
+        const QString file = QDir(m_options.folder).filePath(Paths::safeFileName(stem, 240) + QStringLiteral(".flac"));
         if (OptionalError error = job.saveAs(file)) {
             entry.ripped = false;
             entry.message = error->localizedDescription();
@@ -434,14 +420,20 @@ int printRipSummary(const RipOutcome &outcome)
         out << "Rip log: " << outcome.logPath << "\n";
     }
     const qsizetype skipped = outcome.chosen - outcome.log.tracks.size();
-    const bool allRipped = outcome.failures == 0 && skipped == 0;
+    // A rip without its log is not the whole job: the log is what proves it.
+    const bool allRipped = outcome.failures == 0 && skipped == 0 && !outcome.logError;
     const QString folder = QDir(outcome.folder).absolutePath();
-    out << (allRipped ? QStringLiteral("%1 tracks ripped to %2\n").arg(outcome.attempted).arg(folder)
-                      : QStringLiteral("%1 of %2 tracks failed%3; the others are in %4\n")
-                            .arg(outcome.failures + skipped)
-                            .arg(outcome.chosen)
-                            .arg(outcome.interrupted ? QStringLiteral(" (stopped)") : QString())
-                            .arg(folder));
+    const qint64 failed = outcome.failures + skipped;
+    if (failed == 0) {
+        out << QStringLiteral("%1 tracks ripped to %2\n").arg(outcome.attempted).arg(folder);
+    } else {
+        const QString where = failed == outcome.chosen ? QStringLiteral("nothing was written to %1").arg(folder)
+                                                       : QStringLiteral("the others are in %1").arg(folder);
+        out << QStringLiteral("%1 of %2 tracks failed%3; %4\n")
+                   .arg(failed)
+                   .arg(outcome.chosen)
+                   .arg(outcome.interrupted ? QStringLiteral(" (stopped)") : QString(), where);
+    }
     out.flush();
     return allRipped ? Exit::Success : Exit::Failed;
 }

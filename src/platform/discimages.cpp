@@ -156,10 +156,53 @@ bool DiscImages::holdsBigEndianAudio(const QString &imagePath)
     return false;
 }
 
+namespace {
+
+// libcdio reads a cue sheet's audio from the file of the sheet's own name with
+// ".bin", whatever its FILE line says. A sheet with one FILE that names
+// another existing file is copied into temporaryFolder beside a link of that
+// name to the file.
+QString openableCuePath(const QString &path, const QString &temporaryFolder)
+{
+    const QFileInfo sheet(path);
+    if (QFileInfo::exists(sheet.absolutePath() + u'/' + sheet.completeBaseName() + QStringLiteral(".bin"))) {
+        return path;
+    }
+    QFile cue(path);
+    if (!cue.open(QIODevice::ReadOnly)) {
+        return path;
+    }
+    // FILE "name" TYPE, or FILE name TYPE.
+    static const QRegularExpression fileLine(QStringLiteral("^\\s*FILE\\s+(?:\"([^\"]*)\"|(\\S+))\\s+\\S+\\s*$"),
+                                             QRegularExpression::CaseInsensitiveOption);
+    QStringList names;
+    while (!cue.atEnd()) {
+        const QRegularExpressionMatch match = fileLine.match(QString::fromUtf8(cue.readLine()).trimmed());
+        if (match.hasMatch()) {
+            names.append(match.captured(1).isEmpty() ? match.captured(2) : match.captured(1));
+        }
+    }
+    if (names.size() != 1) {
+        return path; // libcdio reads one audio file per sheet
+    }
+    const QString audio = QDir(sheet.absolutePath()).absoluteFilePath(names.first());
+    if (!QFileInfo(audio).isFile() || !QDir().mkpath(temporaryFolder)) {
+        return path;
+    }
+    const QString copyPath = QDir(temporaryFolder).absoluteFilePath(sheet.fileName());
+    const QString link = QDir(temporaryFolder).absoluteFilePath(sheet.completeBaseName() + QStringLiteral(".bin"));
+    if (!QFile::copy(path, copyPath) || !QFile::link(audio, link)) {
+        return QString();
+    }
+    return copyPath;
+}
+
+} // namespace
+
 QString DiscImages::openablePath(const QString &path, const QString &temporaryFolder)
 {
     if (!isTocPath(path)) {
-        return path;
+        return openableCuePath(path, temporaryFolder);
     }
     QFile toc(path);
     if (!toc.open(QIODevice::ReadOnly)) {

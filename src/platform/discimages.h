@@ -38,7 +38,9 @@ public:
     // The path to hand libcdio for the image at path. libcdio resolves a
     // toc's FILE names against the working folder, so a toc that names its
     // files relatively is copied with absolute names into temporaryFolder and
-    // the copy's path returned; otherwise path itself. Names are found as
+    // the copy's path returned; a cue whose one FILE is not named as the
+    // sheet is copied there beside a link named as libcdio expects; otherwise
+    // path itself. Names are found as
     // libcdio finds them, and only they change. Empty when the copy cannot be
     // written, or when the image's folder has a name libcdio cannot read (a
     // quote, a tab or a line break in it).
