@@ -1,5 +1,5 @@
 // The whole library download against the local service: scheduling, resuming from the
-// record, retries, stops and extraction failures; and pelicane-cli download-library as a
+// record, retries and extraction failures; and pelicane-cli download-library as a
 // user runs it: killed or interrupted half-way, on a full disk, into a folder it cannot use.
 #include "librarytestsupport.h"
 
@@ -204,30 +204,6 @@ private slots:
                               "An error occurred while downloading. Retrying library segment 1, attempt 2"}));
         QCOMPARE(LibraryTest::logText().count(QStringLiteral(" - Retrying after 5 seconds")) - retriesBefore, 2);
         QCOMPARE(LibraryTest::compareWithLibrary(m_server, m_destination), QStringList());
-    }
-
-    // The window closed right after the first chunk was extracted and recorded, while the
-    // second is on its way: destruction ends it rather than waiting for it.
-    void stoppedAndStartedAgain()
-    {
-        QVERIFY(m_server.addFault(kSlowSegments));
-        auto model = makeModel();
-        qint64 stopMilliseconds = -1;
-        connect(
-            model.get(), &DownloadLibraryModel::chunkExtracted, this,
-            [&] {
-                QElapsedTimer clock;
-                clock.start();
-                model.reset();
-                stopMilliseconds = clock.elapsed();
-            },
-            Qt::QueuedConnection);
-        model->start();
-        QTRY_VERIFY_WITH_TIMEOUT(stopMilliseconds >= 0, kTimeout);
-        QVERIFY2(stopMilliseconds < 1000, qPrintable(QString::number(stopMilliseconds)));
-        QCOMPARE(record(), 50);
-        QVERIFY(m_server.clearFaults());
-        resumeFetches(2);
     }
 
     void failedExtractionHoldsTheRecordBack()

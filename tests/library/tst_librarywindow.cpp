@@ -1,6 +1,6 @@
-// The library download window over the local service: the abort question, the error line
-// and its details, Open Folder, the failures that end a run; and how the main window starts
-// it (folder chooser, the button standing for the window) with its progress by bytes.
+// The library download window over the local service: the error line and its details, the
+// abort question, the failures that end a run; and how the main window starts it (folder
+// chooser, the button standing for the window) with its progress by bytes and Open Folder.
 #include "../session/alertdriver.h"
 #include "librarytestsupport.h"
 
@@ -78,25 +78,41 @@ private slots:
 
     void cleanup() { QVERIFY(m_server.clearFaults()); }
 
-    void abortIsConfirmed()
+    // The first segment fails and the rest come slowly: the error line, its details, and
+    // the abort question from Cancel and from the window manager's close.
+    void errorLineDetailsAndAbort()
     {
+        QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"status", 503}}));
         QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"latency_ms", 3000}, {"count", 0}}));
         QTemporaryDir folder;
         auto window = makeWindow(folder.path());
         Ui::DownloadLibraryController *ui = window->ui();
         QVERIFY(ui->errorInfoTextField->isHidden() && ui->errorInfoButton->isHidden());
-        QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Downloading Library..."), kTimeout);
+        QTRY_VERIFY_WITH_TIMEOUT(ui->errorInfoTextField->isVisible() && ui->errorInfoButton->isVisible(), kTimeout);
+        QCOMPARE(ui->errorInfoTextField->text(),
+                 QStringLiteral("An error occurred while downloading. Retrying library segment 1, attempt 1"));
+        QCOMPARE(ui->actionTextField->text(), QStringLiteral("Downloading Library..."));
         QCOMPARE(ui->cancelButton->text(), QStringLiteral("Cancel"));
 
-        // Cancel asks; "No" keeps the download going. The window manager's close asks the same.
         AlertDriver driver;
+        driver.answer(QStringLiteral("OK"));
+        ui->errorInfoButton->click();
+        QCOMPARE(driver.seen.size(), 1);
+        QCOMPARE(driver.seen[0].text, QStringLiteral("Download Error"));
+        QVERIFY(driver.seen[0].informativeText.contains(QStringLiteral("\n\nService Unavailable (503)\n\n")));
+        QCOMPARE(driver.seen[0].buttons, QStringList{QStringLiteral("OK")});
+
+        // Cancel asks; "No" keeps the download going. The window manager's close asks the same.
         driver.answer(QStringLiteral("No"));
         ui->cancelButton->click();
         QVERIFY(window->isVisible());
+        // The error line goes once a segment arrives.
+        QTRY_VERIFY_WITH_TIMEOUT(window->model()->downloadsCompleted() > 0, kTimeout);
+        QVERIFY(ui->errorInfoTextField->isHidden() && ui->errorInfoButton->isHidden());
         driver.answer(QStringLiteral("Yes"));
         window->close();
-        QCOMPARE(driver.seen.size(), 2);
-        for (const AlertDriver::Seen &seen : std::as_const(driver.seen)) {
+        QCOMPARE(driver.seen.size(), 3);
+        for (const AlertDriver::Seen &seen : driver.seen.mid(1)) {
             QCOMPARE(seen.text, QStringLiteral("Abort Download"));
             QCOMPARE(seen.informativeText, QStringLiteral("Are you sure you want to abort the download?"));
             QCOMPARE(seen.buttons, QStringList({"Yes", "No"}));
@@ -104,42 +120,6 @@ private slots:
         QVERIFY(!window->isVisible());
         QCOMPARE(m_willClose, 1);
         QVERIFY(m_opened.isEmpty() && !window->model()->isComplete());
-    }
-
-    void errorLineDetailsAndOpenFolder()
-    {
-        QVERIFY(m_server.addFault(QJsonObject{{"endpoint", "segment"}, {"status", 503}}));
-        QTemporaryDir folder;
-        auto window = makeWindow(folder.path());
-        Ui::DownloadLibraryController *ui = window->ui();
-        QTRY_VERIFY_WITH_TIMEOUT(ui->errorInfoTextField->isVisible(), kTimeout);
-        QCOMPARE(ui->errorInfoTextField->text(),
-                 QStringLiteral("An error occurred while downloading. Retrying library segment 1, attempt 1"));
-        QVERIFY(ui->errorInfoButton->isVisible());
-
-        AlertDriver details;
-        details.answer(QStringLiteral("OK"));
-        ui->errorInfoButton->click();
-        QCOMPARE(details.seen.size(), 1);
-        QCOMPARE(details.seen[0].text, QStringLiteral("Download Error"));
-        QVERIFY(details.seen[0].informativeText.contains(QStringLiteral("\n\nService Unavailable (503)\n\n")));
-        QCOMPARE(details.seen[0].buttons, QStringList{QStringLiteral("OK")});
-
-        // The retry five seconds later brings everything in; the error line goes once a
-        // segment arrives, and the finished bar is full, not busy.
-        QTRY_VERIFY_WITH_TIMEOUT(window->model()->downloadsCompleted() > 0, kTimeout);
-        QVERIFY(ui->errorInfoTextField->isHidden() && ui->errorInfoButton->isHidden());
-        QTRY_COMPARE_WITH_TIMEOUT(ui->actionTextField->text(), QStringLiteral("Done!"), kTimeout);
-        QVERIFY(ui->progressIndicator->maximum() > 0);
-        QCOMPARE(ui->progressIndicator->value(), ui->progressIndicator->maximum());
-        QCOMPARE(ui->cancelButton->text(), QStringLiteral("Open Folder"));
-        QVERIFY(ui->cancelButton->isEnabled() && ui->cancelButton->isDefault());
-        // Return presses the default button, which opens the folder unasked.
-        QTest::keyClick(window.get(), Qt::Key_Return);
-        QCOMPARE(m_opened, QList<QUrl>{QUrl::fromLocalFile(folder.path())});
-        QCOMPARE(m_willClose, 1);
-        QVERIFY(!window->isVisible());
-        QCOMPARE(details.seen.size(), 1);
     }
 
     void failuresThatEndTheRunStayOnScreen()
@@ -217,8 +197,12 @@ private slots:
         QCOMPARE(LibraryTest::compareWithLibrary(m_server, QDir(folder.path()).filePath("My Lyrabox Library")),
                  QStringList());
 
-        // Open Folder closes the window; the button comes back, and the window and its run go.
-        ui->cancelButton->click();
+        // Done: the bar is full, not busy; Return presses Open Folder, which closes the
+        // window unasked; the button comes back, and the window and its run go.
+        QCOMPARE(ui->progressIndicator->value(), ui->progressIndicator->maximum());
+        QCOMPARE(ui->cancelButton->text(), QStringLiteral("Open Folder"));
+        QVERIFY(ui->cancelButton->isEnabled() && ui->cancelButton->isDefault());
+        QTest::keyClick(window, Qt::Key_Return);
         QCOMPARE(opened, QList<QUrl>{QUrl::fromLocalFile(folder.path())});
         QVERIFY(button->isEnabled());
         QCOMPARE(button->text(), QStringLiteral("Start Download"));
