@@ -159,18 +159,21 @@ QList<Entry> writeArchive(const QString &path, const QList<Entry> &entries)
     return stored;
 }
 
-class Recorder : public UnzipDelegate
+// What one extraction reported.
+struct Recorder
 {
-public:
-    void onZKArchiveDidBeginUnzip(const QString &) override { ++begun; }
-    void onZKArchiveDidUpdateTotalSize(const QString &, qint64 totalSize) override { total = totalSize; }
-    void onZKArchiveDidUpdateBytesWritten(const QString &, qint64 bytesWritten) override
+    void listen(UnzipOperation &operation)
     {
-        FUZZ_CHECK(begun == 1 && ended == 0);
-        written += bytesWritten;
+        QObject::connect(&operation, &UnzipOperation::began, [this] { ++begun; });
+        QObject::connect(&operation, &UnzipOperation::totalSizeKnown,
+                         [this](const QString &, qint64 size) { total = size; });
+        QObject::connect(&operation, &UnzipOperation::bytesWritten, [this](const QString &, qint64 bytes) {
+            FUZZ_CHECK(begun == 1 && ended == 0);
+            written += bytes;
+        });
+        QObject::connect(&operation, &UnzipOperation::ended, [this] { ++ended; });
+        QObject::connect(&operation, &UnzipOperation::failed, [this] { ++failed; });
     }
-    void onZKArchiveDidEndUnzip(const QString &) override { ++ended; }
-    void onZKArchiveDidFail(const QString &, const Error &) override { ++failed; }
 
     int begun = 0;
     int ended = 0;
@@ -290,7 +293,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     Recorder recorder;
     {
-        UnzipOperation operation(archive, &recorder);
+        UnzipOperation operation(archive);
+        recorder.listen(operation);
         operation.start();
     }
 

@@ -83,19 +83,18 @@ double uploadOurs(const DevServerProcess &server, const Credentials &credentials
         AsyncUploadRequestConfiguration config = uploadConfiguration(server.uploadUrl(), path, credentials);
         config.reuploadDuplicates = true;
         auto operation = std::make_shared<AsyncUploadRequestOperation>(config);
-        operation->fileLoadProgressBlock = [](double) {};
-        operation->fileLoadSucceededBlock = [&] {
+        QObject::connect(operation.get(), &AsyncUploadRequestOperation::fileLoadSucceeded, &loop, [&] {
             if (++done == paths.size()) {
                 loop.quit();
             }
-        };
-        operation->fileLoadFailedBlock = [&](const Error &error) {
+        });
+        QObject::connect(operation.get(), &AsyncUploadRequestOperation::fileLoadFailed, &loop, [&](const Error &error) {
             std::fprintf(stderr, "upload failed: %s\n", qPrintable(error.localizedDescription()));
             ++failed;
             if (++done == paths.size()) {
                 loop.quit();
             }
-        };
+        });
         queue.addOperation(operation);
     }
     loop.exec();

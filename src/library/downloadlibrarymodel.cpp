@@ -228,15 +228,21 @@ std::shared_ptr<DownloadLibraryOperation> DownloadLibraryModel::makeChunkOperati
     operation->setLength(length);
     operation->setDownloadToURL(QUrl::fromLocalFile(destinationPath()));
     auto progress = std::make_shared<ChunkProgress>();
-    operation->setProgress([this, progress](DownloadLibraryOperation *op, qint64 bytes, qint64 speed) {
-        progress->bytes = bytes;
-        progress->speed = speed;
-        progress->estimatedBytes = op->estimatedBytes().value_or(-1);
-        if (!progress->reportQueued.exchange(true)) {
-            QMetaObject::invokeMethod(
-                this, [this, progress] { chunkProgress(*progress); }, Qt::QueuedConnection);
-        }
-    });
+    // Direct, on the download queue's thread: every write is seen there, and
+    // only one report at a time crosses to the main thread.
+    DownloadLibraryOperation *raw = operation.get();
+    connect(
+        raw, &DownloadLibraryOperation::progressChanged, this,
+        [this, raw, progress](qint64 bytes, qint64 speed) {
+            progress->bytes = bytes;
+            progress->speed = speed;
+            progress->estimatedBytes = raw->estimatedBytes().value_or(-1);
+            if (!progress->reportQueued.exchange(true)) {
+                QMetaObject::invokeMethod(
+                    this, [this, progress] { chunkProgress(*progress); }, Qt::QueuedConnection);
+            }
+        },
+        Qt::DirectConnection);
     connect(operation.get(), &Operation::executingChanged, this, [this, offset](bool executing) {
         if (executing) {
             chunkStarted(offset);
@@ -328,7 +334,6 @@ void DownloadLibraryModel::chunkFinished(qint64 offset, qint64 length, const std
     }
     if (!error) {
         ++m_downloadsCompleted;
-        m_tracksCompleted = offset + length;
         // The segment's last progress report was queued before this.
         m_finishedBytes += m_currentBytes;
         m_finishedTracks += length;
@@ -389,49 +394,35 @@ void DownloadLibraryModel::stopForDestination(const Error &error)
 void DownloadLibraryModel::addToUnzipQueue(const QString &archivePath, qint64 offset, qint64 length)
 {
     m_extractions.insert(archivePath, Extraction{offset, length});
-    m_unzipQueue.addOperation(std::make_shared<UnzipOperation>(archivePath, this));
+    auto operation = std::make_shared<UnzipOperation>(archivePath);
+    // Queued: the extraction runs on the queue's thread, and every state
+    // change happens here on the main thread, in the order reported.
+    // Reports still queued when the model goes are dropped with it.
+    UnzipOperation *unzip = operation.get();
+    connect(unzip, &UnzipOperation::began, this, &DownloadLibraryModel::unzipBegan, Qt::QueuedConnection);
+    connect(unzip, &UnzipOperation::totalSizeKnown, this, &DownloadLibraryModel::unzipTotalSizeKnown,
+            Qt::QueuedConnection);
+    connect(unzip, &UnzipOperation::bytesWritten, this, &DownloadLibraryModel::unzipBytesWritten, Qt::QueuedConnection);
+    connect(unzip, &UnzipOperation::ended, this, &DownloadLibraryModel::unzipEnded, Qt::QueuedConnection);
+    connect(unzip, &UnzipOperation::failed, this, &DownloadLibraryModel::unzipFailed, Qt::QueuedConnection);
+    m_unzipQueue.addOperation(std::move(operation));
 }
 
-// The extractor's reports cross to the main thread, where all state changes.
-void DownloadLibraryModel::onZKArchiveDidBeginUnzip(const QString &)
+void DownloadLibraryModel::unzipTotalSizeKnown(const QString &, qint64 totalSize)
 {
-    QMetaObject::invokeMethod(
-        this, [this] { didBeginUnzip(); }, Qt::QueuedConnection);
+    m_unzipTotalSize = totalSize;
 }
 
-void DownloadLibraryModel::onZKArchiveDidUpdateTotalSize(const QString &, qint64 totalSize)
+void DownloadLibraryModel::unzipBytesWritten(const QString &, qint64 bytesWritten)
 {
-    QMetaObject::invokeMethod(
-        this, [this, totalSize] { m_unzipTotalSize = totalSize; }, Qt::QueuedConnection);
+    m_unzipTotalBytesWritten += bytesWritten;
+    if (m_extractingShown && m_unzipTotalSize > 0) {
+        m_view.progressValue = std::min(1.0, double(m_unzipTotalBytesWritten) / double(m_unzipTotalSize));
+        changeView();
+    }
 }
 
-void DownloadLibraryModel::onZKArchiveDidUpdateBytesWritten(const QString &, qint64 bytesWritten)
-{
-    QMetaObject::invokeMethod(
-        this,
-        [this, bytesWritten] {
-            m_unzipTotalBytesWritten += bytesWritten;
-            if (m_extractingShown && m_unzipTotalSize > 0) {
-                m_view.progressValue = std::min(1.0, double(m_unzipTotalBytesWritten) / double(m_unzipTotalSize));
-                changeView();
-            }
-        },
-        Qt::QueuedConnection);
-}
-
-void DownloadLibraryModel::onZKArchiveDidEndUnzip(const QString &archivePath)
-{
-    QMetaObject::invokeMethod(
-        this, [this, archivePath] { didEndUnzip(archivePath); }, Qt::QueuedConnection);
-}
-
-void DownloadLibraryModel::onZKArchiveDidFail(const QString &archivePath, const Error &error)
-{
-    QMetaObject::invokeMethod(
-        this, [this, archivePath, error] { didFailUnzip(archivePath, error); }, Qt::QueuedConnection);
-}
-
-void DownloadLibraryModel::didBeginUnzip()
+void DownloadLibraryModel::unzipBegan(const QString &)
 {
     // The bar counts the bytes of the running extraction only.
     m_unzipTotalBytesWritten = 0;
@@ -451,7 +442,7 @@ bool DownloadLibraryModel::everythingExtracted() const
     return m_downloadsCompleted == m_downloadsScheduled && m_unzipsCompleted == m_downloadsScheduled;
 }
 
-void DownloadLibraryModel::didEndUnzip(const QString &archivePath)
+void DownloadLibraryModel::unzipEnded(const QString &archivePath)
 {
     const Extraction extraction = m_extractions.take(archivePath);
     ++m_unzipsCompleted;
@@ -473,7 +464,7 @@ void DownloadLibraryModel::didEndUnzip(const QString &archivePath)
     finishIfAllHandled();
 }
 
-void DownloadLibraryModel::didFailUnzip(const QString &archivePath, const Error &error)
+void DownloadLibraryModel::unzipFailed(const QString &archivePath, const Error &error)
 {
     const Extraction extraction = m_extractions.take(archivePath);
     Logger::log(QStringLiteral("onZKArchiveDidFail: ") + (archivePath.isNull() ? QStringLiteral("nil") : archivePath));

@@ -61,7 +61,7 @@ struct DownloadLibraryViewState
 //
 // Widget-free: the download window and the command line both drive it. Lives
 // on the main thread; destroying it stops the transfer and the extraction.
-class DownloadLibraryModel : public QObject, public UnzipDelegate
+class DownloadLibraryModel : public QObject
 {
     Q_OBJECT
 
@@ -98,14 +98,10 @@ public:
     QString destinationPath() const;
 
     qint64 totalTrackCount() const { return m_totalTrackCount; }
-    int downloadsScheduled() const { return m_downloadsScheduled; }
     int downloadsCompleted() const { return m_downloadsCompleted; }
-    qint64 tracksCompleted() const { return m_tracksCompleted; }
-    int unzipsCompleted() const { return m_unzipsCompleted; }
     qint64 unzipTotalSize() const { return m_unzipTotalSize; }
     qint64 unzipTotalBytesWritten() const { return m_unzipTotalBytesWritten; }
     bool isComplete() const { return m_isComplete; }
-    OptionalError downloadError() const { return m_downloadError; }
     int downloadErrorCount() const { return m_downloadErrorCount; }
 
     // The chunk being downloaded: its offset, bytes so far, the size the
@@ -115,25 +111,11 @@ public:
     qint64 currentEstimatedBytes() const { return m_currentEstimatedBytes; }
     qint64 currentSpeed() const { return m_currentSpeed; }
 
-    // The whole run by bytes: done of the total, the averaged speed and the
-    // time left. The total weighs segments not yet announced at the bytes
-    // per track of those that were, so it is an estimate until the last one
-    // has announced its size.
-    const TransferMeter &transferMeter() const { return m_meter; }
-    bool isTotalEstimated() const { return m_totalEstimated; }
-
     const DownloadLibraryViewState &viewState() const { return m_view; }
-
-    // Archive delegate; called on the extraction thread.
-    void onZKArchiveDidBeginUnzip(const QString &archivePath) override;
-    void onZKArchiveDidUpdateTotalSize(const QString &archivePath, qint64 totalSize) override;
-    void onZKArchiveDidUpdateBytesWritten(const QString &archivePath, qint64 bytesWritten) override;
-    void onZKArchiveDidEndUnzip(const QString &archivePath) override;
-    void onZKArchiveDidFail(const QString &archivePath, const Error &error) override;
 
     // Every chunk was handled but some could not be extracted.
     bool isIncomplete() const { return m_incomplete; }
-    // Ended for good by downloadError(): no track count, or a destination
+    // Ended for good: no track count, or a destination
     // that cannot be written.
     bool hasFailed() const { return m_failed; }
 
@@ -179,9 +161,12 @@ private:
     void stopForDestination(const Error &error);
     void addToUnzipQueue(const QString &archivePath, qint64 offset, qint64 length);
 
-    void didBeginUnzip();
-    void didEndUnzip(const QString &archivePath);
-    void didFailUnzip(const QString &archivePath, const Error &error);
+    // An extraction's reports, on the main thread.
+    void unzipBegan(const QString &archivePath);
+    void unzipTotalSizeKnown(const QString &archivePath, qint64 totalSize);
+    void unzipBytesWritten(const QString &archivePath, qint64 bytesWritten);
+    void unzipEnded(const QString &archivePath);
+    void unzipFailed(const QString &archivePath, const Error &error);
     void finishIfAllHandled();
     static void removeLeftovers(const QString &destination);
     bool everythingExtracted() const;
@@ -218,7 +203,6 @@ private:
     qint64 m_totalTrackCount = 0;
     int m_downloadsScheduled = 0;
     int m_downloadsCompleted = 0;
-    qint64 m_tracksCompleted = 0;
     int m_unzipsCompleted = 0;
     qint64 m_unzipTotalSize = 0;
     qint64 m_unzipTotalBytesWritten = 0;
@@ -232,7 +216,10 @@ private:
     qint64 m_currentSpeed = -1;
     bool m_extractingShown = false;
 
-    // By bytes over the whole run (measureTransfer).
+    // By bytes over the whole run (measureTransfer): done of the total, the
+    // averaged speed and the time left. The total weighs segments not yet
+    // announced at the bytes per track of those that were, so it is an
+    // estimate until the last one has announced its size.
     qint64 m_runTracks = 0;      // tracks this run downloads
     qint64 m_finishedTracks = 0; // of segments downloaded
     qint64 m_finishedBytes = 0;

@@ -27,30 +27,25 @@ void DownloadLibraryOperation::main()
 
     QEventLoop loop;
     bool ended = false;
-    SegmentTransfer *transfer = nullptr;
     SegmentTransfer::Outcome outcome;
-    SegmentTransfer running(
-        request,
-        [this, &transfer](qint64 total, qint64 speed) {
-            m_estimatedBytes = transfer->estimatedBytes();
-            if (m_progress) {
-                m_progress(this, total, speed);
-            }
-        },
-        [&](const SegmentTransfer::Outcome &result) {
-            outcome = result;
-            ended = true;
-            loop.quit();
-        });
-    transfer = &running;
+    SegmentTransfer transfer(request);
+    connect(&transfer, &SegmentTransfer::progressChanged, &transfer, [this, &transfer](qint64 total, qint64 speed) {
+        m_estimatedBytes = transfer.estimatedBytes();
+        Q_EMIT progressChanged(total, speed);
+    });
+    connect(&transfer, &SegmentTransfer::ended, &loop, [&](const SegmentTransfer::Outcome &result) {
+        outcome = result;
+        ended = true;
+        loop.quit();
+    });
     {
         QMutexLocker locker(&m_transferLock);
-        m_transfer = transfer;
+        m_transfer = &transfer;
     }
-    transfer->start();
+    transfer.start();
     // A cancel that came before m_transfer was set found nothing to stop.
     if (isCancelled()) {
-        transfer->cancel();
+        transfer.cancel();
     }
     if (!ended) {
         loop.exec();

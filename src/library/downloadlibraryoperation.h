@@ -7,7 +7,6 @@
 #include <QString>
 #include <QUrl>
 
-#include <functional>
 #include <optional>
 
 class SegmentTransfer;
@@ -19,25 +18,21 @@ class SegmentTransfer;
 // that proves it arrived whole.
 //
 // Synchronous: main() runs the transfer in an event loop of its own on the
-// queue's thread. The progress handler is called on that thread. The outcome
-// is known once the operation has finished (read it from the completion
-// handler, which runs on the same thread): the track count for a header
-// request, the file or the error for a chunk.
+// queue's thread, and emits progressChanged there (connect directly to keep
+// up with it, or queued). The outcome is known once the operation has
+// finished (read it from the completion handler, which runs on the same
+// thread): the track count for a header request, the file or the error for a
+// chunk.
 class DownloadLibraryOperation : public Operation
 {
     Q_OBJECT
 
 public:
-    using ProgressHandler =
-        std::function<void(DownloadLibraryOperation *operation, qint64 totalBytesWritten, qint64 bytesPerSecond)>;
-
     DownloadLibraryOperation();
     ~DownloadLibraryOperation() override;
 
     // Set these before the operation is queued.
-    QString userId() const { return m_userId; }
     void setUserId(const QString &userId) { m_userId = userId; }
-    QString token() const { return m_token; }
     void setToken(const QString &token) { m_token = token; }
 
     bool isHeaderRequest() const { return m_header; }
@@ -48,10 +43,7 @@ public:
     qint64 length() const { return m_length; }
     void setLength(qint64 length) { m_length = length; }
 
-    QUrl downloadToURL() const { return m_downloadToURL; }
     void setDownloadToURL(const QUrl &folder) { m_downloadToURL = folder; }
-
-    void setProgress(ProgressHandler handler) { m_progress = std::move(handler); }
 
     // The outcome. An operation cancelled before it started has none.
     bool completionHandled() const { return m_completionHandled; }
@@ -60,11 +52,14 @@ public:
     OptionalError error() const { return m_error; }
     // The error is the destination's: the body could not be stored there.
     bool writeFailed() const { return m_writeFailed; }
-    // Known from the response on, to the progress handler too.
+    // Known from the response on, when progressChanged is emitted too.
     std::optional<qint64> estimatedBytes() const { return m_estimatedBytes; }
 
     // A running request then ends with the cancellation error (code -999).
     void cancel() override;
+
+Q_SIGNALS:
+    void progressChanged(qint64 totalBytesWritten, qint64 bytesPerSecond);
 
 protected:
     void main() override;
@@ -76,7 +71,6 @@ private:
     qint64 m_offset = 0;
     qint64 m_length = 0;
     QUrl m_downloadToURL;
-    ProgressHandler m_progress;
 
     bool m_completionHandled = false;
     std::optional<qint64> m_trackCount;

@@ -4,9 +4,7 @@
 #include <QtGlobal>
 
 // Transfer speed from one-second samples: the mean of the last five whole
-// seconds, or -1 while the first second is still running. Header-only so the
-// service client's single-request download can share it without linking the
-// library target.
+// seconds, or -1 while the first second is still running.
 class DownloadSpeedMeter
 {
 public:
@@ -44,10 +42,6 @@ public:
         }
         return sum / m_downloadSpeeds.size();
     }
-
-    const QList<qint64> &downloadSpeeds() const { return m_downloadSpeeds; }
-    qint64 downloadSpeedCheckBytes() const { return m_downloadSpeedCheckBytes; }
-    double downloadSpeedCheckTime() const { return m_downloadSpeedCheckTime; }
 
 private:
     QList<qint64> m_downloadSpeeds;

@@ -1,7 +1,9 @@
 #include "library/segmenttransfer.h"
 
 #include "library/segmentanswer.h"
+#include "protocol/clientfields.h"
 #include "protocol/httpstatuscodemap.h"
+#include "protocol/network.h"
 #include "protocol/transporterror.h"
 
 #include <QDir>
@@ -9,7 +11,6 @@
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QTemporaryFile>
 
 namespace {
@@ -21,9 +22,7 @@ constexpr qint64 kCopyBufferSize = 256 * 1024;
 
 } // namespace
 
-SegmentTransfer::SegmentTransfer(Request request, ProgressHandler progress, EndHandler ended)
-    : m_request(std::move(request)), m_progress(std::move(progress)), m_ended(std::move(ended))
-{}
+SegmentTransfer::SegmentTransfer(Request request) : m_request(std::move(request)) {}
 
 SegmentTransfer::~SegmentTransfer()
 {
@@ -40,11 +39,7 @@ void SegmentTransfer::start()
     m_manager = new QNetworkAccessManager(this);
     m_clock.start();
 
-    QNetworkRequest request(m_request.url);
-    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
-    request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
-    request.setTransferTimeout(kTimeoutMilliseconds);
-    m_reply = m_manager->get(request);
+    m_reply = m_manager->get(Network::makeRequest(m_request.url, ClientFields::userAgent(), kTimeoutMilliseconds));
     m_reply->setReadBufferSize(kReadBufferSize);
     connect(m_reply, &QNetworkReply::metaDataChanged, this, &SegmentTransfer::responseReceived);
     connect(m_reply, &QNetworkReply::readyRead, this, &SegmentTransfer::writeAvailableData);
@@ -78,7 +73,7 @@ void SegmentTransfer::responseReceived()
         m_completionHandled = true;
         m_reply->disconnect(this);
         m_reply->abort();
-        m_ended(outcome);
+        Q_EMIT ended(outcome);
         return;
     }
     openPartialFile();
@@ -138,9 +133,7 @@ void SegmentTransfer::writeAvailableData()
         }
         m_totalBytesWritten += read;
         const qint64 speed = m_speed.addWrite(read, m_totalBytesWritten, m_clock.elapsed() / 1000.0);
-        if (m_progress) {
-            m_progress(m_totalBytesWritten, speed);
-        }
+        Q_EMIT progressChanged(m_totalBytesWritten, speed);
     }
 }
 
@@ -241,5 +234,5 @@ void SegmentTransfer::finish(Outcome outcome)
     m_file.reset();
     outcome.requestURL = m_reply ? m_reply->request().url().toString(QUrl::FullyEncoded) : QStringLiteral("nil");
     outcome.estimatedBytes = m_estimatedBytes;
-    m_ended(outcome);
+    Q_EMIT ended(outcome);
 }

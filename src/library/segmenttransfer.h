@@ -8,7 +8,6 @@
 #include <QString>
 #include <QUrl>
 
-#include <functional>
 #include <memory>
 #include <optional>
 
@@ -20,9 +19,11 @@ class QNetworkReply;
 // own network manager, the reply, and the partial file the body streams into.
 // A header request stops at the response headers; a segment's body is moved
 // into place as its chunk file once it has arrived whole, end marker checked.
-// It ends exactly once, through the `ended` handler.
+// It ends exactly once, with `ended`. Both signals are emitted on its thread.
 class SegmentTransfer : public QObject
 {
+    Q_OBJECT
+
 public:
     struct Request
     {
@@ -45,10 +46,7 @@ public:
         QString requestURL; // as sent, or "nil"
     };
 
-    using ProgressHandler = std::function<void(qint64 totalBytesWritten, qint64 bytesPerSecond)>;
-    using EndHandler = std::function<void(const Outcome &outcome)>;
-
-    SegmentTransfer(Request request, ProgressHandler progress, EndHandler ended);
+    explicit SegmentTransfer(Request request);
     ~SegmentTransfer() override;
 
     void start();
@@ -57,6 +55,10 @@ public:
 
     // Known once the response headers have arrived.
     std::optional<qint64> estimatedBytes() const { return m_estimatedBytes; }
+
+Q_SIGNALS:
+    void progressChanged(qint64 totalBytesWritten, qint64 bytesPerSecond);
+    void ended(const SegmentTransfer::Outcome &outcome);
 
 private:
     void responseReceived();
@@ -69,8 +71,6 @@ private:
     QString chunkPath() const;
 
     Request m_request;
-    ProgressHandler m_progress;
-    EndHandler m_ended;
 
     QNetworkAccessManager *m_manager = nullptr;
     QNetworkReply *m_reply = nullptr;

@@ -61,8 +61,8 @@ bool isInside(const QString &canonicalPath, const QString &canonicalRoot)
 class Extraction
 {
 public:
-    Extraction(const QString &archivePath, UnzipDelegate *delegate, const Operation &operation)
-        : m_archivePath(archivePath), m_delegate(delegate), m_operation(operation)
+    Extraction(const QString &archivePath, UnzipOperation &operation)
+        : m_archivePath(archivePath), m_operation(operation)
     {}
 
     void run();
@@ -77,8 +77,8 @@ private:
     bool writeLink(const Entry &entry, const QString &path);
 
     QString m_archivePath;
-    UnzipDelegate *m_delegate;
-    const Operation &m_operation;
+    // Reports through its signals.
+    UnzipOperation &m_operation;
     QString m_root;
     QString m_canonicalRoot;
     QList<Entry> m_entries;
@@ -99,7 +99,7 @@ bool Extraction::fail(const QString &why, int code)
              : QStringLiteral("A library segment could not be extracted (%1). Start the download again to fetch it "
                               "anew.")
                    .arg(why);
-    m_delegate->onZKArchiveDidFail(m_archivePath, Error::errorWithMessage(message, full ? ENOSPC : 0));
+    Q_EMIT m_operation.failed(m_archivePath, Error::errorWithMessage(message, full ? ENOSPC : 0));
     return false;
 }
 
@@ -256,7 +256,7 @@ bool Extraction::writeFile(zip_t *archive, const Entry &entry, const QString &pa
                 QStringLiteral("cannot write \"%1\": %2").arg(entry.name, QString::fromLocal8Bit(strerror(code))),
                 code);
         }
-        m_delegate->onZKArchiveDidUpdateBytesWritten(m_archivePath, read);
+        Q_EMIT m_operation.bytesWritten(m_archivePath, read);
     }
     if (entry.modified > 0) {
         const struct timespec times[2] = {{entry.modified, 0}, {entry.modified, 0}};
@@ -306,8 +306,8 @@ void Extraction::run()
         return;
     }
 
-    m_delegate->onZKArchiveDidBeginUnzip(m_archivePath);
-    m_delegate->onZKArchiveDidUpdateTotalSize(m_archivePath, m_totalSize);
+    Q_EMIT m_operation.began(m_archivePath);
+    Q_EMIT m_operation.totalSizeKnown(m_archivePath, m_totalSize);
     m_buffer.resize(kBufferSize);
     bool seamSet = false;
     const qint64 space = qEnvironmentVariableIntValue("PELICANE_TEST_EXTRACT_SPACE", &seamSet);
@@ -337,17 +337,17 @@ void Extraction::run()
         }
     }
     if (!m_operation.isCancelled()) {
-        m_delegate->onZKArchiveDidEndUnzip(m_archivePath);
+        Q_EMIT m_operation.ended(m_archivePath);
     }
 }
 
 } // namespace
 
-UnzipOperation::UnzipOperation(QString item, UnzipDelegate *delegate) : m_item(std::move(item)), m_delegate(delegate) {}
+UnzipOperation::UnzipOperation(QString item) : m_item(std::move(item)) {}
 
 void UnzipOperation::main()
 {
-    Extraction(m_item, m_delegate, *this).run();
+    Extraction(m_item, *this).run();
 }
 
 bool UnzipOperation::isSafeEntryName(const QString &name)

@@ -5,21 +5,6 @@
 
 #include <QString>
 
-// Receives the progress of an extraction. Called on the extracting thread.
-class UnzipDelegate
-{
-public:
-    virtual ~UnzipDelegate() = default;
-
-    virtual void onZKArchiveDidBeginUnzip(const QString &archivePath) = 0;
-    virtual void onZKArchiveDidUpdateTotalSize(const QString &archivePath, qint64 totalSize) = 0;
-    // `bytesWritten`: the bytes of this one write.
-    virtual void onZKArchiveDidUpdateBytesWritten(const QString &archivePath, qint64 bytesWritten) = 0;
-    virtual void onZKArchiveDidEndUnzip(const QString &archivePath) = 0;
-    // `error`: what the user is told; a full disk says so.
-    virtual void onZKArchiveDidFail(const QString &archivePath, const Error &error) = 0;
-};
-
 // Extracts one library segment archive beside itself, synchronously.
 //
 // Nothing is ever written outside the archive's folder: an entry with an
@@ -27,8 +12,12 @@ public:
 // or a path that would pass through a symbolic link leading out makes the
 // whole extraction fail (with a log line naming the entry) before anything is
 // written; a link found on disk while writing stops it there. Each failure is
-// reported once through onZKArchiveDidFail. A cancelled extraction reports
-// neither end nor failure.
+// reported once through `failed`. A cancelled extraction reports neither end
+// nor failure.
+//
+// The signals are emitted on the extracting thread, in order: began,
+// totalSizeKnown, bytesWritten for each write, then ended or failed (failed
+// alone when the archive is refused before anything is written).
 //
 // Each file is written under a ".temp-" name beside its final place and
 // renamed there once whole, so a full disk, a failure or a kill never leaves
@@ -42,9 +31,7 @@ class UnzipOperation : public Operation
     Q_OBJECT
 
 public:
-    UnzipOperation(QString item, UnzipDelegate *delegate);
-
-    QString item() const { return m_item; }
+    explicit UnzipOperation(QString item);
 
     // Whether an entry name stays inside the folder it is extracted into.
     static bool isSafeEntryName(const QString &name);
@@ -52,11 +39,19 @@ public:
     // inside that folder.
     static bool isSafeLinkTarget(const QString &linkName, const QString &target);
 
+Q_SIGNALS:
+    void began(const QString &archivePath);
+    void totalSizeKnown(const QString &archivePath, qint64 totalSize);
+    // `bytesWritten`: the bytes of this one write.
+    void bytesWritten(const QString &archivePath, qint64 bytesWritten);
+    void ended(const QString &archivePath);
+    // `error`: what the user is told; a full disk says so.
+    void failed(const QString &archivePath, const Error &error);
+
 protected:
     // Extracts `item` into its own folder.
     void main() override;
 
 private:
     QString m_item;
-    UnzipDelegate *m_delegate;
 };

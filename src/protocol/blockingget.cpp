@@ -1,11 +1,11 @@
 #include "protocol/blockingget.h"
 
+#include "protocol/network.h"
 #include "protocol/transporterror.h"
 
 #include <QEventLoop>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QTimer>
 
 #include <memory>
@@ -15,10 +15,7 @@ namespace BlockingGet {
 Answer get(const QUrl &url, int timeoutMs, qint64 maxBytes)
 {
     QNetworkAccessManager manager;
-    QNetworkRequest request(url);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Lyrabox Pelicane"));
-    const std::unique_ptr<QNetworkReply> reply(manager.get(request));
+    const std::unique_ptr<QNetworkReply> reply(manager.get(Network::makeRequest(url, Network::lookupUserAgent())));
     QEventLoop loop;
     QTimer bound;
     bound.setSingleShot(true);

@@ -5,10 +5,10 @@
 #include <QUrl>
 
 // One GET on the calling thread, for the lookups that run on worker threads
-// (cover art, the AccurateRip database): the program's user agent, redirects
-// followed but never from HTTPS down to HTTP, the whole exchange bounded by
-// a time and the answer by a size. The calling thread needs no event loop of
-// its own; it is never the GUI thread.
+// (cover art, Discogs, the AccurateRip database): a request as Network builds
+// it with the lookups' user agent, the whole exchange bounded by a time and
+// the answer by a size. The calling thread needs no event loop of its own; it
+// is never the GUI thread.
 namespace BlockingGet {
 
 struct Answer

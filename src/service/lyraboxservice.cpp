@@ -7,6 +7,7 @@
 #include "protocol/clientfields.h"
 #include "protocol/endpoints.h"
 #include "protocol/httpstatuscodemap.h"
+#include "protocol/network.h"
 #include "protocol/serviceanswer.h"
 #include "protocol/transporterror.h"
 #include "protocol/urlencoding.h"
@@ -269,9 +270,8 @@ void LyraboxService::sendJSONRequest(QJsonObject body, ResponseHandler handler)
     body.insert("user_agent", userAgent);
     body.insert("version", ClientFields::version());
 
-    QNetworkRequest request(url);
+    QNetworkRequest request = Network::makeRequest(url, userAgent);
     request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
-    request.setRawHeader(QByteArrayLiteral("User-Agent"), userAgent.toUtf8());
     startRequest(request, QJsonDocument(body).toJson(QJsonDocument::Compact), std::move(handler));
 }
 
@@ -283,19 +283,16 @@ void LyraboxService::sendFormRequest(ResponseHandler handler)
                              .arg(nullable(m_userId), nullable(m_userToken), legacyEscape(ClientFields::client()),
                                   legacyEscape(ClientFields::deviceName()), legacyEscape(ClientFields::userAgent()),
                                   legacyEscape(ClientFields::version()));
-    QNetworkRequest request(url);
+    // This one goes without a User-Agent of ours.
+    QNetworkRequest request = Network::makeRequest(url, QString());
     request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/x-www-form-urlencoded"));
     startRequest(request, body.toUtf8(), std::move(handler));
 }
 
 void LyraboxService::startRequest(const QNetworkRequest &prepared, const QByteArray &body, ResponseHandler handler)
 {
-    QNetworkRequest request(prepared);
-    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
-    request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
-    // Qt reports its own transfer time-out as a cancellation; this one says "timed out".
-    request.setTransferTimeout(0);
-    QNetworkReply *reply = m_defaultSession->post(request, body);
+    // Qt reports its own transfer time-out as a cancellation; the timer below says "timed out".
+    QNetworkReply *reply = m_defaultSession->post(prepared, body);
     m_tasks.insert(reply);
 
     auto *timer = new QTimer(reply);

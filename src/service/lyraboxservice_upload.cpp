@@ -69,13 +69,13 @@ void LyraboxService::uploadFile(const QString &filePath, const std::optional<PLC
         }
 
         auto operation = std::make_shared<AsyncUploadRequestOperation>(config);
-        // The blocks hold the service and the operation weakly; they run on
-        // the main thread.
+        // The receivers hold the service and the operation weakly; they run
+        // on the main thread.
         QPointer<LyraboxService> self(this);
         std::weak_ptr<AsyncUploadRequestOperation> weakOperation = operation;
         const QString fileName = QFileInfo(filePath).fileName();
 
-        operation->fileLoadFailedBlock = [self, weakOperation, filePath, fileName](const Error &error) {
+        const auto failed = [self, weakOperation, filePath, fileName](const Error &error) {
             if (!self) {
                 return;
             }
@@ -101,7 +101,7 @@ void LyraboxService::uploadFile(const QString &filePath, const std::optional<PLC
                                      delegate->lyraboxDidFinishUpload(service, filePath, error);
                                  });
         };
-        operation->fileLoadSucceededBlock = [self, filePath] {
+        const auto succeeded = [self, filePath] {
             if (!self) {
                 return;
             }
@@ -111,20 +111,24 @@ void LyraboxService::uploadFile(const QString &filePath, const std::optional<PLC
                                      delegate->lyraboxDidFinishUpload(service, filePath, std::nullopt);
                                  });
         };
-        // Progress goes to the delegate at once: the block already runs on
-        // the main thread.
-        operation->fileLoadProgressBlock = [self, filePath](double fraction) {
+        // Progress goes to the delegate at once: the signal comes on the
+        // main thread.
+        const auto progressed = [self, filePath](double fraction) {
             if (self && self->m_delegate &&
                 self->m_delegate->respondsToOperation(LyraboxServiceDelegate::Operation::DidUpdateUploadProgress)) {
                 self->m_delegate->lyraboxDidUpdateUploadProgress(self, filePath, int(fraction * 100));
             }
         };
-        operation->ripProgressBlock = [self, filePath](double fraction) {
+        const auto ripped = [self, filePath](double fraction) {
             if (self && self->m_delegate &&
                 self->m_delegate->respondsToOperation(LyraboxServiceDelegate::Operation::DidUpdateRipProgress)) {
                 self->m_delegate->lyraboxDidUpdateRipProgress(self, filePath, int(fraction * 100));
             }
         };
+        connect(operation.get(), &AsyncUploadRequestOperation::fileLoadFailed, this, failed);
+        connect(operation.get(), &AsyncUploadRequestOperation::fileLoadSucceeded, this, succeeded);
+        connect(operation.get(), &AsyncUploadRequestOperation::fileLoadProgressChanged, this, progressed);
+        connect(operation.get(), &AsyncUploadRequestOperation::ripProgressChanged, this, ripped);
 
         // No limit here: the session keeps as many uploads going as it wants.
         m_fileLoadOperationQueue->addOperation(operation);

@@ -6,12 +6,12 @@
 #include "core/logger.h"
 #include "platform/dispatch.h"
 #include "protocol/httpstatuscodemap.h"
+#include "protocol/network.h"
 #include "protocol/transporterror.h"
 #include "upload/cdtrackrips.h"
 #include "upload/uploadbodydevice.h"
 #include "upload/uploadstream.h"
 
-#include <QDateTime>
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QEventLoop>
@@ -21,6 +21,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QPointer>
 #include <QTimer>
 #include <QUrl>
 #include <algorithm>
@@ -40,11 +41,6 @@ qint64 monotonicMs()
         return timer;
     }();
     return clock.elapsed();
-}
-
-double secondsSinceEpoch()
-{
-    return double(QDateTime::currentMSecsSinceEpoch()) / 1000.0;
 }
 
 } // namespace
@@ -77,7 +73,17 @@ QString AsyncUploadRequestOperation::mimeTypeForPath(const QString &path)
 
 bool AsyncUploadRequestOperation::claimReport()
 {
-    return !m_didExecuteCallbackBlock.exchange(true);
+    return !m_didReport.exchange(true);
+}
+
+void AsyncUploadRequestOperation::emitOnMain(std::function<void()> emitter)
+{
+    dispatchAsyncMain([guard = QPointer<AsyncUploadRequestOperation>(this), self = weak_from_this().lock(),
+                       emitter = std::move(emitter)] {
+        if (guard) {
+            emitter();
+        }
+    });
 }
 
 void AsyncUploadRequestOperation::reportFailure(const Error &error)
@@ -85,9 +91,7 @@ void AsyncUploadRequestOperation::reportFailure(const Error &error)
     if (!claimReport()) {
         return;
     }
-    if (auto block = fileLoadFailedBlock) {
-        dispatchAsyncMain([block, error, self = weak_from_this().lock()] { block(error); });
-    }
+    emitOnMain([this, error] { Q_EMIT fileLoadFailed(error); });
 }
 
 void AsyncUploadRequestOperation::reportSuccess()
@@ -102,9 +106,7 @@ void AsyncUploadRequestOperation::reportSuccess()
         return;
     }
     m_succeeded = true;
-    if (auto block = fileLoadSucceededBlock) {
-        dispatchAsyncMain([block, self = weak_from_this().lock()] { block(); });
-    }
+    emitOnMain([this] { Q_EMIT fileLoadSucceeded(); });
 }
 
 void AsyncUploadRequestOperation::finishOperation()
@@ -152,8 +154,6 @@ void AsyncUploadRequestOperation::start()
         logMessage(QStringLiteral("Retrying"));
     }
 
-    QNetworkRequest request(QUrl(m_config.uploadURL));
-
     // A CD track is a file of its disc volume, which only the disc model
     // knows about.
     const QString &path = m_config.filePath;
@@ -190,13 +190,14 @@ void AsyncUploadRequestOperation::start()
         size = qint64(attributes.st_size);
     }
 
-    m_didWriteHeader = false;
     m_didWriteFooter = false;
     m_headerData = UploadStream::beginMultipartDataUpload(m_config);
     m_footerData = UploadStream::endMultipartDataUpload(m_config);
     m_fileSize = size;
 
-    request.setRawHeader("User-Agent", m_config.userAgent.toUtf8());
+    // No transfer time-out of Qt's: the slices below keep their own, which
+    // tells a silent server from a cancel.
+    QNetworkRequest request = Network::makeRequest(QUrl(m_config.uploadURL), m_config.userAgent);
     request.setRawHeader("Content-Type",
                          (QStringLiteral("multipart/form-data; boundary=") + UploadStream::boundary()).toUtf8());
 
@@ -206,7 +207,6 @@ void AsyncUploadRequestOperation::start()
         return;
     }
 
-    m_operationStartTime = secondsSinceEpoch();
     m_isUploadingAudioCD = onDisc;
 
     QString bodyPath = path;
@@ -251,7 +251,6 @@ void AsyncUploadRequestOperation::transfer(QNetworkRequest &request, const QStri
 
     connect(&body, &UploadBodyDevice::footerWritten, &context, [this] {
         m_didWriteFooterAtMs = monotonicMs();
-        m_didWriteHeader = true;
         m_didWriteFooter = true;
     });
     connect(
@@ -364,12 +363,6 @@ void AsyncUploadRequestOperation::handleUploadProgress(qint64 bytesSent, qint64 
     if (!m_body) {
         return;
     }
-    if (m_body->didWriteHeader()) {
-        m_didWriteHeader = true;
-    }
-    if (!fileLoadProgressBlock) {
-        return;
-    }
     // A file's progress is against the whole body, envelopes included, so 100%
     // means every byte went out. A CD track's is against its raw audio size,
     // which the smaller FLAC body never reaches.
@@ -382,8 +375,7 @@ void AsyncUploadRequestOperation::handleUploadProgress(qint64 bytesSent, qint64 
     const auto percent = quint64(fraction * 100.0);
     if (percent != m_lastProgress) {
         m_lastProgress = percent;
-        auto block = fileLoadProgressBlock;
-        dispatchAsyncMain([block, fraction, self = weak_from_this().lock()] { block(fraction); });
+        emitOnMain([this, fraction] { Q_EMIT fileLoadProgressChanged(fraction); });
     }
 }
 

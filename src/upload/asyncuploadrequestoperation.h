@@ -28,17 +28,18 @@ struct UploadTimeouts
 };
 
 // Uploads one file (or one CD track) to the upload endpoint as a single
-// multipart/form-data POST, and reports the outcome through its blocks.
+// multipart/form-data POST, and reports the outcome through its signals.
 //
 // Runs on a worker thread of the upload queue and keeps it for the whole
-// transfer, with its own network manager and event loop. Every block runs on
-// the main thread. Exactly one final report (failed or succeeded) is issued;
-// an operation cancelled before the outcome was decided reports failure,
-// never success. Log lines are prefixed with the file's name.
+// transfer, with its own network manager and event loop. Every signal is
+// emitted on the main thread. Exactly one final report (fileLoadFailed or
+// fileLoadSucceeded) is emitted; an operation cancelled before the outcome
+// was decided reports failure, never success. Log lines are prefixed with the
+// file's name.
 //
-// Set the blocks before the operation is queued. An operation made with
-// std::make_shared stays alive until its last report has run, so a block
-// may look at it through a weak reference.
+// Connect before the operation is queued. An operation made with
+// std::make_shared stays alive until its last signal has been emitted, so a
+// receiver may look at it through a weak reference.
 class AsyncUploadRequestOperation : public Operation, public std::enable_shared_from_this<AsyncUploadRequestOperation>
 {
     Q_OBJECT
@@ -57,32 +58,32 @@ public:
     // failure, unless it had already reported.
     void cancel() override;
 
-    std::function<void(double fraction)> ripProgressBlock;
-    std::function<void(double fraction)> fileLoadProgressBlock;
-    std::function<void(const Error &error)> fileLoadFailedBlock;
-    std::function<void()> fileLoadSucceededBlock;
-
     const AsyncUploadRequestConfiguration &config() const { return m_config; }
     // Percent, 0 to 100 (beyond 100 once the envelopes are counted in): the
     // last progress computed. Readable from any thread.
     double lastKnownProgress() const { return m_lastKnownProgress.load(); }
     bool isUploadingAudioCD() const { return m_isUploadingAudioCD.load(); }
+    // The bytes progress is measured against: the file's, or a CD track's raw audio.
     qint64 fileSize() const { return m_fileSize.load(); }
-    // Seconds since the epoch at which the transfer began (0 before).
-    double operationStartTime() const { return m_operationStartTime.load(); }
-    bool didWriteHeader() const { return m_didWriteHeader.load(); }
     bool didWriteFooter() const { return m_didWriteFooter.load(); }
-    bool didExecuteCallbackBlock() const { return m_didExecuteCallbackBlock.load(); }
-
-    // Sectors of the CD track read so far and in all (1 before the rip).
+    // Sectors of the CD track read so far.
     qint32 framesRead() const { return m_framesRead.load(); }
-    qint32 frameCount() const { return m_frameCount.load(); }
 
     // Writes "<file name>: <message>" to the log.
     void logMessage(const QString &message) const;
     static QString mimeTypeForPath(const QString &path);
 
+Q_SIGNALS:
+    // A CD track's reading, 0 to 1.
+    void ripProgressChanged(double fraction);
+    // Once per whole percent of the body sent, 0 to 1.
+    void fileLoadProgressChanged(double fraction);
+    void fileLoadFailed(const Error &error);
+    void fileLoadSucceeded();
+
 private:
+    // Runs emitter on the main thread, keeping a shared operation alive until then.
+    void emitOnMain(std::function<void()> emitter);
     // Claims the one final report; false when it was already issued.
     bool claimReport();
     void reportFailure(const Error &error);
@@ -107,18 +108,14 @@ private:
     const Timeouts m_timeouts;
 
     std::atomic<bool> m_isUploadingAudioCD{false};
-    std::atomic<bool> m_didWriteHeader{false};
     std::atomic<bool> m_didWriteFooter{false};
-    std::atomic<bool> m_didExecuteCallbackBlock{false};
+    std::atomic<bool> m_didReport{false};
     std::atomic<bool> m_stopReadingCD{false};
-    std::atomic<bool> m_didFinishReadingCD{false};
     std::atomic<qint32> m_framesRead{0};
-    std::atomic<qint32> m_frameCount{1};
     // The CD track's FLAC file lives as long as its rip: kept until the
     // transfer is over, dropped (with the file) when the operation finishes.
     std::shared_ptr<TrackRipJob> m_ripJob;
     bool m_succeeded = false;
-    std::atomic<double> m_operationStartTime{0};
     std::atomic<double> m_lastKnownProgress{0};
     std::atomic<qint64> m_fileSize{0};
     quint64 m_lastProgress = 0;

@@ -4,7 +4,6 @@
 #include "audio/trackripjob.h"
 #include "cd/discsession.h"
 #include "cd/plcvolumetype.h"
-#include "platform/dispatch.h"
 #include "upload/cdtrackrips.h"
 #include "upload/uploadstream.h"
 
@@ -29,7 +28,6 @@ bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *body
     if (std::shared_ptr<TrackRipJob> ripped = CDTrackRips::takeRipped(m_config.filePath)) {
         logMessage(QStringLiteral("Sending the track as it was ripped before"));
         m_ripJob = std::move(ripped);
-        m_didFinishReadingCD = true;
         *bodyPath = m_ripJob->flacPath();
         *bodySize = QFileInfo(*bodyPath).size();
         return true;
@@ -37,9 +35,7 @@ bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *body
 
     logMessage(QStringLiteral("Begin reading CD"));
     m_framesRead = 0;
-    m_frameCount = 1;
     m_stopReadingCD = false;
-    m_didFinishReadingCD = false;
 
     const QString volume = QFileInfo(m_config.filePath).path();
     OptionalError openError;
@@ -74,12 +70,9 @@ bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *body
                     return;
                 }
                 m_framesRead = qint32(done);
-                m_frameCount = qint32(total);
                 m_fileSize = total * kRipSectorBytes;
-                if (auto block = ripProgressBlock) {
-                    const double fraction = double(done) / double(total);
-                    dispatchAsyncMain([block, fraction, self = weak_from_this().lock()] { block(fraction); });
-                }
+                const double fraction = double(done) / double(total);
+                emitOnMain([this, fraction] { Q_EMIT ripProgressChanged(fraction); });
             },
             [this] { return m_stopReadingCD.load() || isCancelled(); });
         if (!ok) {
@@ -88,7 +81,6 @@ bool AsyncUploadRequestOperation::beginReadingCD(QString *bodyPath, qint64 *body
             reportFailure(isCancelled() ? Error::cancelledError() : error);
         }
     }
-    m_didFinishReadingCD = true;
 
     RipLogTrack entry = m_ripJob->logEntry();
     if (ok) {

@@ -48,7 +48,6 @@ public:
     // goes.
     qint64 headerBytesRemaining() const { return m_headerRemaining.load(); }
     qint64 footerBytesRemaining() const { return m_footerRemaining.load(); }
-    bool didWriteHeader() const { return m_headerRemaining.load() == 0; }
     bool didWriteFooter() const { return m_didWriteFooter.load(); }
     bool bodyStarted() const { return m_bodyStarted.load(); }
 

@@ -5,6 +5,7 @@
 #include "protocol/urlencoding.h"
 
 #include <QFileInfo>
+#include <QMetaMethod>
 #include <QUrl>
 #include <QtDebug>
 
@@ -87,7 +88,7 @@ QByteArray UploadStream::endMultipartDataUpload(const AsyncUploadRequestConfigur
 // The stream
 
 UploadStream::UploadStream(const AsyncUploadRequestConfiguration &configuration, QObject *parent)
-    : QObject(parent), m_delegate(this), m_configuration(configuration)
+    : QObject(parent), m_configuration(configuration)
 {
     const QUrl url(configuration.filePath);
     QString localPath;
@@ -161,11 +162,6 @@ qint64 UploadStream::read(char *buffer, qint64 maxLength)
     return result;
 }
 
-bool UploadStream::getBuffer(char **, qint64 *) const
-{
-    return false;
-}
-
 bool UploadStream::hasBytesAvailable() const
 {
     if (m_startDataPosition < quint64(m_startData.size())) {
@@ -191,63 +187,37 @@ OptionalError UploadStream::streamError() const
                              m_fileInputStream.errorString());
 }
 
-void UploadStream::setDelegate(StreamDelegate *delegate)
-{
-    m_delegate = delegate ? delegate : this;
-}
-
 void UploadStream::scheduleInRunLoop()
 {
     m_scheduled = true;
     postDelivery();
 }
 
-void UploadStream::removeFromRunLoop()
+void UploadStream::deliver(void (UploadStream::*signal)(), int code)
 {
-    m_scheduled = false;
-}
-
-QVariant UploadStream::propertyForKey(const QString &) const
-{
-    return {};
-}
-
-bool UploadStream::setPropertyForKey(const QVariant &, const QString &)
-{
-    return false;
-}
-
-void UploadStream::streamHandleEvent(UploadStream *, StreamEvent event)
-{
-    qInfo().noquote() << QStringLiteral("handle event: %1").arg(int(event));
+    if (isSignalConnected(QMetaMethod::fromSignal(signal))) {
+        Q_EMIT(this->*signal)();
+    } else {
+        qInfo().noquote() << QStringLiteral("handle event: %1").arg(code);
+    }
 }
 
 void UploadStream::runLoopRun()
 {
-    // Each flag is cleared before its event goes out, so a delegate that
+    // Each flag is cleared before its event goes out, so a receiver that
     // reads again raises a fresh event.
     if (m_didOpen) {
         m_didOpen = false;
-        m_delegate->streamHandleEvent(this, StreamEvent::OpenCompleted);
+        deliver(&UploadStream::opened, 1);
     }
     if (m_hasBytes) {
         m_hasBytes = false;
-        m_delegate->streamHandleEvent(this, StreamEvent::HasBytesAvailable);
-    }
-    if (m_didError) {
-        m_didError = false;
-        m_delegate->streamHandleEvent(this, StreamEvent::ErrorOccurred);
+        deliver(&UploadStream::bytesAvailable, 2);
     }
     if (m_endReached) {
         m_endReached = false;
-        m_delegate->streamHandleEvent(this, StreamEvent::EndEncountered);
+        deliver(&UploadStream::endEncountered, 16);
     }
-}
-
-void UploadStream::handlePortMessage(const QString &description)
-{
-    qInfo().noquote() << QStringLiteral("pm: %1").arg(description);
-    runLoopRun();
 }
 
 void UploadStream::signalSource()

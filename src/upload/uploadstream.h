@@ -7,9 +7,6 @@
 #include <QFile>
 #include <QObject>
 #include <QString>
-#include <QVariant>
-
-class UploadStream;
 
 // The states a stream reports to its readers.
 enum class StreamStatus : qint64 {
@@ -23,23 +20,6 @@ enum class StreamStatus : qint64 {
     Error = 7,
 };
 
-// What a stream tells its delegate (bit values, one at a time).
-enum class StreamEvent : int {
-    None = 0,
-    OpenCompleted = 1,
-    HasBytesAvailable = 2,
-    HasSpaceAvailable = 4,
-    ErrorOccurred = 8,
-    EndEncountered = 16,
-};
-
-class StreamDelegate
-{
-public:
-    virtual ~StreamDelegate() = default;
-    virtual void streamHandleEvent(UploadStream *stream, StreamEvent event) = 0;
-};
-
 // The multipart body of one upload, and a pull-style stream that produces it.
 //
 // The class functions build the two envelopes around the file's bytes: the
@@ -48,11 +28,11 @@ public:
 // credentials and the closing delimiter.
 //
 // An UploadStream object, when read, yields the start envelope, the file's
-// bytes and then the end envelope, and tells its delegate about it through
-// events delivered on its own thread's event loop (a signalled source: many
-// signals before a delivery make one delivery). It is not thread-safe: every
-// call comes on the thread the object lives on.
-class UploadStream : public QObject, public StreamDelegate
+// bytes and then the end envelope, and tells about it through its signals,
+// delivered on its own thread's event loop (a signalled source: many reads
+// before a delivery make one delivery). It is not thread-safe: every call
+// comes on the thread the object lives on.
+class UploadStream : public QObject
 {
     Q_OBJECT
 
@@ -82,48 +62,36 @@ public:
     // the end envelope only whole: a buffer smaller than what is left of it
     // gets 0, and the stream looks ended early.
     qint64 read(char *buffer, qint64 maxLength);
-    // There is no buffer to share.
-    bool getBuffer(char **buffer, qint64 *length) const;
     bool hasBytesAvailable() const;
 
     StreamStatus streamStatus() const { return m_uploadStreamStatus; }
     // The file's error, if it could not be opened or read.
     OptionalError streamError() const;
 
-    // Not owned. None makes the stream its own delegate, which only writes
-    // "handle event: %i" to the console.
-    StreamDelegate *delegate() const { return m_delegate; }
-    void setDelegate(StreamDelegate *delegate);
-
-    // Events are delivered only while the stream is scheduled on its
-    // thread's event loop. The file is not affected.
+    // Events are delivered only once the stream is scheduled on its thread's
+    // event loop. The file is not affected.
     void scheduleInRunLoop();
-    void removeFromRunLoop();
-    bool isScheduled() const { return m_scheduled; }
-
-    // The stream has no properties.
-    QVariant propertyForKey(const QString &key) const;
-    bool setPropertyForKey(const QVariant &property, const QString &key);
-
-    void streamHandleEvent(UploadStream *stream, StreamEvent event) override;
-
-    // Delivers the pending events in a fixed order: open completed, has
-    // bytes available, error occurred, end encountered.
-    void runLoopRun();
-    // A message from a port: logged to the console, then the events.
-    void handlePortMessage(const QString &description);
 
     const AsyncUploadRequestConfiguration &configuration() const { return m_configuration; }
 
+Q_SIGNALS:
+    // Delivered in this order when several are pending. An event nobody is
+    // connected to only writes "handle event: <code>" to the console, with
+    // the codes 1, 2 and 16. A file that cannot be read raises no event: it
+    // shows in streamError().
+    void opened();
+    void bytesAvailable();
+    void endEncountered();
+
 private:
+    void runLoopRun();
+    void deliver(void (UploadStream::*signal)(), int code);
     void signalSource();
     void postDelivery();
 
     bool m_didOpen = false;
     bool m_hasBytes = false;
-    bool m_didError = false;
     bool m_endReached = false;
-    StreamDelegate *m_delegate = nullptr;
     AsyncUploadRequestConfiguration m_configuration;
     QByteArray m_startData;
     QByteArray m_endData;

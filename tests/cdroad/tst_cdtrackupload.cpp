@@ -149,11 +149,9 @@ private slots:
         std::shared_ptr<AsyncUploadRequestOperation> cancelledOperation;
         const UploadReports cancelled = uploadTrack(
             trackPath(image, 3), tags,
-            [](AsyncUploadRequestOperation &operation, UploadReports &reports) {
-                operation.ripProgressBlock = [&reports, &operation](double fraction) {
-                    reports.rip << fraction;
-                    operation.cancel();
-                };
+            [](AsyncUploadRequestOperation &operation, UploadReports &) {
+                QObject::connect(&operation, &AsyncUploadRequestOperation::ripProgressChanged,
+                                 [&operation] { operation.cancel(); });
             },
             &cancelledOperation);
         QCOMPARE(cancelled.failures.size(), 1);

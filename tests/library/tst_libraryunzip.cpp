@@ -1,5 +1,5 @@
-// Extraction of segment archives built here with libzip: the bytes, the progress reports,
-// and archives that try to write outside their folder.
+// Extraction of segment archives built here with libzip: the bytes, the progress signals,
+// and archives that are damaged or try to write outside their folder.
 #include "librarytestsupport.h"
 
 #include "library/unzipoperation.h"
@@ -30,11 +30,9 @@ bool writeArchive(const QString &path, const QList<ArchiveEntry> &entries)
 {
     zip_t *archive = zip_open(QFile::encodeName(path).constData(), ZIP_CREATE | ZIP_TRUNCATE, nullptr);
     bool ok = archive != nullptr;
-    for (const ArchiveEntry &entry : entries) {
+    for (qsizetype i = 0; ok && i < entries.size(); ++i) {
+        const ArchiveEntry &entry = entries[i];
         const QByteArray name = entry.name.toUtf8();
-        if (!ok) {
-            break;
-        }
         if (entry.kind == ArchiveEntry::Directory) {
             ok = zip_dir_add(archive, name.constData(), ZIP_FL_ENC_UTF_8) >= 0;
             continue;
@@ -71,26 +69,23 @@ QByteArray readAll(const QString &path)
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
-// Runs one extraction and keeps its reports in order.
-class Recorder : public UnzipDelegate
+// Runs one extraction on this thread and keeps its signals in order.
+struct Extracted
 {
-public:
-    explicit Recorder(const QString &archive)
+    explicit Extracted(const QString &archive)
     {
-        UnzipOperation operation(archive, this);
+        UnzipOperation operation(archive);
+        QObject::connect(&operation, &UnzipOperation::began, [this] { events << QStringLiteral("begin"); });
+        QObject::connect(&operation, &UnzipOperation::totalSizeKnown,
+                         [this](const QString &, qint64 size) { events << QStringLiteral("total %1").arg(size); });
+        QObject::connect(&operation, &UnzipOperation::bytesWritten,
+                         [this](const QString &, qint64 bytes) { written += bytes; });
+        QObject::connect(&operation, &UnzipOperation::ended, [this] { events << QStringLiteral("end"); });
+        QObject::connect(&operation, &UnzipOperation::failed, [this](const QString &path, const Error &failure) {
+            events << QStringLiteral("fail ") + path;
+            error = failure;
+        });
         operation.start();
-    }
-    void onZKArchiveDidBeginUnzip(const QString &) override { events.append(QStringLiteral("begin")); }
-    void onZKArchiveDidUpdateTotalSize(const QString &, qint64 totalSize) override
-    {
-        events.append(QStringLiteral("total %1").arg(totalSize));
-    }
-    void onZKArchiveDidUpdateBytesWritten(const QString &, qint64 bytesWritten) override { written += bytesWritten; }
-    void onZKArchiveDidEndUnzip(const QString &) override { events.append(QStringLiteral("end")); }
-    void onZKArchiveDidFail(const QString &archivePath, const Error &failure) override
-    {
-        events.append(QStringLiteral("fail ") + archivePath);
-        error = failure;
     }
 
     QStringList events;
@@ -104,150 +99,136 @@ class TestLibraryUnzip : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void extractsBesideTheArchive();
-    void entriesNamingTheFolderItselfAreNotCounted();
-    void unsafeArchivesWriteNothing_data();
-    void unsafeArchivesWriteNothing();
-    void fullDiskLeavesNoHalfWrittenTrack();
-};
+    QTemporaryDir m_root;
+    QString m_base; // the test function's own folder
+    QString m_library;
 
-void TestLibraryUnzip::extractsBesideTheArchive()
-{
-    QTemporaryDir root;
-    const QDir library(root.filePath(QStringLiteral("My Lyrabox Library")));
-    QVERIFY(library.mkpath(QStringLiteral(".")));
-    const QByteArray big = noise(3 * 1024 * 1024 + 17, 1); // several copy buffers
-    const QByteArray small = noise(1000, 2);
-    const QByteArray text = QByteArrayLiteral("Ünïcode name");
-    const QString archive = library.filePath(QStringLiteral(".temp-0.zip"));
-    QVERIFY(writeArchive(archive, {{QStringLiteral("Track 001.mp3"), big},
+private slots:
+    void init()
+    {
+        m_base = m_root.filePath(QString::fromLatin1(QTest::currentTestFunction()));
+        m_library = m_base + QStringLiteral("/My Lyrabox Library");
+        QVERIFY(QDir().mkpath(m_library));
+    }
+
+    void extractsBesideTheArchive()
+    {
+        const QDir library(m_library);
+        const QByteArray big = noise(3 * 1024 * 1024 + 17, 1); // several copy buffers
+        const QByteArray small = noise(1000, 2);
+        const QByteArray text = QByteArrayLiteral("Ünïcode name");
+        const QString archive = library.filePath(QStringLiteral(".temp-0.zip"));
+        QVERIFY(
+            writeArchive(archive, {{QStringLiteral("Track 001.mp3"), big},
                                    {QStringLiteral("Album/"), {}, ArchiveEntry::Directory},
                                    {QStringLiteral("Album/Disc 1/Track 002.flac"), small},
                                    {QStringLiteral("Ünïcode – ñame.m4a"), text},
                                    {QStringLiteral("..empty..ogg"), {}}, // dots that are no parent step
-                                   {QStringLiteral("Album/latest.mp3"), "Disc 1/Track 002.flac", ArchiveEntry::Link}}));
-    // An older, longer copy of a track is replaced, not appended to.
-    QFile old(library.filePath(QStringLiteral("Track 001.mp3")));
-    QVERIFY(old.open(QIODevice::WriteOnly) && old.write(noise(5 * 1024 * 1024, 9)) > 0);
-    old.close();
-
-    const Recorder recorder(archive);
-    const qint64 total = big.size() + small.size() + text.size();
-    QCOMPARE(recorder.events, (QStringList{"begin", QStringLiteral("total %1").arg(total), "end"}));
-    QCOMPARE(recorder.written, total);
-    QCOMPARE(readAll(library.filePath(QStringLiteral("Track 001.mp3"))), big);
-    QCOMPARE(readAll(library.filePath(QStringLiteral("Album/Disc 1/Track 002.flac"))), small);
-    QCOMPARE(readAll(library.filePath(QStringLiteral("Ünïcode – ñame.m4a"))), text);
-    QVERIFY(QFileInfo::exists(library.filePath(QStringLiteral("..empty..ogg"))));
-    const QFileInfo latest(library.filePath(QStringLiteral("Album/latest.mp3")));
-    QVERIFY(latest.isSymLink());
-    QCOMPARE(readAll(latest.filePath()), small);
-    // The archive itself is left for the coordinator to remove.
-    QVERIFY(QFileInfo::exists(archive));
-    QCOMPARE(LibraryTest::filesUnder(root.path()).size(), 6);
-}
-
-// An entry whose name cleans to "." names the folder: nothing of it is
-// written, so its bytes must not count towards the total either, or the
-// progress never reaches it.
-void TestLibraryUnzip::entriesNamingTheFolderItselfAreNotCounted()
-{
-    QTemporaryDir root;
-    const QDir library(root.filePath(QStringLiteral("My Lyrabox Library")));
-    QVERIFY(library.mkpath(QStringLiteral(".")));
-    const QByteArray track = noise(5000, 4);
-    const QString archive = library.filePath(QStringLiteral(".temp-0.zip"));
-    QVERIFY(writeArchive(archive, {{QStringLiteral("."), noise(3000, 5)},
-                                   {QStringLiteral("Track 001.mp3"), track},
-                                   {QStringLiteral("Album/."), {}, ArchiveEntry::Directory},
+                                   {QStringLiteral("Album/latest.mp3"), "Disc 1/Track 002.flac", ArchiveEntry::Link},
+                                   // Names of the folder itself: nothing written, nothing counted.
+                                   {QStringLiteral("."), noise(3000, 5)},
                                    {QStringLiteral("./."), noise(700, 6)}}));
+        // An older, longer copy of a track is replaced, not appended to.
+        QFile old(library.filePath(QStringLiteral("Track 001.mp3")));
+        QVERIFY(old.open(QIODevice::WriteOnly) && old.write(noise(5 * 1024 * 1024, 9)) > 0);
+        old.close();
 
-    const Recorder recorder(archive);
-    QCOMPARE(recorder.events, (QStringList{"begin", QStringLiteral("total %1").arg(track.size()), "end"}));
-    QCOMPARE(recorder.written, qint64(track.size()));
-    QCOMPARE(readAll(library.filePath(QStringLiteral("Track 001.mp3"))), track);
-    QVERIFY(QFileInfo(library.filePath(QStringLiteral("Album"))).isDir());
-    QCOMPARE(LibraryTest::filesUnder(root.path()).size(), 2);
-}
-
-void TestLibraryUnzip::unsafeArchivesWriteNothing_data()
-{
-    QTest::addColumn<QList<ArchiveEntry>>("entries");
-    QTest::addColumn<QString>("logged");
-    // Each archive starts with a harmless track: it must not be written either.
-    const ArchiveEntry harmless{QStringLiteral("Track 001.mp3"), "music"};
-    const ArchiveEntry payload{QStringLiteral("x"), "owned"};
-    auto file = [&](const QString &name) { return ArchiveEntry{name, payload.content}; };
-    auto link = [](const QString &name, const QByteArray &target) {
-        return ArchiveEntry{name, target, ArchiveEntry::Link};
-    };
-    QTest::newRow("parent") << QList<ArchiveEntry>{harmless, file(QStringLiteral("a/b/../../../x"))}
-                            << "refused entry \"a/b/../../../x\"";
-    // "OUTSIDE" stands for the absolute path of a folder beside the library.
-    QTest::newRow("absolute") << QList<ArchiveEntry>{harmless, file(QStringLiteral("OUTSIDE/abs"))}
-                              << "refused entry \"OUTSIDE/abs\"";
-    QTest::newRow("link out") << QList<ArchiveEntry>{harmless, link(QStringLiteral("escape"), "OUTSIDE"),
-                                                     file(QStringLiteral("escape/x"))}
-                              << "refused symbolic link \"escape\"";
-    // Named as the folder itself, so never made, but it says what the archive is.
-    QTest::newRow("link named dot out") << QList<ArchiveEntry>{harmless, link(QStringLiteral("."), "../x")}
-                                        << "refused symbolic link \".\"";
-}
-
-void TestLibraryUnzip::unsafeArchivesWriteNothing()
-{
-    QFETCH(QList<ArchiveEntry>, entries);
-    QFETCH(QString, logged);
-    QTemporaryDir root;
-    const QString library = root.filePath(QStringLiteral("lib/My Lyrabox Library"));
-    const QString outside = root.filePath(QStringLiteral("outside"));
-    QVERIFY(QDir().mkpath(library) && QDir().mkpath(outside));
-    for (ArchiveEntry &entry : entries) {
-        entry.name.replace(QStringLiteral("OUTSIDE"), outside);
-        entry.content.replace("OUTSIDE", QFile::encodeName(outside));
+        const Extracted extracted(archive);
+        const qint64 total = big.size() + small.size() + text.size();
+        QCOMPARE(extracted.events, (QStringList{"begin", QStringLiteral("total %1").arg(total), "end"}));
+        QCOMPARE(extracted.written, total);
+        QCOMPARE(readAll(library.filePath(QStringLiteral("Track 001.mp3"))), big);
+        QCOMPARE(readAll(library.filePath(QStringLiteral("Album/Disc 1/Track 002.flac"))), small);
+        QCOMPARE(readAll(library.filePath(QStringLiteral("Ünïcode – ñame.m4a"))), text);
+        QCOMPARE(readAll(library.filePath(QStringLiteral("Album/latest.mp3"))), small);
+        QVERIFY(QFileInfo(library.filePath(QStringLiteral("Album/latest.mp3"))).isSymLink());
+        // The archive itself is left for the coordinator to remove.
+        QCOMPARE(LibraryTest::filesUnder(m_library),
+                 (QStringList{"..empty..ogg", ".temp-0.zip", "Album/Disc 1/Track 002.flac", "Album/latest.mp3",
+                              "Track 001.mp3", "Ünïcode – ñame.m4a"}));
     }
-    logged.replace(QStringLiteral("OUTSIDE"), outside);
-    const QString archive = QDir(library).filePath(QStringLiteral(".temp-3.zip"));
-    QVERIFY(writeArchive(archive, entries));
-    const QStringList before = LibraryTest::filesUnder(root.path());
 
-    // The chunk fails (the coordinator goes on with the others), with a log line.
-    QCOMPARE(Recorder(archive).events, QStringList{QStringLiteral("fail ") + archive});
-    QCOMPARE(LibraryTest::filesUnder(root.path()), before);
-    QVERIFY(!QFileInfo::exists(root.filePath(QStringLiteral("x"))));
-    QVERIFY2(LibraryTest::logText().contains(QStringLiteral("Unzip .temp-3.zip: ") + logged), qPrintable(logged));
-}
+    void refusedArchivesWriteNothing_data()
+    {
+        QTest::addColumn<QList<ArchiveEntry>>("entries");
+        QTest::addColumn<QByteArray>("damage"); // written over the archive's tail
+        QTest::addColumn<QString>("logged");
+        // Each archive starts with a harmless track: it must not be written either.
+        const ArchiveEntry harmless{QStringLiteral("Track 001.mp3"), "music"};
+        auto file = [](const QString &name) { return ArchiveEntry{name, "owned"}; };
+        auto link = [](const QString &name, const QByteArray &target) {
+            return ArchiveEntry{name, target, ArchiveEntry::Link};
+        };
+        QTest::newRow("parent") << QList<ArchiveEntry>{harmless, file(QStringLiteral("a/b/../../../x"))} << QByteArray()
+                                << "refused entry \"a/b/../../../x\"";
+        // "OUTSIDE" stands for the absolute path of a folder beside the library.
+        QTest::newRow("absolute") << QList<ArchiveEntry>{harmless, file(QStringLiteral("OUTSIDE/abs"))} << QByteArray()
+                                  << "refused entry \"OUTSIDE/abs\"";
+        QTest::newRow("link out") << QList<ArchiveEntry>{harmless, link(QStringLiteral("escape"), "OUTSIDE"),
+                                                         file(QStringLiteral("escape/x"))}
+                                  << QByteArray() << "refused symbolic link \"escape\"";
+        // Named as the folder itself, so never made, but it says what the archive is.
+        QTest::newRow("link named dot out") << QList<ArchiveEntry>{harmless, link(QStringLiteral("."), "../x")}
+                                            << QByteArray() << "refused symbolic link \".\"";
+        // Damaged on its way: the directory at the end is garbage.
+        QTest::newRow("damaged") << QList<ArchiveEntry>{harmless} << QByteArray(40, 'Z') << "cannot open the archive: ";
+    }
 
-void TestLibraryUnzip::fullDiskLeavesNoHalfWrittenTrack()
-{
-    QTemporaryDir root;
-    const QDir library(root.filePath(QStringLiteral("My Lyrabox Library")));
-    QVERIFY(library.mkpath(QStringLiteral(".")));
-    const QByteArray first = noise(100000, 3);
-    const QByteArray second = noise(3 * 1024 * 1024, 4);
-    const QString archive = library.filePath(QStringLiteral(".temp-0.zip"));
-    QVERIFY(
-        writeArchive(archive, {{QStringLiteral("Track 001.mp3"), first}, {QStringLiteral("Track 002.mp3"), second}}));
-    // An older copy of the second track stays as it was until a whole new one is there.
-    const QByteArray old = noise(5000, 5);
-    QFile oldFile(library.filePath(QStringLiteral("Track 002.mp3")));
-    QVERIFY(oldFile.open(QIODevice::WriteOnly) && oldFile.write(old) == old.size());
-    oldFile.close();
+    void refusedArchivesWriteNothing()
+    {
+        QFETCH(QList<ArchiveEntry>, entries);
+        QFETCH(QByteArray, damage);
+        QFETCH(QString, logged);
+        const QString outside = m_base + QStringLiteral("/outside");
+        QVERIFY(QDir().mkpath(outside));
+        for (ArchiveEntry &entry : entries) {
+            entry.name.replace(QStringLiteral("OUTSIDE"), outside);
+            entry.content.replace("OUTSIDE", QFile::encodeName(outside));
+        }
+        logged.replace(QStringLiteral("OUTSIDE"), outside);
+        const QString archive = QDir(m_library).filePath(QStringLiteral(".temp-3.zip"));
+        QVERIFY(writeArchive(archive, entries));
+        QFile damaged(archive);
+        QVERIFY(damaged.open(QIODevice::ReadWrite) && damaged.seek(damaged.size() - damage.size()));
+        QVERIFY(damaged.write(damage) == damage.size());
+        damaged.close();
 
-    // The disk fills up half-way through the second track.
-    qputenv("PELICANE_TEST_EXTRACT_SPACE", QByteArray::number(first.size() + second.size() / 2));
-    const Recorder recorder(archive);
-    qunsetenv("PELICANE_TEST_EXTRACT_SPACE");
-    QCOMPARE(recorder.events.last(), QStringLiteral("fail ") + archive);
-    QVERIFY(recorder.error);
-    QCOMPARE(recorder.error->code(), ENOSPC);
-    QVERIFY2(recorder.error->localizedDescription().startsWith(QStringLiteral("The disk is full")),
-             qPrintable(recorder.error->localizedDescription()));
-    QCOMPARE(readAll(library.filePath(QStringLiteral("Track 001.mp3"))), first);
-    QCOMPARE(readAll(library.filePath(QStringLiteral("Track 002.mp3"))), old);
-    QCOMPARE(LibraryTest::filesUnder(library.path()), (QStringList{".temp-0.zip", "Track 001.mp3", "Track 002.mp3"}));
-}
+        // The chunk fails (the coordinator goes on with the others), with a log line.
+        const Extracted extracted(archive);
+        QCOMPARE(extracted.events, QStringList{QStringLiteral("fail ") + archive});
+        QVERIFY(extracted.error->localizedDescription().startsWith(
+            QStringLiteral("A library segment could not be extracted (") + logged));
+        QCOMPARE(LibraryTest::filesUnder(m_base), QStringList{QStringLiteral("My Lyrabox Library/.temp-3.zip")});
+        QVERIFY2(LibraryTest::logText().contains(QStringLiteral("Unzip .temp-3.zip: ") + logged), qPrintable(logged));
+    }
+
+    void fullDiskLeavesNoHalfWrittenTrack()
+    {
+        const QDir library(m_library);
+        const QByteArray first = noise(100000, 3);
+        const QByteArray second = noise(3 * 1024 * 1024, 4);
+        const QString archive = library.filePath(QStringLiteral(".temp-0.zip"));
+        QVERIFY(writeArchive(archive,
+                             {{QStringLiteral("Track 001.mp3"), first}, {QStringLiteral("Track 002.mp3"), second}}));
+        // An older copy of the second track stays as it was until a whole new one is there.
+        const QByteArray old = noise(5000, 5);
+        QFile oldFile(library.filePath(QStringLiteral("Track 002.mp3")));
+        QVERIFY(oldFile.open(QIODevice::WriteOnly) && oldFile.write(old) == old.size());
+        oldFile.close();
+
+        // The disk fills up half-way through the second track.
+        qputenv("PELICANE_TEST_EXTRACT_SPACE", QByteArray::number(first.size() + second.size() / 2));
+        const Extracted extracted(archive);
+        qunsetenv("PELICANE_TEST_EXTRACT_SPACE");
+        QCOMPARE(extracted.events.last(), QStringLiteral("fail ") + archive);
+        QCOMPARE(extracted.error->code(), ENOSPC);
+        QVERIFY2(extracted.error->localizedDescription().startsWith(QStringLiteral("The disk is full")),
+                 qPrintable(extracted.error->localizedDescription()));
+        QCOMPARE(readAll(library.filePath(QStringLiteral("Track 001.mp3"))), first);
+        QCOMPARE(readAll(library.filePath(QStringLiteral("Track 002.mp3"))), old);
+        QCOMPARE(LibraryTest::filesUnder(m_library), (QStringList{".temp-0.zip", "Track 001.mp3", "Track 002.mp3"}));
+    }
+};
 
 QTEST_GUILESS_MAIN(TestLibraryUnzip)
 #include "tst_libraryunzip.moc"

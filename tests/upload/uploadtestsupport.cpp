@@ -6,10 +6,6 @@
 #include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QHostAddress>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QRegularExpression>
 #include <QTest>
 #include <QThread>
 
@@ -71,24 +67,26 @@ makeReportingOperation(const AsyncUploadRequestConfiguration &configuration, Upl
     auto onMain = [reports] {
         reports->offMainThread |= QThread::currentThread() != QCoreApplication::instance()->thread();
     };
-    operation->ripProgressBlock = [reports, onMain](double fraction) {
+    QObject::connect(operation.get(), &AsyncUploadRequestOperation::ripProgressChanged, [reports, onMain](double f) {
         onMain();
-        reports->rip << fraction;
+        reports->rip << f;
         reports->events << QStringLiteral("rip");
-    };
-    operation->fileLoadProgressBlock = [reports, onMain](double fraction) {
-        onMain();
-        reports->progress << fraction;
-        reports->events << QStringLiteral("upload");
-    };
-    operation->fileLoadSucceededBlock = [reports, onMain] {
+    });
+    QObject::connect(operation.get(), &AsyncUploadRequestOperation::fileLoadProgressChanged,
+                     [reports, onMain](double f) {
+                         onMain();
+                         reports->progress << f;
+                         reports->events << QStringLiteral("upload");
+                     });
+    QObject::connect(operation.get(), &AsyncUploadRequestOperation::fileLoadSucceeded, [reports, onMain] {
         onMain();
         ++reports->successes;
-    };
-    operation->fileLoadFailedBlock = [reports, onMain](const Error &error) {
-        onMain();
-        reports->failures << error;
-    };
+    });
+    QObject::connect(operation.get(), &AsyncUploadRequestOperation::fileLoadFailed,
+                     [reports, onMain](const Error &error) {
+                         onMain();
+                         reports->failures << error;
+                     });
     return operation;
 }
 
@@ -103,75 +101,4 @@ bool settle(OperationQueue &queue, const std::shared_ptr<AsyncUploadRequestOpera
     queue.waitUntilAllOperationsAreFinished();
     QTest::qWait(300);
     return reports.finals() == 1;
-}
-
-ScriptedHttpServer::ScriptedHttpServer(QObject *parent) : QObject(parent)
-{
-    connect(&m_server, &QTcpServer::newConnection, this, &ScriptedHttpServer::accept);
-}
-
-bool ScriptedHttpServer::listen()
-{
-    return m_server.listen(QHostAddress::LocalHost, 0);
-}
-
-QString ScriptedHttpServer::url() const
-{
-    return QStringLiteral("http://127.0.0.1:%1/upload/").arg(m_server.serverPort());
-}
-
-void ScriptedHttpServer::accept()
-{
-    while (QTcpSocket *socket = m_server.nextPendingConnection()) {
-        if (m_socket) {
-            // One exchange per test: a second connection is a resend.
-            m_socket->disconnect(this);
-            m_socket->deleteLater();
-        }
-        m_socket = socket;
-        m_buffer.clear();
-        m_headers.clear();
-        m_headersDone = false;
-        m_answered = false;
-        m_bodyReceived = 0;
-        m_contentLength = -1;
-        connect(socket, &QTcpSocket::readyRead, this, &ScriptedHttpServer::readMore);
-        readMore();
-    }
-}
-
-void ScriptedHttpServer::resume()
-{
-    mode = Mode::Answer;
-    readMore();
-}
-
-void ScriptedHttpServer::readMore()
-{
-    if (!m_socket) {
-        return;
-    }
-    if (!m_headersDone) {
-        m_buffer += m_socket->readAll();
-        const qsizetype end = m_buffer.indexOf("\r\n\r\n");
-        if (end < 0) {
-            return;
-        }
-        m_headers = m_buffer.left(end);
-        m_headersDone = true;
-        static const QRegularExpression length(QStringLiteral("(?i)\\r\\ncontent-length:\\s*(\\d+)"));
-        const auto match = length.match(QString::fromLatin1(m_headers));
-        m_contentLength = match.hasMatch() ? match.captured(1).toLongLong() : 0;
-        m_bodyReceived = m_buffer.size() - end - 4;
-        m_buffer.clear();
-    }
-    m_bodyReceived += m_socket->readAll().size();
-    if (bodyComplete() && mode == Mode::Answer && !m_answered) {
-        m_answered = true;
-        m_socket->write("HTTP/1.1 " + QByteArray::number(status) +
-                        " Whatever\r\nContent-Type: application/json\r\n"
-                        "Content-Length: " +
-                        QByteArray::number(answerBody.size()) + "\r\nConnection: close\r\n\r\n" + answerBody);
-        m_socket->disconnectFromHost();
-    }
 }

@@ -7,11 +7,8 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QPointer>
 #include <QString>
 #include <QStringList>
-#include <QTcpServer>
-#include <QTcpSocket>
 
 // Helpers of the upload tests and benchmarks.
 
@@ -49,39 +46,3 @@ makeReportingOperation(const AsyncUploadRequestConfiguration &configuration, Upl
 // longer for a second report that must not come. True when exactly one came.
 bool settle(OperationQueue &queue, const std::shared_ptr<AsyncUploadRequestOperation> &operation,
             const UploadReports &reports, int timeoutMs = 60000);
-
-// A bare HTTP server for what the real service cannot stage: after a request's body it
-// answers, or stays silent until resumed.
-class ScriptedHttpServer : public QObject
-{
-    Q_OBJECT
-
-public:
-    enum class Mode { Answer, Silent };
-
-    explicit ScriptedHttpServer(QObject *parent = nullptr);
-    bool listen();
-    QString url() const;
-
-    Mode mode = Mode::Answer;
-    int status = 200;
-    QByteArray answerBody = R"({"result": true, "message": "Stored."})";
-
-    // Answers after all.
-    void resume();
-
-    bool bodyComplete() const { return m_contentLength >= 0 && m_bodyReceived >= m_contentLength; }
-
-private:
-    void accept();
-    void readMore();
-
-    QTcpServer m_server;
-    QPointer<QTcpSocket> m_socket;
-    QByteArray m_buffer;
-    QByteArray m_headers;
-    bool m_headersDone = false;
-    bool m_answered = false;
-    qint64 m_bodyReceived = 0;
-    qint64 m_contentLength = -1;
-};
