@@ -9,7 +9,6 @@
 #include <QString>
 #include <QTemporaryDir>
 
-#include <functional>
 #include <memory>
 
 // One HTTP exchange on the loopback interface, made with a blocking socket so that it never
@@ -20,23 +19,16 @@ struct LoopbackHttpResult
     QList<QPair<QByteArray, QByteArray>> headers;
     QByteArray body;
     bool connectionDropped = false; // the connection ended before a whole answer
-    qint64 bytesSent = 0;           // body bytes the server accepted
 
     QByteArray header(const QByteArray &name) const;
     QJsonObject json() const;
 };
 
 using LoopbackHeaders = QList<QPair<QByteArray, QByteArray>>;
-// Fills `out` with up to `maximum` next body bytes; returns the count (0 at the end).
-using LoopbackBodyProducer = std::function<qint64(char *out, qint64 maximum)>;
 
 LoopbackHttpResult loopbackHttp(quint16 port, const QByteArray &method, const QByteArray &target,
                                 const LoopbackHeaders &headers = {}, const QByteArray &body = {},
                                 int timeoutMs = 60000);
-// The same with a body of `length` bytes produced piece by piece (never held whole).
-LoopbackHttpResult loopbackHttpStream(quint16 port, const QByteArray &method, const QByteArray &target,
-                                      const LoopbackHeaders &headers, qint64 length,
-                                      const LoopbackBodyProducer &producer, int timeoutMs = 60000);
 
 // Runs lyrabox-devserver for a test: on a free loopback port, with a data folder of its own,
 // and with PELICANE_API_URL, PELICANE_UPLOAD_URL and PELICANE_DOWNLOAD_URL of this process
@@ -62,10 +54,6 @@ public:
     QString downloadUrl() const; // .../download/
     QString dataDirectory() const { return m_dataDirectory; }
     qint64 processId() const;
-
-    // Resident memory of the server process now and at its peak, in KiB (from /proc).
-    qint64 residentKiB() const;
-    qint64 peakResidentKiB() const;
 
     // The demo account signed in through the JSON API as the program does;
     // both empty when the sign-in failed.
