@@ -1,10 +1,12 @@
 #include "core/logger.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
 
@@ -52,6 +54,27 @@ private slots:
                  QStringLiteral("Login (demo@lyrabox.test)"));
     }
 
+    // A first run on a clean account (a child process with a data folder of
+    // its own): the first line makes the folder and the file, dated now in UTC.
+    void firstLineMakesFolderAndFile()
+    {
+        QTemporaryDir home;
+        QProcess child;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
+        child.setProcessEnvironment(environment);
+        child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--write-lines"), QStringLiteral("F")});
+        QVERIFY(child.waitForFinished(30000) && child.exitCode() == 0);
+        QFile file(home.filePath(QStringLiteral("data/com.lyrabox.pelicane/Pelicane.log")));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QString first = QString::fromUtf8(file.readLine());
+        QVERIFY2(kLinePrefix.match(first).hasMatch() && first.endsWith(QStringLiteral(": F line 0\n")),
+                 qPrintable(first));
+        QDateTime stamp = QDateTime::fromString(first.left(19), QStringLiteral("yyyy-MM-dd HH:mm:ss"));
+        stamp.setTimeSpec(Qt::UTC);
+        QVERIFY(qAbs(stamp.secsTo(QDateTime::currentDateTimeUtc())) <= 5);
+    }
+
     void beforeTheFirstLineOfThisRun()
     {
         QVERIFY(QDir().mkpath(QFileInfo(logPath()).absolutePath()));
@@ -68,7 +91,7 @@ private slots:
 
     void linesAreAppendedWithDateAndLineFeed()
     {
-        Logger::log(QStringLiteral("first of this run"));
+        Logger::log(QStringLiteral("first of this rün"));
         Logger::log(QStringLiteral("ends in a line feed\n"));
         Logger::log(QStringLiteral("has\ttabs\nand two lines"));
         const QByteArray log = readLog();
@@ -76,7 +99,7 @@ private slots:
         const QStringList lines = QString::fromUtf8(log).split(QLatin1Char('\n'));
         QCOMPARE(lines.size(), 7); // the last entry is what follows the final line feed
         QVERIFY(kLinePrefix.match(lines[1]).hasMatch());
-        QVERIFY(lines[1].endsWith(QStringLiteral(": first of this run")));
+        QVERIFY(lines[1].endsWith(QStringLiteral(": first of this rün")));
         QVERIFY(lines[2].endsWith(QStringLiteral(": ends in a line feed")));
         // The message's own line feed plus the one of the format: an empty line.
         QCOMPARE(lines[3], QString());
