@@ -138,31 +138,48 @@ private slots:
         QCOMPARE(flacTags(path).value("albumartist"), QStringLiteral("TEXT BAND"));
     }
 
-    // A toc image whose third track lies partly past the end of its data, run
-    // from another working folder: that track is reported and skipped, the
-    // others go up.
-    void damagedTrackIsSkipped()
+    // Discs without metadata, uploaded track by track: a toc image whose
+    // third track lies partly past the end of its data (that track is
+    // reported and skipped), and a disc whose first track is data.
+    void discsTrackByTrack_data()
     {
+        QTest::addColumn<int>("dataIndex");
+        QTest::addColumn<bool>("toc");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QList<int>>("uploaded"); // the tracks' indexes on the disc
+        QTest::newRow("toc, third track cut") << -1 << true << 1 << QList<int>{0, 1};
+        QTest::newRow("data track first") << 0 << false << 0 << QList<int>{1, 2};
+    }
+    void discsTrackByTrack()
+    {
+        QFETCH(int, dataIndex);
+        QFETCH(bool, toc);
+        QFETCH(int, exitCode);
+        QFETCH(QList<int>, uploaded);
         DiscImage::Options options = DiscImage::audioOptions({200, 210, 220});
-        options.bigEndian = true;
-        options.seed = 91;
-        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("damaged"), options);
-        QVERIFY(image.isValid());
-        const QString toc = image.writeToc();
-        QVERIFY(!toc.isEmpty());
-        QVERIFY(QFile::resize(image.binPath(), qint64(image.trackFirstSector(2) + 100) * 2352));
+        options.bigEndian = toc; // a toc's raw audio is big-endian
+        options.seed = 91 + dataIndex;
+        if (dataIndex >= 0) {
+            options.tracks[dataIndex].data = true;
+        }
+        const DiscImage image = DiscImage::create(m_dir.path(), QString::fromUtf8(QTest::currentDataTag()), options);
+        const QString path = toc ? image.writeToc() : image.cuePath();
+        QVERIFY(image.isValid() && !path.isEmpty());
+        if (toc) {
+            QVERIFY(QFile::resize(image.binPath(), qint64(image.trackFirstSector(2) + 100) * 2352));
+        }
         const auto before = storedFilesByName(m_server);
-        const ProgramRun run = uploadCd({QStringLiteral("--yes"), toc});
-        QCOMPARE(run.exitCode, 1);
-        QVERIFY2(run.standardError.contains(QStringLiteral("Failed: Track 3: ")), qPrintable(run.standardError));
+        const ProgramRun run = uploadCd({QStringLiteral("--yes"), path});
+        QVERIFY2(run.exitCode == exitCode, qPrintable(run.standardError));
         QVERIFY(run.standardOutput.contains(QStringLiteral("Uploaded: \t2 tracks")));
-        QVERIFY2(run.standardOutput.contains(QStringLiteral("03 Track 3: failed: ")), qPrintable(run.standardOutput));
+        QVERIFY2(toc == run.standardOutput.contains(QStringLiteral("03 Track 3: failed: ")),
+                 qPrintable(run.standardOutput));
+        QCOMPARE(toc, run.standardError.contains(QStringLiteral("Failed: Track 3: ")));
         const auto added = storedSince(m_server, before);
-        QCOMPARE(added.size(), 2);
-        for (int i = 0; i < 2; ++i) {
-            const QString path =
-                added.value(QStringLiteral("Track %1.flac").arg(i + 1)).value("stored_path").toString();
-            QCOMPARE(decodedFlacAudio(path), image.trackAudio(i));
+        QCOMPARE(added.size(), uploaded.size());
+        for (const int index : uploaded) {
+            const QString name = QStringLiteral("Track %1.flac").arg(index + 1);
+            QCOMPARE(decodedFlacAudio(added.value(name).value("stored_path").toString()), image.trackAudio(index));
         }
     }
 
