@@ -266,11 +266,12 @@ private slots:
         window.ui()->pageStack->setCurrentWidget(window.ui()->filesContainerView);
         QTableView *table = window.ui()->filesTableView;
         const QImage rows = table->viewport()->grab().toImage();
+        const int ratio = int(rows.devicePixelRatio());
         for (int row = 0; row < 8; ++row) {
             const QRect band = table->visualRect(table->model()->index(row, 0));
             bool drawn = false;
-            for (int y = band.top() * 2; y <= band.bottom() * 2 && !drawn; ++y) {
-                for (int x = band.left() * 2; x < std::min(band.right() * 2, rows.width()) && !drawn; ++x) {
+            for (int y = band.top() * ratio; y <= band.bottom() * ratio && !drawn; ++y) {
+                for (int x = band.left() * ratio; x < std::min(band.right() * ratio, rows.width()) && !drawn; ++x) {
                     drawn = qGray(rows.pixel(x, y)) > 160;
                 }
             }
@@ -289,7 +290,8 @@ private slots:
                 ++dialogs;
             },
             [](QMessageBox *box) { box->buttons().first()->click(); });
-        window.showAlertWithMessageText(QStringLiteral("Scan Errors"),
+        // The bold message is measured bold, so the alert is wide (or tall) enough for it.
+        window.showAlertWithMessageText(QStringLiteral("Simultaneous upload count should be between 1 and 6."),
                                         QStringLiteral("2 errors occurred when searching. Some files may not appear "
                                                        "in the search results."),
                                         QStringLiteral("OK"));
@@ -345,5 +347,22 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestAppearance)
+int main(int argc, char *argv[])
+{
+    // A screen of 2560x1600 pixels, 1280x800 at twice the density: dialogs
+    // size themselves to the screen, and the offscreen one is small.
+    QTemporaryDir screen;
+    QFile config(screen.filePath(QStringLiteral("screen.json")));
+    if (!config.open(QIODevice::WriteOnly) ||
+        config.write(R"({"screens": [{"name": "wide", "x": 0, "y": 0, "width": 2560, "height": 1600,
+                                      "logicalDpi": 96, "logicalBaseDpi": 96, "dpr": 1}]})") <= 0) {
+        return 1;
+    }
+    config.close();
+    qputenv("QT_QPA_PLATFORM", "offscreen:configfile=" + QFile::encodeName(config.fileName()));
+    QApplication application(argc, argv);
+    application.setAttribute(Qt::AA_Use96Dpi, true);
+    TestAppearance test;
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_appearance.moc"
