@@ -13,38 +13,6 @@ namespace {
 
 constexpr int kLongWaitMs = 20000;
 
-// Waits on a gate, counting how many of its kind run at once.
-class GatedOperation : public Operation
-{
-public:
-    GatedOperation(QSemaphore *gate, std::atomic<int> *running, std::atomic<int> *peak)
-        : m_gate(gate), m_running(running), m_peak(peak)
-    {}
-
-    QThread *thread = nullptr;
-    bool mainRan = false;
-
-protected:
-    void main() override
-    {
-        mainRan = true;
-        thread = QThread::currentThread();
-        const int now = ++*m_running;
-        int seen = m_peak->load();
-        while (now > seen && !m_peak->compare_exchange_weak(seen, now)) {
-        }
-        if (m_gate) {
-            m_gate->tryAcquire(1, kLongWaitMs);
-        }
-        --*m_running;
-    }
-
-private:
-    QSemaphore *m_gate;
-    std::atomic<int> *m_running;
-    std::atomic<int> *m_peak;
-};
-
 // Returns from start() at once and finishes when told to, from any thread.
 class AsyncOperation : public Operation
 {
@@ -59,7 +27,6 @@ public:
         startedCancelled = isCancelled();
         setExecuting(true);
     }
-
     void cancel() override
     {
         Operation::cancel();
@@ -67,7 +34,6 @@ public:
             finish();
         }
     }
-
     void finish()
     {
         setExecuting(false);
@@ -82,135 +48,115 @@ class TestOperationQueue : public QObject
     Q_OBJECT
 
 private slots:
-    void limitsConcurrency();
-    void suspendedQueueStartsNothingUntilResumed();
-    void startsWaitingOperationsByPriorityThenOrder();
-    void cancelAllStartsWaitingOperationsCancelled();
-    void asynchronousOperationHoldsItsSlotUntilItFinishes();
-};
-
-void TestOperationQueue::limitsConcurrency()
-{
-    // A maximum of two is never exceeded and is reached.
-    OperationQueue queue;
-    queue.setMaxConcurrentOperationCount(2);
-    QSemaphore gate;
-    std::atomic<int> running{0}, peak{0};
-    QList<std::shared_ptr<GatedOperation>> operations;
-    for (int i = 0; i < 6; ++i) {
-        operations << std::make_shared<GatedOperation>(&gate, &running, &peak);
-        queue.addOperation(operations.last());
+    // A maximum of two is never exceeded and is reached, each on a worker
+    // thread; a suspended queue starts nothing until resumed.
+    void limitsConcurrencyAndSuspends()
+    {
+        OperationQueue queue;
+        queue.setMaxConcurrentOperationCount(2);
+        queue.setSuspended(true);
+        QSemaphore gate;
+        std::atomic<int> running{0}, peak{0}, onCaller{0};
+        for (int i = 0; i < 6; ++i) {
+            queue.addOperation([&] {
+                const int now = ++running;
+                for (int seen = peak; now > seen && !peak.compare_exchange_weak(seen, now);) {
+                }
+                onCaller += QThread::currentThread() == qApp->thread() ? 1 : 0;
+                gate.tryAcquire(1, kLongWaitMs);
+                --running;
+            });
+        }
+        QTest::qWait(200);
+        QCOMPARE(peak.load(), 0);
+        QCOMPARE(queue.operationCount(), 6);
+        queue.setSuspended(false);
+        QTRY_COMPARE_WITH_TIMEOUT(running.load(), 2, kLongWaitMs);
+        gate.release(6);
+        queue.waitUntilAllOperationsAreFinished();
+        QCOMPARE(peak.load(), 2);
+        QCOMPARE(onCaller.load(), 0);
+        QCOMPARE(queue.operationCount(), 0);
     }
-    QTRY_COMPARE_WITH_TIMEOUT(running.load(), 2, kLongWaitMs);
-    QCOMPARE(queue.operationCount(), 6);
-    gate.release(6);
-    queue.waitUntilAllOperationsAreFinished();
-    QCOMPARE(peak.load(), 2);
-    // Each one ran on a worker thread, never on the caller's.
-    QVERIFY(std::all_of(operations.begin(), operations.end(),
-                        [](const auto &o) { return o->isFinished() && o->mainRan && o->thread != qApp->thread(); }));
-}
 
-void TestOperationQueue::suspendedQueueStartsNothingUntilResumed()
-{
-    OperationQueue queue;
-    queue.setSuspended(true);
-    std::atomic<int> runs{0};
-    queue.addOperation([&] { ++runs; });
-    queue.addOperation([&] { ++runs; });
-    QTest::qWait(200);
-    QCOMPARE(runs.load(), 0);
-    QCOMPARE(queue.operationCount(), 2);
-    queue.setSuspended(false);
-    queue.waitUntilAllOperationsAreFinished();
-    QCOMPARE(runs.load(), 2);
-}
-
-void TestOperationQueue::startsWaitingOperationsByPriorityThenOrder()
-{
-    OperationQueue queue;
-    queue.setMaxConcurrentOperationCount(1);
-    QSemaphore gate, blockerStarted;
-    queue.addOperation([&] {
-        blockerStarted.release();
-        gate.tryAcquire(1, kLongWaitMs);
-    });
-    QVERIFY(blockerStarted.tryAcquire(1, kLongWaitMs));
-
-    QMutex orderLock;
-    QStringList order;
-    auto add = [&](const QString &name, Operation::QueuePriority priority) {
-        OperationPtr operation = queue.addOperation([&, name] {
-            QMutexLocker locker(&orderLock);
-            order << name;
+    void startsWaitingOperationsByPriorityThenOrder()
+    {
+        OperationQueue queue;
+        queue.setMaxConcurrentOperationCount(1);
+        QSemaphore gate, blockerStarted;
+        queue.addOperation([&] {
+            blockerStarted.release();
+            gate.tryAcquire(1, kLongWaitMs);
         });
-        operation->setQueuePriority(priority);
-    };
-    add("low", Operation::QueuePriority::Low);
-    add("normal-1", Operation::QueuePriority::Normal);
-    add("very-high", Operation::QueuePriority::VeryHigh);
-    add("normal-2", Operation::QueuePriority::Normal);
-    add("high", Operation::QueuePriority::High);
-    QCOMPARE(queue.operations().size(), 6);
-    gate.release();
-    queue.waitUntilAllOperationsAreFinished();
-    QCOMPARE(order, (QStringList{"very-high", "high", "normal-1", "normal-2", "low"}));
-}
+        QVERIFY(blockerStarted.tryAcquire(1, kLongWaitMs));
+        QMutex orderLock;
+        QStringList order;
+        using P = Operation::QueuePriority;
+        const QList<QPair<QString, P>> added{{"low", P::Low},
+                                             {"normal-1", P::Normal},
+                                             {"very-high", P::VeryHigh},
+                                             {"normal-2", P::Normal},
+                                             {"high", P::High}};
+        for (const auto &[name, priority] : added) {
+            queue
+                .addOperation([&, name] {
+                    QMutexLocker locker(&orderLock);
+                    order << name;
+                })
+                ->setQueuePriority(priority);
+        }
+        gate.release();
+        queue.waitUntilAllOperationsAreFinished();
+        QCOMPARE(order, (QStringList{"very-high", "high", "normal-1", "normal-2", "low"}));
+    }
 
-void TestOperationQueue::cancelAllStartsWaitingOperationsCancelled()
-{
-    OperationQueue queue;
-    queue.setMaxConcurrentOperationCount(1);
-    auto running = std::make_shared<AsyncOperation>();
-    queue.addOperation(running);
-    QTRY_VERIFY_WITH_TIMEOUT(running->isExecuting(), kLongWaitMs);
+    // The running one ends through its own cancel; a waiting synchronous one
+    // never runs its work; a waiting asynchronous one is started with the
+    // flag set and must end itself. Each completes once.
+    void cancelAllStartsWaitingOperationsCancelled()
+    {
+        OperationQueue queue;
+        queue.setMaxConcurrentOperationCount(1);
+        auto running = std::make_shared<AsyncOperation>();
+        queue.addOperation(running);
+        QTRY_VERIFY_WITH_TIMEOUT(running->isExecuting(), kLongWaitMs);
+        std::atomic<bool> workRan{false};
+        std::atomic<int> completions{0};
+        const OperationPtr waitingSync = queue.addOperation([&] { workRan = true; });
+        auto waitingAsync = std::make_shared<AsyncOperation>();
+        waitingSync->setCompletionHandler([&] { ++completions; });
+        waitingAsync->setCompletionHandler([&] { ++completions; });
+        queue.addOperation(waitingAsync);
 
-    std::atomic<int> count{0}, peak{0};
-    auto waitingSync = std::make_shared<GatedOperation>(nullptr, &count, &peak);
-    auto waitingAsync = std::make_shared<AsyncOperation>();
-    std::atomic<int> completions{0};
-    waitingSync->setCompletionHandler([&] { ++completions; });
-    waitingAsync->setCompletionHandler([&] { ++completions; });
-    queue.addOperation(waitingSync);
-    queue.addOperation(waitingAsync);
+        queue.cancelAllOperations();
+        QTRY_COMPARE_WITH_TIMEOUT(waitingAsync->starts.load(), 1, kLongWaitMs);
+        QVERIFY(waitingAsync->startedCancelled);
+        waitingAsync->finish();
+        queue.waitUntilAllOperationsAreFinished();
+        QVERIFY(running->isFinished());
+        QVERIFY(waitingSync->isCancelled() && waitingSync->isFinished() && !workRan);
+        QCOMPARE(completions.load(), 2);
+        QCOMPARE(queue.operationCount(), 0);
+    }
 
-    queue.cancelAllOperations();
-    // The running one ended through its own cancel; the waiting asynchronous
-    // one is started with the flag set and must end itself.
-    QTRY_COMPARE_WITH_TIMEOUT(waitingAsync->starts.load(), 1, kLongWaitMs);
-    QVERIFY(waitingAsync->startedCancelled);
-    waitingAsync->finish();
-    queue.waitUntilAllOperationsAreFinished();
-
-    QVERIFY(running->isFinished());
-    QVERIFY(waitingSync->isCancelled());
-    QVERIFY(waitingSync->isFinished());
-    QVERIFY(!waitingSync->mainRan);
-    QCOMPARE(completions.load(), 2);
-    QCOMPARE(queue.operationCount(), 0);
-}
-
-void TestOperationQueue::asynchronousOperationHoldsItsSlotUntilItFinishes()
-{
-    OperationQueue queue;
-    queue.setMaxConcurrentOperationCount(1);
-    auto first = std::make_shared<AsyncOperation>();
-    std::atomic<bool> secondRan{false};
-    queue.addOperation(first);
-    queue.addOperation([&] { secondRan = true; });
-
-    QTRY_COMPARE_WITH_TIMEOUT(first->starts.load(), 1, kLongWaitMs);
-    QTest::qWait(200);
-    QVERIFY(!secondRan && !first->isFinished());
-    QCOMPARE(queue.operationCount(), 2);
-
-    // Finished from a thread the queue knows nothing about.
-    std::thread finisher([&] { first->finish(); });
-    finisher.join();
-    queue.waitUntilAllOperationsAreFinished();
-    QVERIFY(secondRan);
-    QCOMPARE(first->starts.load(), 1);
-}
+    void asynchronousOperationHoldsItsSlotUntilItFinishes()
+    {
+        OperationQueue queue;
+        queue.setMaxConcurrentOperationCount(1);
+        auto first = std::make_shared<AsyncOperation>();
+        std::atomic<bool> secondRan{false};
+        queue.addOperation(first);
+        queue.addOperation([&] { secondRan = true; });
+        QTRY_COMPARE_WITH_TIMEOUT(first->starts.load(), 1, kLongWaitMs);
+        QTest::qWait(200);
+        QVERIFY(!secondRan && !first->isFinished());
+        // Finished from a thread the queue knows nothing about.
+        std::thread([&] { first->finish(); }).join();
+        queue.waitUntilAllOperationsAreFinished();
+        QVERIFY(secondRan);
+        QCOMPARE(first->starts.load(), 1);
+    }
+};
 
 QTEST_GUILESS_MAIN(TestOperationQueue)
 #include "tst_operationqueue.moc"
