@@ -8,6 +8,7 @@
 
 #include <QElapsedTimer>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QTest>
 #include <QUrlQuery>
 
@@ -16,6 +17,8 @@ class TestDevServer : public QObject
     Q_OBJECT
 
     DevServerProcess m_server;
+    DevServerProcess::Session m_session;
+    QUrlQuery m_fields;
     QByteArray m_download;
 
     // One request of the kind. Only the downloads are well formed: a fault
@@ -58,20 +61,53 @@ private slots:
     void initTestCase()
     {
         QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-        const DevServerProcess::Session session = m_server.signInDemo();
+        m_session = m_server.signInDemo();
         QCOMPARE(m_server.seed({QJsonObject{{"name", "a.flac"}, {"size", 200000}}}).size(), 1);
-        QUrlQuery query{{"_user_id", session.userId},
-                        {"_token", session.token},
-                        {"client", ClientFields::client()},
-                        {"device_name", ClientFields::deviceName()},
-                        {"user_agent", ClientFields::userAgent()},
-                        {"version", ClientFields::version()},
-                        {"mode", "downloadlibrary"},
-                        {"container_type", "library"},
-                        {"end_marker", "1"}};
+        m_fields = QUrlQuery{{"client", ClientFields::client()},
+                             {"device_name", ClientFields::deviceName()},
+                             {"user_agent", ClientFields::userAgent()},
+                             {"version", ClientFields::version()}};
+        QUrlQuery query = m_fields;
+        query.setQueryItems(query.queryItems() + QList<QPair<QString, QString>>{{"_user_id", m_session.userId},
+                                                                                {"_token", m_session.token},
+                                                                                {"mode", "downloadlibrary"},
+                                                                                {"container_type", "library"},
+                                                                                {"end_marker", "1"}});
         m_download = "/download/?" + query.toString(QUrl::FullyEncoded).toUtf8();
         // A rule with a typo fails the test that sets it instead of doing nothing.
         QVERIFY(!m_server.addFault({{"endpoint", "everything"}}));
+    }
+
+    // As strict as the real service where the program's tests rely on it to
+    // catch a client's mistake.
+    void refusesWhatTheRealServiceRefuses()
+    {
+        const auto json = [&](QJsonObject request) {
+            for (const auto &[name, value] : m_fields.queryItems(QUrl::FullyDecoded)) {
+                request.insert(name, value);
+            }
+            return loopbackHttp(
+                m_server.port(), "POST", "/s/JSON/",
+                {{"Content-Type", "application/json"}, {"User-Agent", ClientFields::userAgent().toUtf8()}},
+                QJsonDocument(request).toJson(QJsonDocument::Compact));
+        };
+        // The user id goes back as the number it was handed out as.
+        QJsonObject status{{"mode", "status"}, {"token", m_session.token}, {"user_id", m_session.userId.toLongLong()}};
+        QVERIFY(json(status).json().value("authenticated").toBool());
+        status.insert("user_id", m_session.userId);
+        QCOMPARE(json(status).status, 400);
+        // A client whose auth_token does not fit its fields is refused.
+        const LoopbackHttpResult forged = json({{"mode", "status"},
+                                                {"email_address", DevServerProcess::kDemoEmail},
+                                                {"password", DevServerProcess::kDemoPassword},
+                                                {"auth_token", QString(64, u'0')}});
+        QCOMPARE(forged.json().value("result").toBool(true), false);
+        // The digest list takes its fields and no others.
+        const QByteArray form = "user_id=" + m_session.userId.toUtf8() + "&token=" + m_session.token.toUtf8() + '&' +
+                                m_fields.toString(QUrl::FullyEncoded).toUtf8();
+        const LoopbackHeaders type{{"Content-Type", "application/x-www-form-urlencoded"}};
+        QVERIFY(loopbackHttp(m_server.port(), "POST", "/upload/", type, form).json().value("result").toBool());
+        QCOMPARE(loopbackHttp(m_server.port(), "POST", "/upload/", type, form + "&extra=1").status, 400);
     }
 
     void faultsHitTheirRequestsOnly_data()
