@@ -1,4 +1,6 @@
 #include "core/logger.h"
+#include "core/paths.h"
+#include "core/transfermeter.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -30,9 +32,10 @@ const QRegularExpression kLinePrefix(QStringLiteral("^\\d{4}-\\d{2}-\\d{2} \\d{2
 
 } // namespace
 
-// The log once a file from an earlier run is there. The functions run in
-// order and share the one logger of the process.
-class TestLogger : public QObject
+// The core's shared pieces: the log (once a file from an earlier run is
+// there; the functions run in order and share the one logger of the
+// process), the temporary files' clean-up and a transfer's progress.
+class TestCore : public QObject
 {
     Q_OBJECT
 
@@ -52,6 +55,42 @@ private slots:
                                           "\"password\":\"<redacted>\"} password=<redacted> echo <redacted> pw"));
         QCOMPARE(Logger::shared().redacted(QStringLiteral("Login (demo@lyrabox.test)")),
                  QStringLiteral("Login (demo@lyrabox.test)"));
+    }
+
+    // Temporary files of processes that no longer run go at start; those of
+    // a running process and names that are not the program's stay.
+    void leftoversOfEndedProcessesGo()
+    {
+        QProcess ended;
+        ended.start(QStringLiteral("true"));
+        QVERIFY(ended.waitForStarted());
+        const qint64 pid = ended.processId();
+        QVERIFY(ended.waitForFinished());
+        const QDir temp(Paths::temporaryDirectory());
+        const QString own = QStringLiteral("pelicane-%1-B.flac").arg(QCoreApplication::applicationPid());
+        for (const QString &name : {QStringLiteral("pelicane-%1-A.flac").arg(pid), own,
+                                    QStringLiteral("pelicane-x-C.flac"), QStringLiteral("other.flac")}) {
+            QFile file(temp.filePath(name));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+        }
+        QVERIFY(temp.mkpath(QStringLiteral("pelicane-%1-disc-1/inside").arg(pid)));
+        Paths::removeTemporaryLeftovers();
+        QCOMPARE(temp.entryList({QStringLiteral("pelicane-*"), QStringLiteral("other.flac")}),
+                 (QStringList{QStringLiteral("other.flac"), own, QStringLiteral("pelicane-x-C.flac")}));
+    }
+
+    // A run of empty files moves no bytes: its percent and time left are
+    // unknown, never a division by nothing.
+    void transferOfNothing()
+    {
+        TransferMeter meter;
+        meter.restart(0.0);
+        for (double second = 0; second < 3; ++second) {
+            meter.update(0, 0, second);
+        }
+        QCOMPARE(meter.percent(), -1);
+        QCOMPARE(meter.secondsLeft(), qint64(-1));
+        QCOMPARE(meter.amountText(), QStringLiteral("0 bytes of 0 bytes"));
     }
 
     // A first run on a clean account (a child process with a data folder of
@@ -202,7 +241,7 @@ int main(int argc, char *argv[])
         return writeLinesAsChild(argv[2]);
     }
     QCoreApplication app(argc, argv);
-    TestLogger test;
+    TestCore test;
     return QTest::qExec(&test, argc, argv);
 }
-#include "tst_logger.moc"
+#include "tst_core.moc"
