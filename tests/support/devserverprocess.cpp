@@ -9,7 +9,6 @@
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <QTcpSocket>
-#include <QUrl>
 
 #include <sys/prctl.h>
 
@@ -190,31 +189,6 @@ void DevServerProcess::stop()
     m_port = 0;
 }
 
-QString DevServerProcess::baseUrl() const
-{
-    return "http://127.0.0.1:" + QString::number(m_port);
-}
-
-QString DevServerProcess::apiUrl() const
-{
-    return baseUrl() + "/s/JSON/";
-}
-
-QString DevServerProcess::uploadUrl() const
-{
-    return baseUrl() + "/upload/";
-}
-
-QString DevServerProcess::downloadUrl() const
-{
-    return baseUrl() + "/download/";
-}
-
-qint64 DevServerProcess::processId() const
-{
-    return m_process ? m_process->processId() : 0;
-}
-
 QJsonObject DevServerProcess::control(const QByteArray &method, const QByteArray &path, const QJsonObject &body) const
 {
     const QByteArray json = body.isEmpty() ? QByteArray() : QJsonDocument(body).toJson(QJsonDocument::Compact);
@@ -223,46 +197,6 @@ QJsonObject DevServerProcess::control(const QByteArray &method, const QByteArray
     if (result.status != 200)
         return {};
     return result.json();
-}
-
-bool DevServerProcess::addFault(const QJsonObject &rule) const
-{
-    return control("POST", "faults", rule).value("result").toBool();
-}
-
-bool DevServerProcess::clearFaults() const
-{
-    return control("DELETE", "faults").value("result").toBool();
-}
-
-bool DevServerProcess::setMaintenance(bool enabled) const
-{
-    return control("POST", "maintenance", {{"enabled", enabled}}).value("result").toBool();
-}
-
-bool DevServerProcess::revokeToken(const QString &email) const
-{
-    return control("POST", "revoke", {{"email", email}}).value("result").toBool();
-}
-
-bool DevServerProcess::createAccount(const QString &email, const QString &password) const
-{
-    return control("POST", "accounts", {{"email", email}, {"password", password}}).value("result").toBool();
-}
-
-QJsonObject DevServerProcess::library(const QString &email) const
-{
-    return control("GET", "library?email=" + QUrl::toPercentEncoding(email));
-}
-
-QJsonArray DevServerProcess::seed(const QJsonArray &files, const QString &email) const
-{
-    return control("POST", "seed", {{"email", email}, {"files", files}}).value("files").toArray();
-}
-
-QJsonObject DevServerProcess::requestCounts() const
-{
-    return control("GET", "stats").value("requests").toObject();
 }
 
 DevServerProcess::Session DevServerProcess::signInDemo() const
