@@ -57,19 +57,9 @@ private slots:
         QCOMPARE(copy, copies + QStringLiteral("/disc.toc"));
         QFile written(copy);
         QVERIFY(written.open(QIODevice::ReadOnly));
-        const QByteArray at = QFile::encodeName(folder) + '/';
-        QCOMPARE(written.readAll(), "CD_DA\r\n"
-                                    "// FILE \"commented.bin\" 0\r\n"
-                                    "TRACK AUDIO\r\n"
-                                    "FILE \"" +
-                                        at +
-                                        ":c.bin\" 0\r\n"
-                                        "TRACK AUDIO\r\n"
-                                        "AUDIOFILE\t\"" +
-                                        at +
-                                        "caf\xc3\xa9 2.bin\" 0 // \"x.bin\"\r\n"
-                                        "TRACK MODE1\n"
-                                        "DATAFILE \"/elsewhere/d.bin\" 00:00:01\n");
+        const QByteArray at = '"' + QFile::encodeName(folder) + '/';
+        QCOMPARE(written.readAll(),
+                 QByteArray(text).replace("\":c", QByteArray(at + ":c")).replace("\"caf", QByteArray(at + "caf")));
 
         // A cue's names are resolved against its own folder: handed over as it is.
         const QString cue = folder + QStringLiteral("/disc.cue");

@@ -1,6 +1,5 @@
 #include "widgets/alert.h"
 #include "widgets/dragdropview.h"
-#include "widgets/tabcolumnlabel.h"
 
 #include <QApplication>
 #include <QLabel>
@@ -91,23 +90,6 @@ private slots:
         QApplication::sendEvent(&view, &refused);
         QVERIFY(!refused.isAccepted());
         QCOMPARE(dropped.size(), 1);
-    }
-
-    void tabColumnLabelsLineUpTheirValues()
-    {
-        // One tab after a long name, two after a short one: the value starts
-        // at the same column either way, and the text stays as set.
-        TabColumnLabel longName;
-        TabColumnLabel shortName;
-        longName.setText(QStringLiteral("Discovered: \t12 files"));
-        shortName.setText(QStringLiteral("Errors: \t\t12 files"));
-        for (TabColumnLabel *label : {&longName, &shortName}) {
-            label->fitColumnTo({QStringLiteral("Discovered:"), QStringLiteral("Errors:")});
-        }
-        QCOMPARE(shortName.text(), QStringLiteral("Errors: \t\t12 files"));
-        QCOMPARE(longName.column(), shortName.column());
-        QVERIFY(longName.column() > longName.fontMetrics().horizontalAdvance(QStringLiteral("Discovered:")));
-        QCOMPARE(longName.sizeHint().width(), shortName.sizeHint().width());
     }
 };
 
