@@ -31,7 +31,7 @@ fault() { files+=("$1"); tests+=("$2"); from+=("$3"); to+=("$4"); }
 # Ripping and encoding.
 fault src/audio/cdripper.cpp tst_cdripper \
     'const bool good = sector && !skipped && ' 'const bool good = sector && '
-fault src/audio/cdripper.cpp "tst_cdripper tst_disccli" \
+fault src/audio/cdripper.cpp "tst_cdripper tst_cdcli" \
     'if (uint32_t(lastLsn) > context->leadOut) {' 'if (uint32_t(lastLsn) > context->leadOut + 75) {'
 fault src/audio/cdripper.cpp tst_cdripper \
     'if (!ripIsAudioTrack(disc, number)) {' 'if (!disc) {'
@@ -83,7 +83,7 @@ fault src/session/folderscan.cpp "tst_folderscan tst_uploadcli" \
 fault src/session/folderscan.cpp tst_folderscan \
     'if (!walk(path, sink, isCanceled, errorCount)) {' 'if (!walk(path, sink, {}, errorCount)) {'
 # pelicane-cli.
-fault cli/ripcommand.cpp tst_disccli \
+fault cli/ripcommand.cpp tst_cdcli \
     'return failures == 0 && skipped == 0 ? ExitSuccess : ExitTracksFailed;' 'return ExitSuccess;'
 fault cli/uploadcommand.cpp tst_uploadcli \
     'return code == ExitSuccess && scanErrors > 0 ? ExitFilesFailed : code;' 'return code;'
