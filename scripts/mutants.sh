@@ -63,7 +63,7 @@ fault src/platform/volumes.cpp tst_volumes \
     'const QString clean = QDir::cleanPath(path);' 'const QString clean = path;'
 fault src/platform/discimages.cpp "tst_discsession tst_volumes" \
     'if (suffix != QLatin1String("cue") && suffix != QLatin1String("toc")) {' 'if (false) {'
-fault src/platform/operationqueue.cpp tst_operationqueue \
+fault src/platform/operationqueue.cpp tst_platform \
     'if (it->operation->queuePriority() > best->operation->queuePriority()) {' \
     'if (it->operation->queuePriority() < best->operation->queuePriority()) {'
 fault src/core/transfermeter.cpp tst_core \
