@@ -39,8 +39,9 @@ function(pelicane_add_library target)
 endfunction()
 
 # pelicane_add_test(<name> SOURCES ... LIBS ...)
-# Every test runs offscreen with data, settings and runtime folders of its own,
-# so it never touches the user's files and tests never see each other's state.
+# Every test runs offscreen with data, settings, runtime and temporary folders
+# of its own, so it never touches the user's files and tests never see each
+# other's state or leftovers.
 # Its session bus is one that is not there (a test that wants one starts its
 # own), so no test reaches the user's keyring or desktop.
 function(pelicane_add_test name)
@@ -54,7 +55,7 @@ function(pelicane_add_test name)
              QT_QPA_PLATFORM=offscreen
              XDG_DATA_HOME=${home}/data XDG_CONFIG_HOME=${home}/config
              XDG_CACHE_HOME=${home}/cache XDG_RUNTIME_DIR=${home}/runtime
-             HOME=${home}/home DBUS_SESSION_BUS_ADDRESS=unix:path=${home}/runtime/no-bus
+             HOME=${home}/home TMPDIR=${home}/tmp DBUS_SESSION_BUS_ADDRESS=unix:path=${home}/runtime/no-bus
              http_proxy= https_proxy= HTTP_PROXY= HTTPS_PROXY=
              ${CMAKE_COMMAND} -DHOME=${home} -DEXE=$<TARGET_FILE:${name}>
                -P ${PROJECT_SOURCE_DIR}/cmake/RunTest.cmake)

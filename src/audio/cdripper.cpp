@@ -80,6 +80,12 @@ std::chrono::milliseconds &simulatedDelay()
     return delay;
 }
 
+std::vector<int32_t> &simulatedUnstable()
+{
+    static std::vector<int32_t> sectors;
+    return sectors;
+}
+
 // The bookkeeping of one rip while paranoia works: paranoia's callback and
 // the drive reads under it have no room for a context, so they find it here.
 // A rip runs on one thread, and so do the calls it causes.
@@ -225,6 +231,16 @@ long watchedDriveRead(cdrom_drive_t *drive, void *buffer, int32_t begin, long se
     long got = wanted > 0 ? watch->context->driveRead(drive, buffer, begin, wanted) : -1;
     if (got > 0) {
         watch->statistics.sectorsRead += uint32_t(got);
+        std::lock_guard<std::mutex> locker(simulatedLock());
+        static uint32_t noise = 2463534242u; // xorshift: never the same samples twice
+        for (int32_t unstable : simulatedUnstable()) {
+            for (int i = 0; unstable >= begin && unstable < begin + got && i < kRipSectorBytes; ++i) {
+                noise ^= noise << 13;
+                noise ^= noise >> 17;
+                noise ^= noise << 5;
+                bytes[size_t(unstable - begin) * kRipSectorBytes + size_t(i)] ^= uint8_t(noise | 1);
+            }
+        }
     }
     const long delivered = std::max<long>(got, 0);
     watch->mark(begin, int32_t(begin + delivered), 1);
@@ -336,6 +352,12 @@ void ripSimulateUnreadableSectors(const std::vector<int32_t> &sectors, int faile
     std::lock_guard<std::mutex> locker(simulatedLock());
     simulatedUnreadable() = sectors;
     simulatedDelay() = std::chrono::milliseconds(failedReadMilliseconds);
+}
+
+void ripSimulateUnstableSectors(const std::vector<int32_t> &sectors)
+{
+    std::lock_guard<std::mutex> locker(simulatedLock());
+    simulatedUnstable() = sectors;
 }
 
 void ripForwardDriveText(const char *text, const RipMessageCallback &message, bool *stop)

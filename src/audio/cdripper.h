@@ -136,3 +136,6 @@ void ripAccurateRipChecksums(const uint8_t *audio, uint64_t stereoSamples, bool 
 // failedReadMilliseconds (a drive struggles before it gives up). Empty (the
 // default) for normal use.
 void ripSimulateUnreadableSectors(const std::vector<int32_t> &sectors, int failedReadMilliseconds = 0);
+// The same for a scratched disc's unstable sectors: every drive read delivers
+// them, with different samples each time.
+void ripSimulateUnstableSectors(const std::vector<int32_t> &sectors);

@@ -4,8 +4,12 @@
 
 #include <QBuffer>
 #include <QImage>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <csignal>
+#include <sys/resource.h>
 
 namespace {
 
@@ -32,7 +36,7 @@ class TestFLACEncoder : public QObject
 
     // Encodes the audio sector by sector as a rip hands it over.
     static QString encode(FLACEncoder &encoder, const QByteArray &audio, const PLCID3Tag &tags, OptionalError *error,
-                          QList<quint64> *progress = nullptr)
+                          QList<quint64> *progress = nullptr, const std::function<void()> &beforeFinish = {})
     {
         QString completedPath;
         *error = encoder.configureWithSampleCount(
@@ -49,6 +53,9 @@ class TestFLACEncoder : public QObject
         const auto *samples = reinterpret_cast<const int16_t *>(audio.constData());
         for (qsizetype offset = 0; offset < audio.size() / 2; offset += 1176) {
             encoder.processSamples(samples + offset, size_t(std::min<qsizetype>(1176, audio.size() / 2 - offset)));
+        }
+        if (beforeFinish) {
+            beforeFinish();
         }
         *error = encoder.finish();
         return completedPath;
@@ -151,6 +158,46 @@ private slots:
         QVERIFY(listing.contains(QStringLiteral("height: 24")));
         QVERIFY(listing.contains(QStringLiteral("depth: 32")));
         QCOMPARE(flacToolOutput("metaflac", {"--export-picture-to=-", path}), png);
+    }
+
+    // A file that cannot be written (a full disk; here a file size limit),
+    // from the start or only when the last frame and the headers go out:
+    // finish says so, the file is handed to no one and goes with the encoder.
+    void writeFailuresFailTheFinish_data()
+    {
+        QTest::addColumn<bool>("atTheEnd");
+        QTest::newRow("while encoding") << false;
+        QTest::newRow("at the end") << true;
+    }
+    void writeFailuresFailTheFinish()
+    {
+        QFETCH(bool, atTheEnd);
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit saved{};
+        QCOMPARE(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+        const auto limit = [saved](rlim_t bytes) {
+            rlimit lowered = saved;
+            lowered.rlim_cur = bytes;
+            return ::setrlimit(RLIMIT_FSIZE, &lowered) == 0;
+        };
+        const auto restore = qScopeGuard([&] { ::setrlimit(RLIMIT_FSIZE, &saved); });
+        {
+            FLACEncoder encoder;
+            OptionalError error;
+            QVERIFY(atTheEnd || limit(65536));
+            const QString completed = encode(encoder, m_audio, PLCID3Tag(), &error, nullptr, [&] {
+                if (atTheEnd) {
+                    limit(QFileInfo(encoder.filepath().toLocalFile()).size());
+                }
+            });
+            ::setrlimit(RLIMIT_FSIZE, &saved);
+            QVERIFY(error);
+            QVERIFY2(error->localizedDescription().startsWith(QStringLiteral("Error finishing the FLAC file (")),
+                     qPrintable(error->localizedDescription()));
+            QVERIFY(completed.isEmpty());
+            QCOMPARE(temporaryLeftovers().size(), 1);
+        }
+        QCOMPARE(temporaryLeftovers(), QStringList());
     }
 };
 

@@ -6,7 +6,6 @@
 #include "audio/cdripper.h"
 #include "cd/discsession.h"
 #include "cd/plcvolumetype.h"
-#include "core/paths.h"
 #include "platform/discimages.h"
 #include "platform/operationqueue.h"
 #include "support/discimage.h"
@@ -15,15 +14,6 @@
 #include <QDir>
 #include <QTemporaryDir>
 #include <QtTest>
-
-namespace {
-
-QStringList leftoverFlacFiles()
-{
-    return QDir(Paths::temporaryDirectory()).entryList({QStringLiteral("*.flac")}, QDir::Files);
-}
-
-} // namespace
 
 class TestCDTrackUpload : public QObject
 {
@@ -77,8 +67,9 @@ private slots:
         ripSimulateUnreadableSectors({});
         DiscImages::clear();
         DiscSession::closeAll();
-        // The FLAC file goes with its operation, whatever the outcome.
-        QCOMPARE(leftoverFlacFiles(), QStringList());
+        // The FLAC file goes with its operation, whatever the outcome, and
+        // the image copies with the discs.
+        QCOMPARE(temporaryLeftovers(), QStringList());
     }
 
     // The second track of a disc goes up as "<title>.flac": its audio

@@ -5,6 +5,7 @@
 # desktop entry where the tools are present.
 set -euo pipefail
 build=$1 source=$2
+mkdir -p "${TMPDIR:-/tmp}"
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 expected=(

@@ -15,40 +15,30 @@ struct ReadAnswer
     OptionalError error;
 };
 
-inline ReadAnswer readPassword(QObject *context, int timeoutMs = 20000)
+inline ReadAnswer readPassword(QObject *context)
 {
     auto answer = std::make_shared<ReadAnswer>();
     PasswordStore::read(context, [answer](const std::optional<QString> &password, const OptionalError &error) {
-        answer->answered = true;
-        answer->password = password;
-        answer->error = error;
+        *answer = {true, password, error};
     });
-    if (!QTest::qWaitFor([answer] { return answer->answered; }, timeoutMs)) {
-        return {};
-    }
+    QTest::qWaitFor([answer] { return answer->answered; }, 20000);
     return *answer;
 }
 
 // The error of a write (write true) or remove; "unanswered" when none came.
-inline QString change(QObject *context, bool write, const QString &password = QString(), int timeoutMs = 20000)
+inline QString change(QObject *context, bool write, const QString &password = QString())
 {
-    auto answered = std::make_shared<bool>(false);
-    auto message = std::make_shared<QString>();
-    const PasswordStore::DoneHandler done = [answered, message](const OptionalError &error) {
-        *answered = true;
-        if (error) {
-            *message = error->localizedDescription();
-        }
+    auto message = std::make_shared<std::optional<QString>>();
+    const PasswordStore::DoneHandler done = [message](const OptionalError &error) {
+        *message = error ? error->localizedDescription() : QString();
     };
     if (write) {
         PasswordStore::write(password, context, done);
     } else {
         PasswordStore::remove(context, done);
     }
-    if (!QTest::qWaitFor([answered] { return *answered; }, timeoutMs)) {
-        return QStringLiteral("unanswered");
-    }
-    return *message;
+    QTest::qWaitFor([message] { return message->has_value(); }, 20000);
+    return message->value_or(QStringLiteral("unanswered"));
 }
 
 } // namespace PasswordStoreTesting

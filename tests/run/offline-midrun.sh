@@ -23,6 +23,7 @@ if [ -z "${PELICANE_IN_NAMESPACE:-}" ]; then
     PELICANE_IN_NAMESPACE=1 exec unshare -n "$0" "$@"
 fi
 
+mkdir -p "${TMPDIR:-/tmp}"
 work=$(mktemp -d)
 trap 'kill $server 2>/dev/null; rm -rf "$work"' EXIT
 mkdir -p "$work/data" "$work/music" "$work/home"

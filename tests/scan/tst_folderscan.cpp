@@ -100,7 +100,9 @@ private slots:
         const QString elsewhere = dir.path() + QStringLiteral("/elsewhere");
         QVERIFY(writeFile(root + QStringLiteral("/real.mp3")));
         QVERIFY(writeFile(elsewhere + QStringLiteral("/outside.mp3")));
-        QVERIFY(makeLink(root + QStringLiteral("/real.mp3"), root + QStringLiteral("/linked.mp3")));
+        // A relative target with ".." inside, resolved from the link's folder.
+        QVERIFY(makeLink(QStringLiteral("sub/../real.mp3"), root + QStringLiteral("/linked.mp3")));
+        QVERIFY(QDir().mkpath(root + QStringLiteral("/sub")));
         QVERIFY(makeLink(elsewhere, root + QStringLiteral("/linkedfolder")));
         QVERIFY(makeLink(elsewhere, root + QStringLiteral("/folderlink.mp3")));
         QVERIFY(makeLink(root + QStringLiteral("/nothing"), root + QStringLiteral("/dangling.mp3")));

@@ -51,6 +51,8 @@ private slots:
         QCOMPARE(source("/media/x/a.mp3"), QStringLiteral("/dev/sdc1"));
         QCOMPARE(source("/media/x/inner"), QStringLiteral("/dev/sdd1"));
         QCOMPARE(source("/media/xy/a.mp3"), QStringLiteral("/dev/sda1"));
+        // A ".." inside the path is resolved first: this one leaves the inner volume.
+        QCOMPARE(source("/media/x/inner/../a.mp3"), QStringLiteral("/dev/sdc1"));
 
         // Removable by a plain text prefix, not a folder test: a sibling whose name starts alike counts.
         QVERIFY(Volumes::isOnRemovableVolume(QStringLiteral("/media/x2/a.flac"), volumes));

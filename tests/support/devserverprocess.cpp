@@ -9,13 +9,10 @@
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <QTcpSocket>
-#include <QUrl>
 
 #include <sys/prctl.h>
 
 #include <csignal>
-#include <cstring>
-#include <vector>
 
 namespace {
 
@@ -23,33 +20,26 @@ namespace {
 bool parseAnswer(const QByteArray &data, LoopbackHttpResult &result, bool atEnd)
 {
     const qsizetype headerEnd = data.indexOf("\r\n\r\n");
-    if (headerEnd < 0)
-        return false;
     const QList<QByteArray> lines = data.left(headerEnd).split('\n');
     const QList<QByteArray> statusLine = lines.first().trimmed().split(' ');
-    if (statusLine.size() < 2)
+    if (headerEnd < 0 || statusLine.size() < 2) {
         return false;
+    }
     LoopbackHttpResult parsed;
     parsed.status = statusLine.at(1).toInt();
-    for (qsizetype i = 1; i < lines.size(); ++i) {
-        const QByteArray line = lines.at(i).trimmed();
+    for (const QByteArray &line : lines.mid(1)) {
         const qsizetype colon = line.indexOf(':');
-        if (colon > 0)
+        if (colon > 0) {
             parsed.headers.append({line.left(colon).trimmed(), line.mid(colon + 1).trimmed()});
+        }
     }
-    const QByteArray body = data.mid(headerEnd + 4);
+    parsed.body = data.mid(headerEnd + 4);
     bool ok = false;
     const qint64 length = parsed.header("Content-Length").toLongLong(&ok);
-    if (ok) {
-        if (body.size() < length)
-            return false;
-        parsed.body = body.left(length);
-    } else {
-        if (!atEnd)
-            return false;
-        parsed.body = body;
+    if (ok ? parsed.body.size() < length : !atEnd) {
+        return false;
     }
-    parsed.bytesSent = result.bytesSent;
+    parsed.body.truncate(ok ? length : parsed.body.size());
     result = parsed;
     return true;
 }
@@ -59,8 +49,9 @@ bool parseAnswer(const QByteArray &data, LoopbackHttpResult &result, bool atEnd)
 QByteArray LoopbackHttpResult::header(const QByteArray &name) const
 {
     for (const auto &[key, value] : headers) {
-        if (key.compare(name, Qt::CaseInsensitive) == 0)
+        if (key.compare(name, Qt::CaseInsensitive) == 0) {
             return value;
+        }
     }
     return {};
 }
@@ -73,22 +64,6 @@ QJsonObject LoopbackHttpResult::json() const
 LoopbackHttpResult loopbackHttp(quint16 port, const QByteArray &method, const QByteArray &target,
                                 const LoopbackHeaders &headers, const QByteArray &body, int timeoutMs)
 {
-    qint64 offset = 0;
-    return loopbackHttpStream(
-        port, method, target, headers, body.size(),
-        [&](char *out, qint64 maximum) {
-            const qint64 n = std::min<qint64>(maximum, body.size() - offset);
-            std::memcpy(out, body.constData() + offset, size_t(n));
-            offset += n;
-            return n;
-        },
-        timeoutMs);
-}
-
-LoopbackHttpResult loopbackHttpStream(quint16 port, const QByteArray &method, const QByteArray &target,
-                                      const LoopbackHeaders &headers, qint64 length,
-                                      const LoopbackBodyProducer &producer, int timeoutMs)
-{
     LoopbackHttpResult result;
     QTcpSocket socket;
     socket.connectToHost(QHostAddress::LocalHost, port);
@@ -98,53 +73,31 @@ LoopbackHttpResult loopbackHttpStream(quint16 port, const QByteArray &method, co
     }
     QByteArray head = method + ' ' + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(port) +
                       "\r\nConnection: close\r\n";
-    bool hasLength = false;
     for (const auto &[name, value] : headers) {
         head += name + ": " + value + "\r\n";
-        hasLength = hasLength || name.compare("Content-Length", Qt::CaseInsensitive) == 0;
     }
-    if (!hasLength && (length > 0 || method == "POST"))
-        head += "Content-Length: " + QByteArray::number(length) + "\r\n";
-    head += "\r\n";
-    socket.write(head);
-
-    std::vector<char> buffer(256 * 1024);
-    qint64 produced = 0;
+    if (!body.isEmpty() || method == "POST") {
+        head += "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
+    }
+    socket.write(head + "\r\n" + body);
     bool broken = false;
-    while (produced < length && !broken) {
-        const qint64 n = producer(buffer.data(), std::min<qint64>(qint64(buffer.size()), length - produced));
-        if (n <= 0)
-            break;
-        if (socket.write(buffer.data(), n) != n) {
-            broken = true;
-            break;
-        }
-        produced += n;
-        while (socket.bytesToWrite() > 1024 * 1024) {
-            if (!socket.waitForBytesWritten(timeoutMs)) {
-                broken = true;
-                break;
-            }
-        }
-    }
     while (!broken && socket.bytesToWrite() > 0) {
-        if (!socket.waitForBytesWritten(timeoutMs))
-            broken = true;
+        broken = !socket.waitForBytesWritten(timeoutMs);
     }
-    result.bytesSent = produced - socket.bytesToWrite();
-
     QByteArray data;
     for (;;) {
         data += socket.readAll();
-        if (parseAnswer(data, result, false))
+        if (parseAnswer(data, result, false)) {
             return result;
+        }
         if (socket.state() != QAbstractSocket::ConnectedState || !socket.waitForReadyRead(timeoutMs)) {
             data += socket.readAll();
             break;
         }
     }
-    if (!broken && parseAnswer(data, result, true))
+    if (!broken && parseAnswer(data, result, true)) {
         return result;
+    }
     result.connectionDropped = true;
     return result;
 }
@@ -236,53 +189,6 @@ void DevServerProcess::stop()
     m_port = 0;
 }
 
-QString DevServerProcess::baseUrl() const
-{
-    return "http://127.0.0.1:" + QString::number(m_port);
-}
-
-QString DevServerProcess::apiUrl() const
-{
-    return baseUrl() + "/s/JSON/";
-}
-
-QString DevServerProcess::uploadUrl() const
-{
-    return baseUrl() + "/upload/";
-}
-
-QString DevServerProcess::downloadUrl() const
-{
-    return baseUrl() + "/download/";
-}
-
-qint64 DevServerProcess::processId() const
-{
-    return m_process ? m_process->processId() : 0;
-}
-
-static qint64 statusField(qint64 pid, const char *field)
-{
-    QFile file("/proc/" + QString::number(pid) + "/status");
-    if (pid <= 0 || !file.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : file.readAll().split('\n')) {
-        if (line.startsWith(field))
-            return line.mid(qsizetype(qstrlen(field))).trimmed().split(' ').first().toLongLong();
-    }
-    return -1;
-}
-
-qint64 DevServerProcess::residentKiB() const
-{
-    return statusField(processId(), "VmRSS:");
-}
-
-qint64 DevServerProcess::peakResidentKiB() const
-{
-    return statusField(processId(), "VmHWM:");
-}
-
 QJsonObject DevServerProcess::control(const QByteArray &method, const QByteArray &path, const QJsonObject &body) const
 {
     const QByteArray json = body.isEmpty() ? QByteArray() : QJsonDocument(body).toJson(QJsonDocument::Compact);
@@ -291,46 +197,6 @@ QJsonObject DevServerProcess::control(const QByteArray &method, const QByteArray
     if (result.status != 200)
         return {};
     return result.json();
-}
-
-bool DevServerProcess::addFault(const QJsonObject &rule) const
-{
-    return control("POST", "faults", rule).value("result").toBool();
-}
-
-bool DevServerProcess::clearFaults() const
-{
-    return control("DELETE", "faults").value("result").toBool();
-}
-
-bool DevServerProcess::setMaintenance(bool enabled) const
-{
-    return control("POST", "maintenance", {{"enabled", enabled}}).value("result").toBool();
-}
-
-bool DevServerProcess::revokeToken(const QString &email) const
-{
-    return control("POST", "revoke", {{"email", email}}).value("result").toBool();
-}
-
-bool DevServerProcess::createAccount(const QString &email, const QString &password) const
-{
-    return control("POST", "accounts", {{"email", email}, {"password", password}}).value("result").toBool();
-}
-
-QJsonObject DevServerProcess::library(const QString &email) const
-{
-    return control("GET", "library?email=" + QUrl::toPercentEncoding(email));
-}
-
-QJsonArray DevServerProcess::seed(const QJsonArray &files, const QString &email) const
-{
-    return control("POST", "seed", {{"email", email}, {"files", files}}).value("files").toArray();
-}
-
-QJsonObject DevServerProcess::requestCounts() const
-{
-    return control("GET", "stats").value("requests").toObject();
 }
 
 DevServerProcess::Session DevServerProcess::signInDemo() const

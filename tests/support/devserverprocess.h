@@ -8,8 +8,8 @@
 #include <QProcess>
 #include <QString>
 #include <QTemporaryDir>
+#include <QUrl>
 
-#include <functional>
 #include <memory>
 
 // One HTTP exchange on the loopback interface, made with a blocking socket so that it never
@@ -20,23 +20,16 @@ struct LoopbackHttpResult
     QList<QPair<QByteArray, QByteArray>> headers;
     QByteArray body;
     bool connectionDropped = false; // the connection ended before a whole answer
-    qint64 bytesSent = 0;           // body bytes the server accepted
 
     QByteArray header(const QByteArray &name) const;
     QJsonObject json() const;
 };
 
 using LoopbackHeaders = QList<QPair<QByteArray, QByteArray>>;
-// Fills `out` with up to `maximum` next body bytes; returns the count (0 at the end).
-using LoopbackBodyProducer = std::function<qint64(char *out, qint64 maximum)>;
 
 LoopbackHttpResult loopbackHttp(quint16 port, const QByteArray &method, const QByteArray &target,
                                 const LoopbackHeaders &headers = {}, const QByteArray &body = {},
                                 int timeoutMs = 60000);
-// The same with a body of `length` bytes produced piece by piece (never held whole).
-LoopbackHttpResult loopbackHttpStream(quint16 port, const QByteArray &method, const QByteArray &target,
-                                      const LoopbackHeaders &headers, qint64 length,
-                                      const LoopbackBodyProducer &producer, int timeoutMs = 60000);
 
 // Runs lyrabox-devserver for a test: on a free loopback port, with a data folder of its own,
 // and with PELICANE_API_URL, PELICANE_UPLOAD_URL and PELICANE_DOWNLOAD_URL of this process
@@ -56,16 +49,12 @@ public:
     QString errorString() const { return m_error; }
 
     quint16 port() const { return m_port; }
-    QString baseUrl() const;     // http://127.0.0.1:PORT
-    QString apiUrl() const;      // .../s/JSON/
-    QString uploadUrl() const;   // .../upload/
-    QString downloadUrl() const; // .../download/
+    QString baseUrl() const { return QStringLiteral("http://127.0.0.1:") + QString::number(m_port); }
+    QString apiUrl() const { return baseUrl() + QStringLiteral("/s/JSON/"); }
+    QString uploadUrl() const { return baseUrl() + QStringLiteral("/upload/"); }
+    QString downloadUrl() const { return baseUrl() + QStringLiteral("/download/"); }
     QString dataDirectory() const { return m_dataDirectory; }
-    qint64 processId() const;
-
-    // Resident memory of the server process now and at its peak, in KiB (from /proc).
-    qint64 residentKiB() const;
-    qint64 peakResidentKiB() const;
+    qint64 processId() const { return m_process ? m_process->processId() : 0; }
 
     // The demo account signed in through the JSON API as the program does;
     // both empty when the sign-in failed.
@@ -78,17 +67,33 @@ public:
 
     // Control calls. Each returns the answer's JSON (empty object when the call failed).
     QJsonObject control(const QByteArray &method, const QByteArray &path, const QJsonObject &body = {}) const;
-    bool addFault(const QJsonObject &rule) const;
-    bool clearFaults() const;
-    bool setMaintenance(bool enabled) const;
-    bool revokeToken(const QString &email = QString::fromLatin1(kDemoEmail)) const;
-    bool createAccount(const QString &email, const QString &password) const;
+    bool succeeds(const QByteArray &path, const QJsonObject &body) const
+    {
+        return control("POST", path, body).value(QStringLiteral("result")).toBool();
+    }
+    bool addFault(const QJsonObject &rule) const { return succeeds("faults", rule); }
+    bool clearFaults() const { return succeeds("faults/clear", {}); }
+    bool setMaintenance(bool enabled) const { return succeeds("maintenance", {{"enabled", enabled}}); }
+    bool revokeToken(const QString &email = QString::fromLatin1(kDemoEmail)) const
+    {
+        return succeeds("revoke", {{"email", email}});
+    }
+    bool createAccount(const QString &email, const QString &password) const
+    {
+        return succeeds("accounts", {{"email", email}, {"password", password}});
+    }
     // The account's `user_id`, current `token` and stored `files`.
-    QJsonObject library(const QString &email = QString::fromLatin1(kDemoEmail)) const;
+    QJsonObject library(const QString &email = QString::fromLatin1(kDemoEmail)) const
+    {
+        return control("GET", "library?email=" + QUrl::toPercentEncoding(email));
+    }
     // Adds files to the library (see devserver/README.md); returns their stored records.
-    QJsonArray seed(const QJsonArray &files, const QString &email = QString::fromLatin1(kDemoEmail)) const;
+    QJsonArray seed(const QJsonArray &files, const QString &email = QString::fromLatin1(kDemoEmail)) const
+    {
+        return control("POST", "seed", {{"email", email}, {"files", files}}).value(QStringLiteral("files")).toArray();
+    }
     // Requests seen per kind: json, list, upload, header, segment.
-    QJsonObject requestCounts() const;
+    QJsonObject requestCounts() const { return control("GET", "stats").value(QStringLiteral("requests")).toObject(); }
 
     static constexpr const char *kDemoEmail = "demo@lyrabox.test";
     static constexpr const char *kDemoPassword = "demo";

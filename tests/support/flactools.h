@@ -1,12 +1,26 @@
 #pragma once
 
-// FLAC files as the reference tools (flac, metaflac) read them.
+// FLAC files as the reference tools (flac, metaflac) read them, and the
+// temporary files a rip leaves.
+
+#include "core/paths.h"
 
 #include <QByteArray>
+#include <QCoreApplication>
+#include <QDir>
 #include <QHash>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+
+// This process's temporary files (a FLAC file being encoded, a disc image's
+// copy), as Paths::temporaryPath names them.
+inline QStringList temporaryLeftovers()
+{
+    return QDir(Paths::temporaryDirectory())
+        .entryList({QStringLiteral("pelicane-%1-*").arg(QCoreApplication::applicationPid())},
+                   QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden);
+}
 
 // A tool's standard output; empty when it fails.
 inline QByteArray flacToolOutput(const QString &program, const QStringList &arguments)

@@ -1,6 +1,5 @@
 #include "widgets/alert.h"
 #include "widgets/dragdropview.h"
-#include "widgets/tabcolumnlabel.h"
 
 #include <QApplication>
 #include <QLabel>
@@ -55,38 +54,6 @@ private slots:
         QCOMPARE(answerAlert({QString(), QString()}, close), 1000); // no titles: a plain "OK"
     }
 
-    // The bold message is measured bold, so the alert is wide (or tall)
-    // enough for all of it. (Return pressing the cautious button of a question
-    // that throws work away is checked on the library window's abort question.)
-    void alertFitsItsBoldText()
-    {
-        const QString message = QStringLiteral("Simultaneous upload count should be between 1 and 6.");
-        bool fits = false;
-        QString measured;
-        QPointer<QMessageBox> visible;
-        QTimer poll;
-        QObject::connect(&poll, &QTimer::timeout, [&] {
-            if (!visible || !visible->isVisible()) {
-                return;
-            }
-            poll.stop();
-            auto *label = visible->findChild<QLabel *>(QStringLiteral("qt_msgbox_label"));
-            const QRect room = label->contentsRect();
-            const QRect needed =
-                QFontMetrics(label->font()).boundingRect(room, Qt::TextWordWrap | label->alignment(), label->text());
-            fits = label->font().bold() && needed.width() <= room.width() && needed.height() <= room.height();
-            measured = QStringLiteral("%1x%2 in %3x%4")
-                           .arg(needed.width())
-                           .arg(needed.height())
-                           .arg(room.width())
-                           .arg(room.height());
-            QTest::keyClick(visible, Qt::Key_Return);
-        });
-        poll.start(10);
-        QCOMPARE(runAlert(nullptr, {QStringLiteral("Pelicane"), message, QString()}, {"OK"}, true, &visible), 1000);
-        QVERIFY2(fits, qPrintable(measured));
-    }
-
     void dragDropViewHandsOverLocalPaths()
     {
         DragDropView view;
@@ -123,23 +90,6 @@ private slots:
         QApplication::sendEvent(&view, &refused);
         QVERIFY(!refused.isAccepted());
         QCOMPARE(dropped.size(), 1);
-    }
-
-    void tabColumnLabelsLineUpTheirValues()
-    {
-        // One tab after a long name, two after a short one: the value starts
-        // at the same column either way, and the text stays as set.
-        TabColumnLabel longName;
-        TabColumnLabel shortName;
-        longName.setText(QStringLiteral("Discovered: \t12 files"));
-        shortName.setText(QStringLiteral("Errors: \t\t12 files"));
-        for (TabColumnLabel *label : {&longName, &shortName}) {
-            label->fitColumnTo({QStringLiteral("Discovered:"), QStringLiteral("Errors:")});
-        }
-        QCOMPARE(shortName.text(), QStringLiteral("Errors: \t\t12 files"));
-        QCOMPARE(longName.column(), shortName.column());
-        QVERIFY(longName.column() > longName.fontMetrics().horizontalAdvance(QStringLiteral("Discovered:")));
-        QCOMPARE(longName.sizeHint().width(), shortName.sizeHint().width());
     }
 };
 
