@@ -1,7 +1,9 @@
 # Settings shared by every target of the project.
 add_library(pelicane_common INTERFACE)
 target_compile_features(pelicane_common INTERFACE cxx_std_20)
-target_compile_options(pelicane_common INTERFACE -Wall -Wextra)
+# The project's own code only: third-party headers come in as system headers.
+target_compile_options(pelicane_common INTERFACE
+  -Wall -Wextra -Wshadow -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wpedantic)
 target_compile_definitions(pelicane_common INTERFACE
   QT_NO_CONTEXTLESS_CONNECT QT_NO_CAST_FROM_BYTEARRAY QT_USE_QSTRINGBUILDER)
 target_include_directories(pelicane_common INTERFACE
