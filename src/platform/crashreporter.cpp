@@ -145,7 +145,8 @@ char *appendNumber(char *out, long long value, int width = 1)
     char digits[24];
     int n = 0;
     const bool negative = value < 0;
-    unsigned long long v = negative ? 0ULL - (unsigned long long)value : (unsigned long long)value;
+    unsigned long long v =
+        negative ? 0ULL - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value);
     do {
         digits[n++] = char('0' + v % 10);
         v /= 10;

@@ -251,8 +251,7 @@ void read(QObject *context, ReadHandler handler)
             });
             return;
         }
-        startJob<QKeychain::ReadPasswordJob>({}, [context, handler, done](QKeychain::ReadPasswordJob *job) {
-            Store &store = Store::shared();
+        startJob<QKeychain::ReadPasswordJob>({}, [context, handler, done, &store](QKeychain::ReadPasswordJob *job) {
             switch (job->error()) {
             case QKeychain::NoError:
                 store.keyringAnswered();
@@ -312,8 +311,7 @@ void remove(QObject *context, DoneHandler handler)
             done();
             return;
         }
-        startJob<QKeychain::DeletePasswordJob>({}, [context, handler, done](QKeychain::DeletePasswordJob *job) {
-            Store &store = Store::shared();
+        startJob<QKeychain::DeletePasswordJob>({}, [context, handler, done, &store](QKeychain::DeletePasswordJob *job) {
             OptionalError error;
             switch (job->error()) {
             case QKeychain::NoError:
