@@ -270,11 +270,11 @@ int runRipCommand(const QStringList &args)
         request.accurateRip = lookup;
         TrackRipJob job(request);
         const bool ripped = job.run(
-            [&](TrackRipJob::Stage stage, qint64 done, qint64 total) {
+            [&](TrackRipJob::Stage stage, qint64 bytesDone, qint64 total) {
                 QCoreApplication::processEvents();
                 const QString what =
                     stage == TrackRipJob::Stage::Reading ? QStringLiteral("reading") : QStringLiteral("encoding");
-                show(QStringLiteral("%1 %2%").arg(what).arg(done * 100 / std::max<qint64>(total, 1)), false);
+                show(QStringLiteral("%1 %2%").arg(what).arg(bytesDone * 100 / std::max<qint64>(total, 1)), false);
             },
             [&] { return interrupted; });
         RipLogTrack entry = job.logEntry();
