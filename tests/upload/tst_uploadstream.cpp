@@ -180,14 +180,14 @@ private slots:
         const QString empty = m_dir.filePath(QStringLiteral("empty.flac"));
         const QString hash = m_dir.filePath(QStringLiteral("a#b.mp3"));
         QVERIFY(writeFile(empty, {}) && writeFile(hash, "content"));
-        for (const QString &path : {empty, m_dir.filePath(QStringLiteral("missing.mp3")), hash}) {
-            c = configuration(path);
+        for (const QString &file : {empty, m_dir.filePath(QStringLiteral("missing.mp3")), hash}) {
+            c = configuration(file);
             UploadStream stream(c);
             stream.open();
             QCOMPARE(readAllFrom(stream, 4096),
                      UploadStream::beginMultipartDataUpload(c) + UploadStream::endMultipartDataUpload(c));
             QCOMPARE(stream.streamStatus(), StreamStatus::AtEnd);
-            QCOMPARE(stream.streamError().has_value(), path != empty);
+            QCOMPARE(stream.streamError().has_value(), file != empty);
         }
     }
 
