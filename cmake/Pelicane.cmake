@@ -32,11 +32,12 @@ set(CMAKE_AUTOMOC ON)
 set(CMAKE_AUTOUIC ON)
 set(CMAKE_AUTORCC ON)
 
-# pelicane_add_library(<target> SOURCES ... LIBS ...)
+# pelicane_add_library(<target> SOURCES ... PUBLIC ... PRIVATE ...)
+# PUBLIC: what the target's headers include; PRIVATE: what only its sources use.
 function(pelicane_add_library target)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
   add_library(${target} STATIC ${ARG_SOURCES})
-  target_link_libraries(${target} PUBLIC pelicane_common ${ARG_LIBS})
+  target_link_libraries(${target} PUBLIC pelicane_common ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
   set_target_properties(${target} PROPERTIES AUTOMOC ON AUTOUIC ON)
 endfunction()
 
