@@ -3,9 +3,6 @@
 #include <QString>
 #include <QStringList>
 
-#include <QTextStream>
-
-#include <cstdio>
 #include <optional>
 
 // Walks a command's arguments: options as "--name", "--name=value" or
@@ -24,6 +21,11 @@ public:
     // The argument as it was given.
     const QString &raw() const { return m_args.at(m_index); }
     bool hasInlineValue() const { return m_inlineValue.has_value(); }
+    // "--help" or "-h", with or without an inline value.
+    bool isHelp() const
+    {
+        return m_isOption && (m_current == QLatin1String("--help") || m_current == QLatin1String("-h"));
+    }
     // The option's value, inline or the next argument; none, with the reason
     // in *error, when there is none.
     std::optional<QString> takeValue(QString *error);
@@ -36,20 +38,3 @@ private:
     QString m_current;
     std::optional<QString> m_inlineValue;
 };
-
-// What a command does before it runs: on a wrong argument it prints why and
-// its usage (exit status 2), for --help its usage (0); otherwise it goes on.
-template <typename Options>
-std::optional<int> exitBeforeRun(const std::optional<Options> &parsed, const char *command, const QString &error,
-                                 const char *usage)
-{
-    if (!parsed) {
-        QTextStream(stderr) << "pelicane-cli " << command << ": " << error << "\n\n" << usage << Qt::flush;
-        return 2;
-    }
-    if (parsed->help) {
-        QTextStream(stdout) << usage << Qt::flush;
-        return 0;
-    }
-    return std::nullopt;
-}

@@ -1,12 +1,12 @@
 // pelicane-cli disc-info DEVICE-OR-IMAGE [--json] [--release MBID]: opens a
 // disc as the program does, compiles its metadata and prints it.
+#include "cli/arguments.h"
 #include "cli/commands.h"
 
 #include "cd/plcaudiocdprocessor.h"
 #include "cd/plcvolumetype.h"
 #include "platform/discimages.h"
 
-#include <QCoreApplication>
 #include <QEventLoop>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -23,9 +23,48 @@ template <typename T> QString shown(const std::optional<T> &value)
 
 constexpr int kCDReadErrorCode = 1000;
 
-void printDiscInfoUsage(QTextStream &out)
+const char kUsage[] = "usage: pelicane-cli disc-info DEVICE-OR-IMAGE [--json] [--release MBID]\n";
+
+struct DiscInfoOptions
 {
-    out << "usage: pelicane-cli disc-info DEVICE-OR-IMAGE [--json] [--release MBID]\n";
+    QString target;
+    QString releaseId;
+    bool json = false;
+};
+
+Parsed<DiscInfoOptions> parseDiscInfoOptions(const QStringList &args)
+{
+    DiscInfoOptions options;
+    ArgumentScanner scanner(args);
+    while (scanner.next()) {
+        const QString given = scanner.raw();
+        if (!scanner.isOption() && options.target.isEmpty()) {
+            options.target = scanner.current();
+            continue;
+        }
+        if (scanner.isOption() && !scanner.hasInlineValue()) {
+            if (scanner.current() == QLatin1String("--json")) {
+                options.json = true;
+                continue;
+            }
+            if (scanner.isHelp()) {
+                return CommandExit::help(kUsage);
+            }
+        }
+        if (scanner.isOption() && scanner.current() == QLatin1String("--release")) {
+            QString missing;
+            if (const std::optional<QString> value = scanner.takeValue(&missing); value && !value->isEmpty()) {
+                options.releaseId = *value;
+                continue;
+            }
+        }
+        return CommandExit::wrongArguments(
+            QStringLiteral("pelicane-cli disc-info: unexpected argument '%1'\n%2").arg(given, QLatin1String(kUsage)));
+    }
+    if (options.target.isEmpty()) {
+        return CommandExit::wrongArguments(kUsage);
+    }
+    return options;
 }
 
 QJsonValue jsonText(const std::optional<QString> &text)
@@ -145,41 +184,13 @@ void printText(QTextStream &out, const DiscMetadata &metadata)
     }
 }
 
-} // namespace
-
-int runDiscInfoCommand(const QStringList &args)
+// Opens the disc and compiles its metadata, waiting for the lookups.
+DiscMetadata lookUpDisc(const DiscInfoOptions &options)
 {
-    QTextStream out(stdout);
-    QTextStream err(stderr);
-    QString target;
-    QString releaseId;
-    bool json = false;
-    for (int i = 0; i < args.size(); ++i) {
-        const QString &arg = args.at(i);
-        if (arg == QLatin1String("--json")) {
-            json = true;
-        } else if (arg == QLatin1String("--release") && i + 1 < args.size() && !args.at(i + 1).isEmpty()) {
-            releaseId = args.at(++i);
-        } else if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
-            printDiscInfoUsage(out);
-            return 0;
-        } else if (!arg.startsWith(QLatin1Char('-')) && target.isEmpty()) {
-            target = arg;
-        } else {
-            err << "pelicane-cli disc-info: unexpected argument '" << arg << "'\n";
-            printDiscInfoUsage(err);
-            return 2;
-        }
-    }
-    if (target.isEmpty()) {
-        printDiscInfoUsage(err);
-        return 2;
-    }
-
     // Opening an image is inserting it, as choosing it in the program does.
-    QString volume = target;
-    if (DiscImages::isDiscImageFile(target) && DiscImages::insert(target)) {
-        volume = DiscImages::normalizedPath(target);
+    QString volume = options.target;
+    if (DiscImages::isDiscImageFile(options.target) && DiscImages::insert(options.target)) {
+        volume = DiscImages::normalizedPath(options.target);
     }
     QStringList trackPaths;
     if (const auto tracks = PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(volume))) {
@@ -187,26 +198,48 @@ int runDiscInfoCommand(const QStringList &args)
             trackPaths.append(track.path);
         }
     }
-
-    DiscMetadataOptions options;
-    options.releaseId = releaseId;
+    DiscMetadataOptions lookup;
+    lookup.releaseId = options.releaseId;
     DiscMetadata result;
     QEventLoop loop;
-    PLCAudioCDProcessor::compileDiscMetadataInBackground(volume, trackPaths, options, &loop, {},
+    PLCAudioCDProcessor::compileDiscMetadataInBackground(volume, trackPaths, lookup, &loop, {},
                                                          [&](const DiscMetadata &metadata) {
                                                              result = metadata;
                                                              loop.quit();
                                                          });
     loop.exec();
+    return result;
+}
 
-    if (json) {
-        out << QJsonDocument(toJson(result)).toJson(QJsonDocument::Compact) << "\n";
+struct DiscInfo
+{
+    DiscMetadata metadata;
+    bool json = false;
+};
+
+DiscInfo runDiscInfo(const DiscInfoOptions &options)
+{
+    return {lookUpDisc(options), options.json};
+}
+
+int printDiscInfo(const DiscInfo &info)
+{
+    QTextStream out(stdout);
+    if (info.json) {
+        out << QJsonDocument(toJson(info.metadata)).toJson(QJsonDocument::Compact) << "\n";
     } else {
-        printText(out, result);
+        printText(out, info.metadata);
     }
     out.flush();
-    if (!result.tags) {
-        return 1;
+    if (!info.metadata.tags) {
+        return Exit::Failed;
     }
-    return result.error && result.error->code() == kCDReadErrorCode ? 1 : 0;
+    return info.metadata.error && info.metadata.error->code() == kCDReadErrorCode ? Exit::Failed : Exit::Success;
+}
+
+} // namespace
+
+int runDiscInfoCommand(const QStringList &args)
+{
+    return runCommand(parseDiscInfoOptions(args), runDiscInfo, printDiscInfo);
 }

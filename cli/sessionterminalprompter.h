@@ -6,8 +6,6 @@
 
 #include <functional>
 
-class QObject;
-class SessionModel;
 class StatusLine;
 
 // Answers the session's prompts on the terminal by the documented defaults:
@@ -26,15 +24,8 @@ public:
     // list read, then the session check) shows once.
     void stopWaitingAnimation() override {}
 
+    // Called after each alert is printed (SessionRun stops the run on some).
     std::function<void(const QString &message, const QString &informative)> onAlert;
-
-    // How a command's run stops: an alert titled as one of startFailures, or
-    // an expired session, ends it with notStarted (through finish); "Upload
-    // Error" while *running (the session has paused the run) cancels it, so it
-    // ends with what is done. *stopReason says why. Calls come one turn later,
-    // on context's thread.
-    void stopRunOn(SessionModel &session, QObject *context, const QStringList &startFailures, int notStarted,
-                   std::function<void(int)> finish, QString *stopReason, const bool *running);
 
 protected:
     StatusLine &m_status;

@@ -6,40 +6,27 @@
 // a time.
 #include "cli/arguments.h"
 #include "cli/commands.h"
+#include "cli/sessionrun.h"
 #include "cli/sessionterminalprompter.h"
-#include "cli/signin.h"
+#include "cli/signedinrun.h"
 #include "cli/terminal.h"
 
-#include "cd/plcaudiocdprocessor.h"
+#include "cd/discmetadata.h"
 #include "cd/plcvolumetype.h"
 #include "core/formatting.h"
 #include "core/logger.h"
 #include "platform/discimages.h"
-#include "service/lyraboxservice.h"
-#include "session/audiocdflow.h"
 #include "session/audiocdprompter.h"
-#include "session/sessionmodel.h"
 
-#include <QCoreApplication>
-#include <QDateTime>
-#include <QEventLoop>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QTextStream>
-#include <QTimer>
 
 #include <cstdio>
 #include <optional>
 #include <unistd.h>
 
 namespace {
-
-enum ExitStatus {
-    ExitSuccess = 0,     // every track uploaded or already in the library
-    ExitFilesFailed = 1, // some track failed, or the run stopped before the end
-    ExitUsage = 2,
-    ExitNotStarted = 3, // no sign-in, the disc could not be read, or the session expired
-    ExitInterrupted = 130,
-};
 
 const char *const kUsage = "Usage: pelicane-cli upload-cd [OPTIONS] DEVICE-OR-IMAGE\n"
                            "\n"
@@ -73,6 +60,8 @@ const char *const kUsage = "Usage: pelicane-cli upload-cd [OPTIONS] DEVICE-OR-IM
 struct UploadCDOptions
 {
     QString disc;
+    // The disc's volume: the drive, or the image once inserted.
+    QString volume;
     std::optional<QString> album;
     std::optional<QString> artist;
     std::optional<QString> discNumber;
@@ -80,13 +69,34 @@ struct UploadCDOptions
     QString playlist;
     QString tag;
     bool yes = false;
-    bool help = false;
 };
 
-std::optional<UploadCDOptions> parseOptions(const QStringList &args, QString *error)
+// The disc volume for a device node or an image path: an image is inserted,
+// as the desktop program does when one is opened.
+std::optional<QString> discVolume(const QString &argument, QString *error)
 {
+    if (DiscImages::isDiscImageFile(argument)) {
+        DiscImages::insert(argument);
+        return DiscImages::normalizedPath(argument);
+    }
+    if (PLCVolumeType::isDiskAtPath(argument)) {
+        return argument;
+    }
+    if (!QFileInfo::exists(argument)) {
+        *error = QStringLiteral("no such drive or disc image: %1").arg(argument);
+    } else {
+        *error = QStringLiteral("%1 is neither a drive holding a CD nor a .cue/.toc disc image").arg(argument);
+    }
+    return std::nullopt;
+}
+
+Parsed<UploadCDOptions> parseUploadCDOptions(const QStringList &args)
+{
+    const auto wrong = [](const QString &error) { return CommandExit::usageError("upload-cd", error, kUsage); };
     UploadCDOptions options;
     QStringList positional;
+    bool help = false;
+    QString error;
     ArgumentScanner scanner(args);
     while (scanner.next()) {
         const QString &arg = scanner.current();
@@ -94,8 +104,8 @@ std::optional<UploadCDOptions> parseOptions(const QStringList &args, QString *er
             positional.append(arg);
             continue;
         }
-        if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
-            options.help = true;
+        if (scanner.isHelp()) {
+            help = true;
             continue;
         }
         if (arg == QLatin1String("--yes") || arg == QLatin1String("-y")) {
@@ -117,12 +127,11 @@ std::optional<UploadCDOptions> parseOptions(const QStringList &args, QString *er
         } else if (arg == QLatin1String("--tag")) {
             plain = &options.tag;
         } else {
-            *error = QStringLiteral("unknown option %1").arg(scanner.raw());
-            return std::nullopt;
+            return wrong(QStringLiteral("unknown option %1").arg(scanner.raw()));
         }
-        const std::optional<QString> taken = scanner.takeValue(error);
+        const std::optional<QString> taken = scanner.takeValue(&error);
         if (!taken) {
-            return std::nullopt;
+            return wrong(error);
         }
         if (slot) {
             *slot = *taken;
@@ -130,34 +139,19 @@ std::optional<UploadCDOptions> parseOptions(const QStringList &args, QString *er
             *plain = *taken;
         }
     }
-    if (options.help) {
-        return options;
+    if (help) {
+        return CommandExit::help(kUsage);
     }
     if (positional.size() != 1) {
-        *error = positional.isEmpty() ? QStringLiteral("no disc given") : QStringLiteral("give one disc");
-        return std::nullopt;
+        return wrong(positional.isEmpty() ? QStringLiteral("no disc given") : QStringLiteral("give one disc"));
     }
     options.disc = positional.first();
+    const std::optional<QString> volume = discVolume(options.disc, &error);
+    if (!volume) {
+        return CommandExit::wrongArguments(QStringLiteral("pelicane-cli upload-cd: ") + error + QLatin1Char('\n'));
+    }
+    options.volume = *volume;
     return options;
-}
-
-// The disc volume for a device node or an image path: an image is inserted,
-// as the desktop program does when one is opened.
-std::optional<QString> discVolume(const QString &argument, QString *error)
-{
-    if (DiscImages::isDiscImageFile(argument)) {
-        DiscImages::insert(argument);
-        return DiscImages::normalizedPath(argument);
-    }
-    if (PLCVolumeType::isDiskAtPath(argument)) {
-        return argument;
-    }
-    if (!QFileInfo::exists(argument)) {
-        *error = QStringLiteral("no such drive or disc image: %1").arg(argument);
-    } else {
-        *error = QStringLiteral("%1 is neither a drive holding a CD nor a .cue/.toc disc image").arg(argument);
-    }
-    return std::nullopt;
 }
 
 QString shown(const std::optional<QString> &text)
@@ -279,150 +273,78 @@ private:
     const UploadCDOptions &m_options;
 };
 
-// "Track 2 of 12: Reading 45% Gull Song".
-QString progressLine(const SessionModel &session)
+SessionRunOutcome runUploadCD(const UploadCDOptions &options)
 {
-    const qint64 total = session.foundFilesCountCache();
-    const qint64 done = session.completedFiles().size() + session.erroredFiles().size() + session.skippedFiles().size();
-    if (session.uploadListItems().isEmpty()) {
-        return QStringLiteral("Track %1 of %2").arg(qMin(done + 1, total)).arg(total);
+    SignedInRun run(Exit::NotStarted);
+    if (!run.signIn()) {
+        SessionRunOutcome notStarted;
+        notStarted.status = run.status();
+        return notStarted;
     }
-    const UploadListItem &row = session.uploadListItems().first();
-    return QStringLiteral("Track %1 of %2: %3 %4%")
-        .arg(qMin(done + 1, total))
-        .arg(total)
-        .arg(row.pathLabelText())
-        .arg(row.progress());
+    StatusLine status;
+    CliCDPrompter prompter(options, status);
+    SessionRun session(run, status, prompter, &prompter,
+                       {QStringLiteral("Could not rip from CD"), QStringLiteral("Error starting upload"),
+                        QStringLiteral("Error Starting Upload")});
+    SessionRun::Hooks hooks;
+    hooks.start = [&] { session.uploadDisc(options.volume, options.release); };
+    hooks.tick = [&] {
+        if (session.isUploading()) {
+            status.show(session.trackProgressLine());
+        }
+    };
+    hooks.discMetadata = [&](const DiscMetadata &metadata) {
+        status.endLine();
+        QTextStream out(stdout);
+        printMetadata(out, metadata);
+    };
+    hooks.fileFinished = [&](const QString &path, const OptionalError &error) {
+        status.endLine();
+        if (!error) {
+            QTextStream(stderr) << "Uploaded: " << session.trackName(path) << Qt::endl;
+        } else if (!error->isCancelled()) {
+            QTextStream(stderr) << "Failed: " << session.trackName(path) << ": " << error->localizedDescription()
+                                << Qt::endl;
+        }
+    };
+    return session.exec(hooks);
+}
+
+QString inTracks(QString line)
+{
+    return line.replace(QStringLiteral(" files"), QStringLiteral(" tracks"));
+}
+
+int printUploadCDSummary(const SessionRunOutcome &run)
+{
+    QTextStream out(stdout);
+    QTextStream err(stderr);
+    if (!run.ended) {
+        if (!run.ripLogPath.isEmpty()) {
+            err << "Rip log: " << run.ripLogPath << Qt::endl;
+        }
+        run.printStopReason();
+        return run.status;
+    }
+    out << inTracks(run.discovered) << "\n" << inTracks(run.uploaded) << "\n" << inTracks(run.errors) << Qt::endl;
+    for (const auto &[track, verdict] : run.trackVerdicts) {
+        out << "  " << track << ": " << verdict << "\n";
+    }
+    if (run.leftOver > 0) {
+        out << "Not uploaded: \t" << groupedNumber(run.leftOver) << " tracks" << Qt::endl;
+    }
+    out << Qt::flush;
+    run.printStopReason();
+    if (!run.ripLogPath.isEmpty()) {
+        out << "Rip log: " << run.ripLogPath << Qt::endl;
+    }
+    err << "Log file: " << Logger::logFileURL().toLocalFile() << Qt::endl;
+    return run.exitStatus();
 }
 
 } // namespace
 
 int runUploadCDCommand(const QStringList &args)
 {
-    QTextStream out(stdout);
-    QTextStream err(stderr);
-    QString parseError;
-    const std::optional<UploadCDOptions> parsed = parseOptions(args, &parseError);
-    if (const std::optional<int> exit = exitBeforeRun(parsed, "upload-cd", parseError, kUsage)) {
-        return *exit;
-    }
-    const UploadCDOptions &options = *parsed;
-    const std::optional<QString> volume = discVolume(options.disc, &parseError);
-    if (!volume) {
-        err << "pelicane-cli upload-cd: " << parseError << Qt::endl;
-        return ExitUsage;
-    }
-
-    if (!CliSignIn::signInInteractively()) {
-        return ExitNotStarted;
-    }
-
-    StatusLine status;
-    CliCDPrompter prompter(options, status);
-    SessionModel session(&prompter);
-    session.cdFlow()->setPrompter(&prompter);
-    session.attachToService();
-    QEventLoop loop;
-    int exitStatus = ExitSuccess;
-    QString stopReason;
-    bool ended = false;
-    bool running = false;
-
-    const auto finish = [&](int code) {
-        exitStatus = code;
-        loop.exit(code);
-    };
-    prompter.stopRunOn(session, &loop,
-                       {QStringLiteral("Could not rip from CD"), QStringLiteral("Error starting upload"),
-                        QStringLiteral("Error Starting Upload")},
-                       ExitNotStarted, finish, &stopReason, &running);
-    QObject::connect(session.cdFlow(), &AudioCDFlow::metadataCompiled, &loop, [&](const DiscMetadata &metadata) {
-        status.endLine();
-        printMetadata(out, metadata);
-    });
-    QObject::connect(&session, &SessionModel::mainPageTypeChanged, &loop, [&](quint32 page) {
-        if (page == MainPageTypeUpload) {
-            running = true;
-        }
-    });
-    QObject::connect(&session, &SessionModel::uploadFinished, &loop,
-                     [&](const QString &path, const OptionalError &error) {
-                         const PLCID3Tag tag = session.audioCDID3Tags().value(path);
-                         status.endLine();
-                         const QString name = tag.title() ? *tag.title() : QFileInfo(path).fileName();
-                         if (!error) {
-                             err << "Uploaded: " << name << Qt::endl;
-                         } else if (!error->isCancelled()) {
-                             err << "Failed: " << name << ": " << error->localizedDescription() << Qt::endl;
-                         }
-                     });
-    QObject::connect(&session, &SessionModel::uploadEnded, &loop, [&] {
-        ended = true;
-        finish(exitStatus);
-    });
-
-    QTimer ticker;
-    ticker.setInterval(status.isTerminal() ? 1000 : 10000);
-    QObject::connect(&ticker, &QTimer::timeout, &loop, [&] {
-        if (session.mainPageType() == MainPageTypeUpload && session.isUploading()) {
-            status.show(progressLine(session));
-        }
-    });
-
-    std::optional<InterruptWatcher> interrupts(std::in_place, [&] {
-        stopReason = QStringLiteral("interrupted");
-        exitStatus = ExitInterrupted;
-        if (session.mainPageType() == MainPageTypeUpload) {
-            session.OnCancelUpload();
-        } else {
-            finish(ExitInterrupted);
-        }
-    });
-
-    session.setMainPageType(MainPageTypeSearch);
-    session.cdFlow()->beginUploadCD(*volume, options.release);
-    ticker.start();
-    loop.exec();
-    ticker.stop();
-    interrupts.reset();
-    status.endLine();
-    session.detachFromService();
-    LyraboxService::sharedService().shutdown();
-    session.cdFlow()->writeRipLog();
-    const QString ripLogPath = session.cdFlow()->ripLogPath();
-
-    if (!ended) {
-        if (!ripLogPath.isEmpty()) {
-            err << "Rip log: " << ripLogPath << Qt::endl;
-        }
-        if (!stopReason.isEmpty()) {
-            err << "pelicane-cli: stopped: " << stopReason << Qt::endl;
-        }
-        return exitStatus;
-    }
-
-    out << session.discoveredLabelText().replace(QStringLiteral(" files"), QStringLiteral(" tracks")) << "\n"
-        << session.uploadedLabelText().replace(QStringLiteral(" files"), QStringLiteral(" tracks")) << "\n"
-        << session.errorsLabelText().replace(QStringLiteral(" files"), QStringLiteral(" tracks")) << Qt::endl;
-    for (const auto &[track, verdict] : session.cdFlow()->trackVerdicts()) {
-        out << "  " << track << ": " << verdict << "\n";
-    }
-    const qint64 leftOver = session.foundFiles().size() + session.readyFiles().size() +
-                            session.uploadingFiles().size() + session.retryFiles().size();
-    if (leftOver > 0) {
-        out << "Not uploaded: \t" << groupedNumber(leftOver) << " tracks" << Qt::endl;
-    }
-    out << Qt::flush;
-    if (!stopReason.isEmpty()) {
-        err << "pelicane-cli: the run stopped: " << stopReason << Qt::endl;
-    }
-    if (!ripLogPath.isEmpty()) {
-        out << "Rip log: " << ripLogPath << Qt::endl;
-    }
-    err << "Log file: " << Logger::logFileURL().toLocalFile() << Qt::endl;
-    if (exitStatus == ExitInterrupted) {
-        return ExitInterrupted;
-    }
-    const bool failed = !session.erroredFiles().isEmpty() || leftOver > 0 || !stopReason.isEmpty();
-    return failed ? ExitFilesFailed : ExitSuccess;
+    return runCommand(parseUploadCDOptions(args), runUploadCD, printUploadCDSummary);
 }

@@ -5,8 +5,9 @@
 // answered by fixed defaults, documented in the usage text below.
 #include "cli/arguments.h"
 #include "cli/commands.h"
+#include "cli/sessionrun.h"
 #include "cli/sessionterminalprompter.h"
-#include "cli/signin.h"
+#include "cli/signedinrun.h"
 #include "cli/terminal.h"
 #include "cli/uploadprogress.h"
 
@@ -15,9 +16,7 @@
 #include "core/logger.h"
 #include "service/lyraboxservice.h"
 #include "session/md5checkoperation.h"
-#include "session/sessionmodel.h"
 
-#include <QCoreApplication>
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QTextStream>
@@ -29,14 +28,6 @@
 #include <sys/stat.h>
 
 namespace {
-
-enum ExitStatus {
-    ExitSuccess = 0,     // every file uploaded or already in the library
-    ExitFilesFailed = 1, // some file failed or went unread by the scan, or the run stopped before the end
-    ExitUsage = 2,
-    ExitNotStarted = 3, // no sign-in, the run could not start, or the session expired
-    ExitInterrupted = 130,
-};
 
 const char *const kUsage = "Usage: pelicane-cli upload [OPTIONS] FOLDER...\n"
                            "\n"
@@ -78,69 +69,76 @@ struct UploadOptions
     bool reupload = false;
     int threads = 3;
     bool dryRun = false;
-    bool help = false;
 };
 
-std::optional<UploadOptions> parseOptions(const QStringList &args, QString *error)
+// Why a folder (or file) argument cannot be uploaded from; none when it can,
+// and it is made absolute.
+std::optional<QString> checkFolder(QString &folder)
 {
+    const QFileInfo info(folder);
+    struct stat attributes;
+    if (::stat(QFile::encodeName(info.absoluteFilePath()).constData(), &attributes) != 0) {
+        // Only a path that is really missing is "no such file"; too long or
+        // not searchable says so.
+        const int code = errno;
+        return code == ENOENT || code == ENOTDIR
+                   ? QStringLiteral("no such file or folder: %1").arg(folder)
+                   : QStringLiteral("cannot use %1: %2").arg(folder, QString::fromLocal8Bit(strerror(code)));
+    }
+    folder = info.absoluteFilePath();
+    if (PLCVolumeType::isDiskAtPath(folder)) {
+        return QStringLiteral("%1 is an audio CD; use the desktop program to upload CDs").arg(folder);
+    }
+    return std::nullopt;
+}
+
+Parsed<UploadOptions> parseUploadOptions(const QStringList &args)
+{
+    const auto wrong = [](const QString &error) { return CommandExit::usageError("upload", error, kUsage); };
     UploadOptions options;
+    bool help = false;
+    QString error;
     ArgumentScanner scanner(args);
     while (scanner.next()) {
         const QString &arg = scanner.current();
         if (!scanner.isOption()) {
             options.folders.append(arg);
-        } else if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
-            options.help = true;
+        } else if (scanner.isHelp()) {
+            help = true;
         } else if (arg == QLatin1String("--playlist") || arg == QLatin1String("--tag")) {
-            const std::optional<QString> value = scanner.takeValue(error);
+            const std::optional<QString> value = scanner.takeValue(&error);
             if (!value) {
-                return std::nullopt;
+                return wrong(error);
             }
             (arg == QLatin1String("--playlist") ? options.playlist : options.tag) = *value;
         } else if (arg == QLatin1String("--threads")) {
-            const std::optional<QString> value = scanner.takeValue(error);
+            const std::optional<QString> value = scanner.takeValue(&error);
             if (!value) {
-                return std::nullopt;
+                return wrong(error);
             }
             bool ok = false;
             options.threads = value->toInt(&ok);
-            if (!ok || options.threads < 1 || options.threads > SessionModel::kMaxSimultaneousUploads) {
-                *error = QStringLiteral("--threads must be a number from 1 to %1")
-                             .arg(SessionModel::kMaxSimultaneousUploads);
-                return std::nullopt;
+            if (!ok || options.threads < 1 || options.threads > SessionRun::maxSimultaneousUploads()) {
+                return wrong(QStringLiteral("--threads must be a number from 1 to %1")
+                                 .arg(SessionRun::maxSimultaneousUploads()));
             }
         } else if (arg == QLatin1String("--reupload") && !scanner.hasInlineValue()) {
             options.reupload = true;
         } else if (arg == QLatin1String("--dry-run") && !scanner.hasInlineValue()) {
             options.dryRun = true;
         } else {
-            *error = QStringLiteral("unknown option %1").arg(scanner.raw());
-            return std::nullopt;
+            return wrong(QStringLiteral("unknown option %1").arg(scanner.raw()));
         }
     }
-    if (options.help) {
-        return options;
+    if (help) {
+        return CommandExit::help(kUsage);
     }
     if (options.folders.isEmpty()) {
-        *error = QStringLiteral("no folder given");
-        return std::nullopt;
+        return wrong(QStringLiteral("no folder given"));
     }
     for (QString &folder : options.folders) {
-        const QFileInfo info(folder);
-        struct stat attributes;
-        if (::stat(QFile::encodeName(info.absoluteFilePath()).constData(), &attributes) != 0) {
-            // Only a path that is really missing is "no such file"; too long or
-            // not searchable says so.
-            const int code = errno;
-            *error = code == ENOENT || code == ENOTDIR
-                         ? QStringLiteral("no such file or folder: %1").arg(folder)
-                         : QStringLiteral("cannot use %1: %2").arg(folder, QString::fromLocal8Bit(strerror(code)));
-            return std::nullopt;
-        }
-        folder = info.absoluteFilePath();
-        if (PLCVolumeType::isDiskAtPath(folder)) {
-            *error = QStringLiteral("%1 is an audio CD; use the desktop program to upload CDs").arg(folder);
-            return std::nullopt;
+        if (const std::optional<QString> problem = checkFolder(folder)) {
+            return wrong(*problem);
         }
     }
     return options;
@@ -203,181 +201,152 @@ std::optional<QPair<QStringList, QStringList>> checkAgainstLibrary(const QString
     return qMakePair(toUpload, known);
 }
 
-int runDryRun(const UploadOptions &options, SessionModel &session)
+// What a dry run found: the files the library does not hold.
+struct DryRun
 {
-    QTextStream out(stdout);
-    QTextStream err(stderr);
-    const QStringList files = session.foundFiles().toList();
-    QStringList toUpload = files;
-    QStringList known;
+    qsizetype files = 0;
+    QStringList toUpload;
+    qsizetype known = 0;
+    // Why the library's list could not be read, when it could not.
+    std::optional<QString> readError;
+};
+
+DryRun checkFoundFiles(const UploadOptions &options, const QStringList &files)
+{
+    DryRun dryRun;
+    dryRun.files = files.size();
+    dryRun.toUpload = files;
     if (!options.reupload) {
-        err << "Checking for previously uploaded files..." << Qt::endl;
+        QTextStream(stderr) << "Checking for previously uploaded files..." << Qt::endl;
         QString error;
         const auto checked = checkAgainstLibrary(files, options.folders.first(), &error);
         if (!checked) {
-            err << "pelicane-cli: the list of uploaded files could not be read: " << error << Qt::endl;
-            return ExitNotStarted;
+            dryRun.readError = error;
+            return dryRun;
         }
-        toUpload = checked->first;
-        known = checked->second;
+        dryRun.toUpload = checked->first;
+        dryRun.known = checked->second.size();
     }
-    out << "Would upload " << groupedNumber(toUpload.size()) << " of " << groupedNumber(files.size())
+    return dryRun;
+}
+
+// Uploads what the search found, with a progress line.
+SessionRunOutcome uploadFound(const UploadOptions &options, SessionRun &session, StatusLine &status)
+{
+    UploadProgressMeter meter(session.model());
+    QTimer sampler;
+    sampler.setInterval(1000);
+    QObject::connect(&sampler, &QTimer::timeout, &sampler, [&] { meter.sample(); });
+    SessionRun::Hooks hooks;
+    hooks.start = [&] {
+        meter.begin();
+        session.uploadFiles(options.threads, options.playlist, options.tag, options.reupload);
+        sampler.start();
+    };
+    hooks.tick = [&] {
+        meter.sample();
+        if (session.isUploading()) {
+            status.show(meter.line());
+        }
+    };
+    hooks.fileFinished = [&](const QString &path, const OptionalError &error) {
+        if (!error) {
+            meter.fileCompleted(path);
+        } else if (SessionRun::isFileFailure(*error)) {
+            status.endLine();
+            QTextStream(stderr) << "Failed: " << path << ": " << error->localizedDescription() << Qt::endl;
+        }
+    };
+    return session.exec(hooks);
+}
+
+struct UploadOutcome
+{
+    // Files and folders the search could not read.
+    qint64 scanErrors = 0;
+    std::optional<DryRun> dryRun;
+    SessionRunOutcome run;
+};
+
+UploadOutcome runUpload(const UploadOptions &options)
+{
+    UploadOutcome outcome;
+    SignedInRun run(Exit::NotStarted);
+    if (!run.signIn()) {
+        outcome.run.status = run.status();
+        return outcome;
+    }
+    StatusLine status;
+    SessionTerminalPrompter prompter(status);
+    SessionRun session(run, status, prompter, nullptr,
+                       {QStringLiteral("Error starting upload"), QStringLiteral("Error Starting Upload")});
+    QTextStream(stderr) << session.search(options.folders) << Qt::endl;
+    outcome.scanErrors = session.scanErrorCount();
+    if (options.dryRun) {
+        outcome.dryRun = checkFoundFiles(options, session.foundFiles());
+    } else {
+        outcome.run = uploadFound(options, session, status);
+    }
+    return outcome;
+}
+
+int printDryRun(const DryRun &dryRun)
+{
+    if (dryRun.readError) {
+        QTextStream(stderr) << "pelicane-cli: the list of uploaded files could not be read: " << *dryRun.readError
+                            << Qt::endl;
+        return Exit::NotStarted;
+    }
+    QTextStream out(stdout);
+    out << "Would upload " << groupedNumber(dryRun.toUpload.size()) << " of " << groupedNumber(dryRun.files)
         << " files:" << Qt::endl;
-    for (const QString &path : std::as_const(toUpload)) {
+    for (const QString &path : dryRun.toUpload) {
         out << "  " << path << Qt::endl;
     }
-    out << "Already in the library: " << groupedNumber(known.size()) << " files" << Qt::endl;
-    return ExitSuccess;
+    out << "Already in the library: " << groupedNumber(dryRun.known) << " files" << Qt::endl;
+    return Exit::Success;
+}
+
+void printScanErrors(qint64 scanErrors)
+{
+    if (scanErrors > 0) {
+        QTextStream(stderr) << "pelicane-cli: " << scanErrors
+                            << (scanErrors == 1 ? " file or folder" : " files or folders")
+                            << " could not be read while searching; see the log" << Qt::endl;
+    }
+}
+
+// Files the search could not reach are not uploaded: such a run never ends as a success.
+int printUploadSummary(const UploadOutcome &outcome)
+{
+    if (outcome.dryRun) {
+        const int status = printDryRun(*outcome.dryRun);
+        printScanErrors(outcome.scanErrors);
+        return status == Exit::Success && outcome.scanErrors > 0 ? Exit::Failed : status;
+    }
+    const SessionRunOutcome &run = outcome.run;
+    if (!run.ended) {
+        run.printStopReason();
+        return run.status;
+    }
+    QTextStream out(stdout);
+    out << run.discovered << "\n" << run.uploaded << "\n" << run.skipped << "\n" << run.errors << Qt::endl;
+    for (const QString &path : run.erroredFiles) {
+        out << "  failed: " << path << "\n";
+    }
+    if (run.leftOver > 0) {
+        out << "Not uploaded: \t" << groupedNumber(run.leftOver) << " files" << Qt::endl;
+    }
+    out << Qt::flush;
+    run.printStopReason();
+    QTextStream(stderr) << "Log file: " << Logger::logFileURL().toLocalFile() << Qt::endl;
+    printScanErrors(outcome.scanErrors);
+    return run.exitStatus(outcome.scanErrors > 0);
 }
 
 } // namespace
 
 int runUploadCommand(const QStringList &args)
 {
-    QTextStream out(stdout);
-    QTextStream err(stderr);
-    QString parseError;
-    const std::optional<UploadOptions> parsed = parseOptions(args, &parseError);
-    if (const std::optional<int> exit = exitBeforeRun(parsed, "upload", parseError, kUsage)) {
-        return *exit;
-    }
-    const UploadOptions &options = *parsed;
-
-    if (!CliSignIn::signInInteractively()) {
-        return ExitNotStarted;
-    }
-
-    StatusLine status;
-    SessionTerminalPrompter prompter(status);
-    SessionModel session(&prompter);
-    session.attachToService();
-    UploadProgressMeter meter(&session);
-    QEventLoop loop;
-    int exitStatus = ExitSuccess;
-    QString stopReason;
-    bool running = false;
-    bool ended = false;
-
-    auto finish = [&](int code) {
-        exitStatus = code;
-        loop.exit(code);
-    };
-
-    prompter.stopRunOn(session, &loop,
-                       {QStringLiteral("Error starting upload"), QStringLiteral("Error Starting Upload")},
-                       ExitNotStarted, finish, &stopReason, &running);
-
-    // --- Scan -------------------------------------------------------------------
-    session.setMainPageType(MainPageTypeSearch);
-    session.setSearchFolderPath(options.folders);
-    QObject::connect(&session, &SessionModel::fileSearchInProgressChanged, &loop, [&](bool inProgress) {
-        if (!inProgress && !running) {
-            loop.quit();
-        }
-    });
-    session.OnSearchFolder();
-    if (session.isFileSearchInProgress()) {
-        loop.exec();
-    }
-    err << session.fileCountLabelText().section(QLatin1Char('.'), 0, 0) << "." << Qt::endl;
-    // Files the scan could not reach are not uploaded: such a run never ends as a success.
-    const qint64 scanErrors = session.scanErrorCount();
-    const auto reportScanErrors = [&] {
-        if (scanErrors > 0) {
-            err << "pelicane-cli: " << scanErrors << (scanErrors == 1 ? " file or folder" : " files or folders")
-                << " could not be read while searching; see the log" << Qt::endl;
-        }
-    };
-
-    if (options.dryRun) {
-        const int code = runDryRun(options, session);
-        session.detachFromService();
-        reportScanErrors();
-        return code == ExitSuccess && scanErrors > 0 ? ExitFilesFailed : code;
-    }
-
-    // --- Run ----------------------------------------------------------------------
-    QTimer ticker;
-    ticker.setInterval(status.isTerminal() ? 1000 : 10000);
-    QObject::connect(&ticker, &QTimer::timeout, &loop, [&] {
-        meter.sample();
-        if (session.mainPageType() == MainPageTypeUpload && session.isUploading()) {
-            status.show(meter.line());
-        }
-    });
-    QTimer sampler;
-    sampler.setInterval(1000);
-    QObject::connect(&sampler, &QTimer::timeout, &loop, [&] { meter.sample(); });
-    QObject::connect(&session, &SessionModel::uploadFinished, &loop,
-                     [&](const QString &path, const OptionalError &error) {
-                         if (!error) {
-                             meter.fileCompleted(path);
-                         } else if (error->code() >= 1 && error->code() != SessionModel::kNotAuthenticatedStatus) {
-                             status.endLine();
-                             err << "Failed: " << path << ": " << error->localizedDescription() << Qt::endl;
-                         }
-                     });
-    QObject::connect(&session, &SessionModel::uploadEnded, &loop, [&] {
-        ended = true;
-        finish(exitStatus);
-    });
-
-    std::optional<InterruptWatcher> interrupts(std::in_place, [&] {
-        stopReason = QStringLiteral("interrupted");
-        exitStatus = ExitInterrupted;
-        if (session.mainPageType() == MainPageTypeUpload) {
-            session.OnCancelUpload();
-        } else {
-            finish(ExitInterrupted);
-        }
-    });
-
-    session.OnReuploadChecked(!options.reupload);
-    meter.begin();
-    running = true;
-    session.OnUploadFiles(QString::number(options.threads), options.playlist, options.tag);
-    ticker.start();
-    sampler.start();
-    loop.exec();
-    running = false;
-    ticker.stop();
-    sampler.stop();
-    interrupts.reset();
-    status.endLine();
-    session.detachFromService();
-    // Transfers still going (a run stopped early) end before the summary.
-    LyraboxService::sharedService().shutdown();
-
-    if (!ended) {
-        if (!stopReason.isEmpty()) {
-            err << "pelicane-cli: stopped: " << stopReason << Qt::endl;
-        }
-        return exitStatus;
-    }
-
-    // --- Summary ------------------------------------------------------------------
-    out << session.discoveredLabelText() << "\n"
-        << session.uploadedLabelText() << "\n"
-        << session.skippedLabelText() << "\n"
-        << session.errorsLabelText() << Qt::endl;
-    for (const QString &path : session.erroredFiles()) {
-        out << "  failed: " << path << "\n";
-    }
-    const qint64 leftOver = session.foundFiles().size() + session.readyFiles().size() +
-                            session.uploadingFiles().size() + session.retryFiles().size();
-    if (leftOver > 0) {
-        out << "Not uploaded: \t" << groupedNumber(leftOver) << " files" << Qt::endl;
-    }
-    out << Qt::flush;
-    if (!stopReason.isEmpty()) {
-        err << "pelicane-cli: the run stopped: " << stopReason << Qt::endl;
-    }
-    err << "Log file: " << Logger::logFileURL().toLocalFile() << Qt::endl;
-    reportScanErrors();
-    if (exitStatus == ExitInterrupted) {
-        return ExitInterrupted;
-    }
-    return !session.erroredFiles().isEmpty() || leftOver > 0 || !stopReason.isEmpty() || scanErrors > 0
-               ? ExitFilesFailed
-               : ExitSuccess;
+    return runCommand(parseUploadOptions(args), runUpload, printUploadSummary);
 }

@@ -8,8 +8,11 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QImage>
 #include <QUuid>
+
+#include <cerrno>
 
 namespace {
 
@@ -200,6 +203,13 @@ OptionalError FLACEncoder::finish()
         before == FLAC__STREAM_ENCODER_VERIFY_DECODER_ERROR) {
         return Error::errorWithMessage(
             QStringLiteral("FLAC verification failed: the encoded audio does not match the ripped audio."));
+    }
+    const bool writeFailed =
+        before == FLAC__STREAM_ENCODER_CLIENT_ERROR || before == FLAC__STREAM_ENCODER_IO_ERROR || !finished;
+    if (writeFailed && Paths::isDiskFull(m_filepath.toLocalFile())) {
+        return Error::errorWithMessage(QStringLiteral("The FLAC file could not be written to %1: the disk is full.")
+                                           .arg(QFileInfo(m_filepath.toLocalFile()).absolutePath()),
+                                       ENOSPC);
     }
     if (before != FLAC__STREAM_ENCODER_OK || !finished) {
         return Error::errorWithMessage(QStringLiteral("Error finishing the FLAC file (%1).")

@@ -80,17 +80,8 @@ QString RipLog::fileName() const
     if (name.isEmpty()) {
         name = QStringLiteral("Audio CD");
     }
-    // Nothing that separates folders or that other systems refuse.
-    static const QString kRefused = QStringLiteral("/\\:*?\"<>|");
-    for (QChar &c : name) {
-        if (kRefused.contains(c) || c.unicode() < 0x20) {
-            c = u'_';
-        }
-    }
-    if (name.startsWith(u'.')) {
-        name.replace(0, 1, u'_');
-    }
-    name.truncate(120);
+    // Room for the date and the extension within a file name's 255 bytes.
+    name = Paths::safeFileName(name, 200);
     return name + u' ' + started.toString(QStringLiteral("yyyy-MM-dd hh-mm-ss")) + QStringLiteral(".log");
 }
 
@@ -120,7 +111,8 @@ OptionalError writeRipLog(const RipLog &log, QString *path)
     file.write(log.text().toUtf8());
     if (!file.commit()) {
         return Error::errorWithMessage(
-            QStringLiteral("The rip log %1 could not be written: %2").arg(target, file.errorString()));
+            QStringLiteral("The rip log %1 could not be written: %2")
+                .arg(target, Paths::isDiskFull(target) ? QStringLiteral("the disk is full") : file.errorString()));
     }
     Logger::log(QStringLiteral("Rip log written to %1").arg(target));
     if (path) {

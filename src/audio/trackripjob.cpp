@@ -4,6 +4,7 @@
 #include "audio/flacencoder.h"
 #include "cd/discsession.h"
 #include "core/logger.h"
+#include "core/paths.h"
 #include "platform/settings.h"
 #include "protocol/endpoints.h"
 
@@ -242,7 +243,10 @@ OptionalError TrackRipJob::saveAs(const QString &target) const
     }
     QFile::remove(target);
     if (!QFile::copy(m_flacPath, target)) {
-        return failure(QStringLiteral("%1 could not be written.").arg(target));
+        QFile::remove(target); // no torn copy
+        return failure(Paths::isDiskFull(target)
+                           ? QStringLiteral("%1 could not be written: the disk is full.").arg(target)
+                           : QStringLiteral("%1 could not be written.").arg(target));
     }
     return std::nullopt;
 }

@@ -12,6 +12,7 @@
 #include <QMutex>
 #include <QMutexLocker>
 #include <QPointer>
+#include <QStringDecoder>
 #include <QThreadPool>
 
 #include <musicbrainz5/Artist.h>
@@ -192,6 +193,33 @@ std::optional<QString> cdTextGenre(cdtext_t *cdtext)
     return PLCAudioCDProcessor::stringWithUTF8String(cdtext_genre2str(code));
 }
 
+// libcdio reads a cue sheet's text as ISO-8859-1 and hands it on as UTF-8,
+// so a cue sheet written in UTF-8 (as most are now) comes out double-encoded:
+// "Café" as "CafÃ©". When every character fits one byte and those bytes are
+// valid UTF-8 with something beyond ASCII, they were UTF-8 all along.
+std::optional<QString> cueSheetText(const std::optional<QString> &text)
+{
+    if (!text) {
+        return text;
+    }
+    QByteArray bytes;
+    bytes.reserve(text->size());
+    bool beyondAscii = false;
+    for (const QChar c : *text) {
+        if (c.unicode() > 0xff) {
+            return text;
+        }
+        beyondAscii = beyondAscii || c.unicode() > 0x7f;
+        bytes.append(char(c.unicode()));
+    }
+    if (!beyondAscii) {
+        return text;
+    }
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString decoded = decoder.decode(bytes);
+    return decoder.hasError() ? text : decoded;
+}
+
 DiscReading readDisc(const QString &volumePath)
 {
     DiscReading reading;
@@ -221,10 +249,13 @@ DiscReading readDisc(const QString &volumePath)
         if (!cdtext || first == CDIO_INVALID_TRACK || last == CDIO_INVALID_TRACK) {
             return;
         }
-        const auto field = [cdtext](cdtext_field_t key, int track) {
-            return PLCAudioCDProcessor::stringWithUTF8String(cdtext_get_const(cdtext, key, track_t(track)));
+        const bool cueSheet = session->isImage();
+        const auto field = [cdtext, cueSheet](cdtext_field_t key, int track) {
+            const std::optional<QString> text =
+                PLCAudioCDProcessor::stringWithUTF8String(cdtext_get_const(cdtext, key, track_t(track)));
+            return cueSheet ? cueSheetText(text) : text;
         };
-        const std::optional<QString> genre = cdTextGenre(cdtext);
+        const std::optional<QString> genre = cueSheet ? cueSheetText(cdTextGenre(cdtext)) : cdTextGenre(cdtext);
         // CD-TEXT numbers its blocks as the disc numbers its tracks.
         for (int number = first; number <= last; ++number) {
             PLCID3Tag tag;

@@ -74,7 +74,11 @@ void Logger::showAlert(const QString &message, const QString &button)
 {
     if (m_alertHandler) {
         m_alertHandler(message, button);
-    } else {
+    } else if (!m_alertsShown.contains(message)) {
+        // Without a window the alert is a line on standard error, and a
+        // folder that cannot be made would otherwise repeat it on every line
+        // logged.
+        m_alertsShown.insert(message);
         std::fprintf(stderr, "%s [%s]\n", qPrintable(message), qPrintable(button));
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QRecursiveMutex>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
@@ -62,6 +63,7 @@ private:
     int m_writeHandle = -1;
     std::atomic<qint64> m_position{0};
     AlertHandler m_alertHandler;
+    QSet<QString> m_alertsShown; // the alerts written to standard error
     QStringList m_secrets;
     std::atomic<bool> m_echo{true};
 };

@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QStorageInfo>
 
 #include <unistd.h>
 
@@ -64,6 +65,47 @@ void removeTemporaryLeftovers()
             QFile::remove(entry.filePath());
         }
     }
+}
+
+QString safeFileName(QString name, int maxBytes)
+{
+    static const QString kRefused = QStringLiteral("/\\:*?\"<>|");
+    for (QChar &c : name) {
+        if (kRefused.contains(c) || c.unicode() < 0x20) {
+            c = u'_';
+        }
+    }
+    name = name.trimmed();
+    if (name.startsWith(u'.')) {
+        name.replace(0, 1, u'_');
+    }
+    qsizetype bytes = 0;
+    qsizetype end = 0;
+    while (end < name.size()) {
+        // A surrogate pair is one character of four bytes.
+        const bool pair = name.at(end).isHighSurrogate() && end + 1 < name.size();
+        const char32_t code = pair ? QChar::surrogateToUcs4(name.at(end), name.at(end + 1)) : name.at(end).unicode();
+        const int width = code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
+        if (bytes + width > maxBytes) {
+            break;
+        }
+        bytes += width;
+        end += pair ? 2 : 1;
+    }
+    name.truncate(end);
+    return name.trimmed();
+}
+
+bool isDiskFull(const QString &path)
+{
+    // A write that needs one more block fails with a few bytes still free.
+    constexpr qint64 kFullBelow = 256 * 1024;
+    QFileInfo place(path);
+    while (!place.exists() && !place.isRoot() && place.absolutePath() != place.absoluteFilePath()) {
+        place = QFileInfo(place.absolutePath());
+    }
+    const QStorageInfo storage(place.absoluteFilePath());
+    return storage.isValid() && storage.bytesAvailable() >= 0 && storage.bytesAvailable() < kFullBelow;
 }
 
 } // namespace Paths

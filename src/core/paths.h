@@ -25,4 +25,15 @@ QString temporaryPath(const QString &name);
 // for good.
 void removeTemporaryLeftovers();
 
+// `name` as one file name: folder separators, control characters and the
+// characters other systems refuse become "_", a leading dot too, and it is
+// cut on a character boundary to at most `maxBytes` bytes of UTF-8 (file
+// systems count bytes, and 255 of them is the usual limit).
+QString safeFileName(QString name, int maxBytes);
+
+// After a write under `path` failed: whether the file system holding it (or
+// its nearest existing folder) has no room left, so the user can be told
+// "the disk is full" rather than a library's state name.
+bool isDiskFull(const QString &path);
+
 } // namespace Paths

@@ -41,6 +41,7 @@ void DownloadLibraryController::windowDidLoad()
     setModal(false);
 
     connect(m_ui->cancelButton, &QPushButton::clicked, this, &DownloadLibraryController::OnCancel);
+    connect(m_ui->closeButton, &QPushButton::clicked, this, &DownloadLibraryController::closeWindow);
     connect(m_ui->errorInfoButton, &QToolButton::clicked, this, &DownloadLibraryController::OnErrorInfo);
     connect(m_model.get(), &DownloadLibraryModel::viewStateChanged, this, &DownloadLibraryController::updateView);
     connect(m_model.get(), &DownloadLibraryModel::openFolderRequested, this, [this](const QUrl &folder) {
@@ -73,6 +74,9 @@ void DownloadLibraryController::updateView()
     m_ui->cancelButton->setEnabled(view.cancelEnabled);
     // Return presses the button once it reads "Open Folder".
     m_ui->cancelButton->setDefault(view.cancelIsDefault);
+    // Once the library is in place "Open Folder" opens it; leaving without
+    // opening anything needs a button of its own.
+    m_ui->closeButton->setVisible(m_model->isComplete());
     // The error line stays only until a segment arrives after it: the retry
     // worked, and the download goes on normally.
     if (m_model->downloadErrorCount() != m_errorCountShown) {
@@ -99,15 +103,24 @@ int DownloadLibraryController::showAlert(const QString &title, const QString &te
 
 void DownloadLibraryController::reject()
 {
-    OnCancel();
+    if (m_model->isComplete()) {
+        closeWindow(); // not "Open Folder"
+    } else {
+        OnCancel();
+    }
 }
 
 void DownloadLibraryController::closeEvent(QCloseEvent *event)
 {
     if (!m_closing) {
-        // Closing by the window manager asks like Cancel does.
+        // Closing by the window manager asks like Cancel does, and once the
+        // download is done it just closes.
         m_inCloseEvent = true;
-        OnCancel();
+        if (m_model->isComplete()) {
+            closeWindow();
+        } else {
+            OnCancel();
+        }
         m_inCloseEvent = false;
     }
     if (!m_closing) {

@@ -14,7 +14,8 @@ class DownloadLibraryController;
 
 // The library download window: shows a DownloadLibraryModel, answers its
 // questions with modal alerts, and closes itself when the download is
-// aborted or done. The title bar has no buttons; Cancel is the way out.
+// aborted or done. The title bar has no buttons; Cancel (or Close once the
+// library is in place) is the way out.
 // The run stops when the controller is destroyed, which is the business of
 // whoever owns it (typically from its willClose handler).
 class DownloadLibraryController : public QDialog, public DownloadLibraryPrompter
@@ -43,7 +44,8 @@ public:
                   Appearance appearance) override;
 
 public slots:
-    void reject() override; // Escape: the same as Cancel
+    // Escape: the same as Cancel while the download runs; closes once it is done.
+    void reject() override;
 
 protected:
     void closeEvent(QCloseEvent *event) override;
