@@ -4,7 +4,10 @@
 include(GNUInstallDirs)
 
 set(PELICANE_APP_ID com.lyrabox.pelicane)
-install(TARGETS pelicane pelicane-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(PELICANE_GUI)
+  install(TARGETS pelicane RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+install(TARGETS pelicane-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/${PELICANE_APP_ID}.svg
         DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/${PELICANE_APP_ID}.png

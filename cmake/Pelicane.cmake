@@ -1,7 +1,9 @@
 # Settings shared by every target of the project.
 add_library(pelicane_common INTERFACE)
 target_compile_features(pelicane_common INTERFACE cxx_std_20)
-target_compile_options(pelicane_common INTERFACE -Wall -Wextra)
+# The project's own code only: third-party headers come in as system headers.
+target_compile_options(pelicane_common INTERFACE
+  -Wall -Wextra -Wshadow -Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wpedantic)
 target_compile_definitions(pelicane_common INTERFACE
   QT_NO_CONTEXTLESS_CONNECT QT_NO_CAST_FROM_BYTEARRAY QT_USE_QSTRINGBUILDER)
 target_include_directories(pelicane_common INTERFACE
@@ -30,11 +32,12 @@ set(CMAKE_AUTOMOC ON)
 set(CMAKE_AUTOUIC ON)
 set(CMAKE_AUTORCC ON)
 
-# pelicane_add_library(<target> SOURCES ... LIBS ...)
+# pelicane_add_library(<target> SOURCES ... PUBLIC ... PRIVATE ...)
+# PUBLIC: what the target's headers include; PRIVATE: what only its sources use.
 function(pelicane_add_library target)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
   add_library(${target} STATIC ${ARG_SOURCES})
-  target_link_libraries(${target} PUBLIC pelicane_common ${ARG_LIBS})
+  target_link_libraries(${target} PUBLIC pelicane_common ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
   set_target_properties(${target} PROPERTIES AUTOMOC ON AUTOUIC ON)
 endfunction()
 

@@ -14,7 +14,7 @@ QString typeName(const std::exception &exception)
     const char *mangled = typeid(exception).name();
     int status = 0;
     char *readable = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
-    const QString name = QString::fromUtf8(status == 0 && readable ? readable : mangled);
+    QString name = QString::fromUtf8(status == 0 && readable ? readable : mangled);
     std::free(readable);
     return name;
 }

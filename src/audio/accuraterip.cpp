@@ -150,7 +150,7 @@ bool parseEntries(const QByteArray &data, const DiscIds &ids, std::vector<Entry>
         }
         Entry entry;
         for (int track = 0; track < ids.audioTracks; ++track) {
-            const uint8_t *record = header + kHeaderBytes + track * kTrackBytes;
+            const uint8_t *record = header + kHeaderBytes + std::ptrdiff_t(track) * kTrackBytes;
             entry.tracks.push_back({record[0], readWord(record + 1), readWord(record + 5)});
         }
         entries->push_back(std::move(entry));

@@ -393,7 +393,7 @@ void ripAccurateRipChecksums(const uint8_t *audio, uint64_t stereoSamples, bool 
     // Positions m are 1-based. The first track skips its first 2939 samples;
     // the last skips its final 2940, unless it is also the first (a one-track
     // disc sums its end in full).
-    const int64_t n = int64_t(stereoSamples);
+    const auto n = int64_t(stereoSamples);
     const int64_t first = isFirstTrack ? kAccurateRipSkip : 1;
     const int64_t last = (isLastTrack && !isFirstTrack) ? n - kAccurateRipSkip : n;
     uint32_t sum1 = 0;

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-typedef struct cdrom_drive_s cdrom_drive_t;
-typedef struct cdrom_paranoia_s cdrom_paranoia_t;
+using cdrom_drive_t = struct cdrom_drive_s;
+using cdrom_paranoia_t = struct cdrom_paranoia_s;
 
 // What the caller asks of a rip. The engine reads disableParanoia,
 // readRetries, offsetSamples and offsetSectors; the other fields are carried

@@ -599,19 +599,20 @@ void PLCAudioCDProcessor::compileDiscMetadataInBackground(const QString &volumeP
                                                           std::function<void(const DiscMetadata &)> completion)
 {
     QPointer<QObject> receiver(context);
-    QThreadPool::globalInstance()->start([=] {
-        const ProgressCallback forward = [receiver, progressCallback](int stage) {
-            if (receiver && progressCallback) {
+    QThreadPool::globalInstance()->start(
+        [=, progressCallback = std::move(progressCallback), completion = std::move(completion)] {
+            const ProgressCallback forward = [receiver, progressCallback](int stage) {
+                if (receiver && progressCallback) {
+                    QMetaObject::invokeMethod(
+                        receiver, [progressCallback, stage] { progressCallback(stage); }, Qt::QueuedConnection);
+                }
+            };
+            const DiscMetadata metadata = compileDiscMetadata(volumePath, trackPaths, options, forward);
+            if (receiver && completion) {
                 QMetaObject::invokeMethod(
-                    receiver, [progressCallback, stage] { progressCallback(stage); }, Qt::QueuedConnection);
+                    receiver, [completion, metadata] { completion(metadata); }, Qt::QueuedConnection);
             }
-        };
-        const DiscMetadata metadata = compileDiscMetadata(volumePath, trackPaths, options, forward);
-        if (receiver && completion) {
-            QMetaObject::invokeMethod(
-                receiver, [completion, metadata] { completion(metadata); }, Qt::QueuedConnection);
-        }
-    });
+        });
 }
 
 std::optional<ID3TagDictionary> PLCAudioCDProcessor::ID3TagsForPath(const QString &volumePath,

@@ -43,7 +43,7 @@ std::optional<QByteArray> ID3Writer::write(const PLCID3Tag &tag, const QByteArra
     // Only PNG and JPEG covers are embedded; any other cover is left out.
     std::optional<QString> pictureMimeType;
     if (tag.artwork()) {
-        const std::optional<QString> format = tag.artworkFormat();
+        const std::optional<QString> &format = tag.artworkFormat();
         if (format == QLatin1String("image/png") || format == QLatin1String("image/jpeg")) {
             pictureMimeType = format;
         } else {

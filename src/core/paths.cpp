@@ -99,7 +99,7 @@ QString safeFileName(QString name, int maxBytes)
 bool isDiskFull(const QString &path)
 {
     // A write that needs one more block fails with a few bytes still free.
-    constexpr qint64 kFullBelow = 256 * 1024;
+    constexpr qint64 kFullBelow = qint64(256) * 1024;
     QFileInfo place(path);
     while (!place.exists() && !place.isRoot() && place.absolutePath() != place.absoluteFilePath()) {
         place = QFileInfo(place.absolutePath());

@@ -92,7 +92,7 @@ QString TransferMeter::formatBytes(qint64 bytes)
         return bytes == 1 ? QStringLiteral("1 byte") : QStringLiteral("%1 bytes").arg(bytes);
     }
     static const char *const units[] = {"KB", "MB", "GB", "TB"};
-    double value = double(bytes);
+    auto value = double(bytes);
     int unit = -1;
     while (value >= 1000 && unit < 3) {
         value /= 1000;

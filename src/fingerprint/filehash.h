@@ -38,5 +38,5 @@ public:
     static std::optional<QString> sha512HashOfFileAtPath(const QString &path);
 
     // Bytes read from the file at a time.
-    static constexpr std::size_t kReadChunkSize = 64 * 1024;
+    static constexpr std::size_t kReadChunkSize = std::size_t(64) * 1024;
 };

@@ -62,9 +62,9 @@ public:
         if (m_memory != nullptr || ::sigaltstack(nullptr, &current) != 0 || !(current.ss_flags & SS_DISABLE)) {
             return; // already set up, here or by someone else
         }
-        const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+        const auto page = size_t(::sysconf(_SC_PAGESIZE));
         const long minimum = ::sysconf(_SC_MINSIGSTKSZ);
-        size_t usable = 64 * 1024;
+        size_t usable = size_t(64) * 1024;
         if (minimum > 0 && size_t(minimum) * 4 > usable) {
             usable = (size_t(minimum) * 4 + page - 1) / page * page;
         }
@@ -145,7 +145,8 @@ char *appendNumber(char *out, long long value, int width = 1)
     char digits[24];
     int n = 0;
     const bool negative = value < 0;
-    unsigned long long v = negative ? 0ULL - (unsigned long long)value : (unsigned long long)value;
+    unsigned long long v =
+        negative ? 0ULL - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value);
     do {
         digits[n++] = char('0' + v % 10);
         v /= 10;
@@ -328,7 +329,7 @@ bool claimReport(pid_t self)
     if (reporting != self) {
         struct timespec tick
         {
-            0, 10 * 1000 * 1000
+            0, 10L * 1000 * 1000
         };
         for (int i = 0; i < 1000; ++i) {
             ::nanosleep(&tick, nullptr);
@@ -410,7 +411,7 @@ extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attribute
                               void *argument) noexcept
 {
     using Create = int (*)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-    static const Create create = reinterpret_cast<Create>(::dlsym(RTLD_NEXT, "pthread_create"));
+    static const auto create = reinterpret_cast<Create>(::dlsym(RTLD_NEXT, "pthread_create"));
     if (create == nullptr) {
         return EAGAIN;
     }

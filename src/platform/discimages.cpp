@@ -229,7 +229,7 @@ QString DiscImages::openablePath(const QString &path, const QString &temporaryFo
         folder.contains('\n')) {
         return QString();
     }
-    const QString copyPath = QDir(temporaryFolder).absoluteFilePath(QFileInfo(path).fileName());
+    QString copyPath = QDir(temporaryFolder).absoluteFilePath(QFileInfo(path).fileName());
     QSaveFile copy(copyPath);
     if (!QDir().mkpath(temporaryFolder) || !copy.open(QIODevice::WriteOnly) || copy.write(lines.join('\n')) < 0 ||
         !copy.commit()) {

@@ -9,6 +9,7 @@
 #include <QWaitCondition>
 
 #include <algorithm>
+#include <ranges>
 
 // ---------------------------------------------------------------------------
 // Operation
@@ -272,8 +273,8 @@ void OperationQueue::cancelAllOperations()
     // first: a running one that finishes on cancel starts the next waiting
     // one, which must already be marked cancelled by then.
     const QList<OperationPtr> all = operations();
-    for (auto it = all.crbegin(); it != all.crend(); ++it) {
-        (*it)->cancel();
+    for (const OperationPtr &operation : std::views::reverse(all)) {
+        operation->cancel();
     }
 }
 

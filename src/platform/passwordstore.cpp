@@ -39,7 +39,7 @@ public:
 
     static Store &shared()
     {
-        static Store *store = new Store;
+        static auto *store = new Store;
         return *store;
     }
 
@@ -49,7 +49,7 @@ public:
     {
         if (m_location == Location::Undecided && !m_probeQueued) {
             m_probeQueued = true;
-            m_tasks.push_back([this](Done done) { probe(std::move(done)); });
+            m_tasks.emplace_back([this](Done done) { probe(std::move(done)); });
         }
         m_tasks.push_back(std::move(task));
         // Always from the event loop, never inside the caller.
@@ -105,7 +105,7 @@ private:
         }
         auto names = std::make_shared<QSet<QString>>();
         auto pending = std::make_shared<int>(2);
-        auto collect = [this, names, pending, done](QDBusPendingCallWatcher *watcher) {
+        auto collect = [this, names, pending, done = std::move(done)](QDBusPendingCallWatcher *watcher) {
             const QDBusPendingReply<QStringList> reply = *watcher;
             watcher->deleteLater();
             if (!reply.isError()) {
@@ -199,7 +199,7 @@ void writeToKeyring(const QString &password, std::function<void(const OptionalEr
 {
     startJob<QKeychain::WritePasswordJob>(
         [password](QKeychain::WritePasswordJob *job) { job->setTextData(password); },
-        [password, finished](QKeychain::WritePasswordJob *job) {
+        [password, finished = std::move(finished)](QKeychain::WritePasswordJob *job) {
             Store &store = Store::shared();
             if (job->error() == QKeychain::NoBackendAvailable) {
                 store.keyringUnusable(job->errorString());
@@ -230,7 +230,7 @@ Location location()
 void read(QObject *context, ReadHandler handler)
 {
     Store &store = Store::shared();
-    store.enqueue([context = replyTo(context), handler, &store](Store::Done done) {
+    store.enqueue([context = replyTo(context), handler = std::move(handler), &store](const Store::Done &done) {
         const std::optional<QString> fromFile = settingsFilePassword();
         if (store.location() == Location::SettingsFile) {
             answer(context, handler, fromFile, OptionalError());
@@ -251,8 +251,7 @@ void read(QObject *context, ReadHandler handler)
             });
             return;
         }
-        startJob<QKeychain::ReadPasswordJob>({}, [context, handler, done](QKeychain::ReadPasswordJob *job) {
-            Store &store = Store::shared();
+        startJob<QKeychain::ReadPasswordJob>({}, [context, handler, done, &store](QKeychain::ReadPasswordJob *job) {
             switch (job->error()) {
             case QKeychain::NoError:
                 store.keyringAnswered();
@@ -282,18 +281,19 @@ void read(QObject *context, ReadHandler handler)
 void write(const QString &password, QObject *context, DoneHandler handler)
 {
     Store &store = Store::shared();
-    store.enqueue([password, context = replyTo(context), handler, &store](Store::Done done) {
-        if (store.location() == Location::SettingsFile) {
-            Settings::setValue(kSettingsPassword, password);
-            answer(context, handler, OptionalError());
-            done();
-            return;
-        }
-        writeToKeyring(password, [context, handler, done](const OptionalError &error) {
-            answer(context, handler, error);
-            done();
+    store.enqueue(
+        [password, context = replyTo(context), handler = std::move(handler), &store](const Store::Done &done) {
+            if (store.location() == Location::SettingsFile) {
+                Settings::setValue(kSettingsPassword, password);
+                answer(context, handler, OptionalError());
+                done();
+                return;
+            }
+            writeToKeyring(password, [context, handler, done](const OptionalError &error) {
+                answer(context, handler, error);
+                done();
+            });
         });
-    });
 }
 
 void remove(QObject *context, DoneHandler handler)
@@ -302,7 +302,7 @@ void remove(QObject *context, DoneHandler handler)
         Settings::remove(kSettingsPassword);
     }
     Store &store = Store::shared();
-    store.enqueue([context = replyTo(context), handler, &store](Store::Done done) {
+    store.enqueue([context = replyTo(context), handler = std::move(handler), &store](const Store::Done &done) {
         // A password written while this waited its turn is gone too.
         if (Settings::contains(kSettingsPassword)) {
             Settings::remove(kSettingsPassword);
@@ -312,8 +312,7 @@ void remove(QObject *context, DoneHandler handler)
             done();
             return;
         }
-        startJob<QKeychain::DeletePasswordJob>({}, [context, handler, done](QKeychain::DeletePasswordJob *job) {
-            Store &store = Store::shared();
+        startJob<QKeychain::DeletePasswordJob>({}, [context, handler, done, &store](QKeychain::DeletePasswordJob *job) {
             OptionalError error;
             switch (job->error()) {
             case QKeychain::NoError:

@@ -54,7 +54,7 @@ void ProgressIndicator::paintEvent(QPaintEvent *)
         QColor spoke = m_color;
         // The spoke at the current step is brightest; the others fade behind it.
         const int age = (m_step - i + kSpokes) % kSpokes;
-        spoke.setAlphaF(qMax(0.15, 1.0 - age / double(kSpokes)));
+        spoke.setAlphaF(qMax(0.15f, 1.0f - float(age) / kSpokes));
         painter.setPen(QPen(spoke, thickness, Qt::SolidLine, Qt::RoundCap));
         painter.save();
         painter.rotate(360.0 * i / kSpokes);

@@ -57,9 +57,9 @@ public:
         albumDone = std::move(done);
     }
     void refillAlbumPrompt(const AlbumPromptInput &input) override { refills << input; }
-    void setAlbumPromptBusy(bool busy, const QString &message) override
+    void setAlbumPromptBusy(bool isBusy, const QString &message) override
     {
-        this->busy = busy;
+        busy = isBusy;
         status = message;
     }
     void selectAlbumPromptRelease(const QString &releaseId) override { selected = releaseId; }

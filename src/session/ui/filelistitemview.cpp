@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
+#include <ranges>
 #include <utility>
 
 FileListItemView::FileListItemView(QWidget *parent)
@@ -149,8 +150,8 @@ void FoundFilesTableModel::reloadData()
     beginResetModel();
     // The shortest runs first, so that each file is moved about twice.
     std::vector<Row> rows;
-    for (auto run = m_addedRuns.rbegin(); run != m_addedRuns.rend(); ++run) {
-        rows = mergedRows(std::move(*run), std::move(rows));
+    for (auto &run : std::views::reverse(m_addedRuns)) {
+        rows = mergedRows(std::move(run), std::move(rows));
     }
     m_addedRuns.clear();
     rows = mergedRows(std::move(m_rows), std::move(rows));
@@ -229,8 +230,8 @@ void FoundFilesTableModel::removePaths(const QStringList &paths, const QList<int
     constexpr std::size_t kMostRunsTold = 16;
     if (runs.size() <= kMostRunsTold) {
         // The last run first, so the earlier runs keep their rows.
-        for (auto run = runs.crbegin(); run != runs.crend(); ++run) {
-            removeRowRun(run->first, run->second);
+        for (const auto &[first, last] : std::views::reverse(runs)) {
+            removeRowRun(first, last);
         }
         noteFoundChanges(qsizetype(rows.size()));
         return;

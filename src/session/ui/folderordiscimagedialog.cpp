@@ -27,7 +27,8 @@ void FolderOrDiscImageDialog::accept()
     // A folder chooser refuses files; a disc image is let through.
     const QStringList files = selectedFiles();
     if (files.size() == 1 && DiscImages::isDiscImageFile(files.first())) {
-        QDialog::accept();
+        // Past QFileDialog::accept(), which would refuse the file.
+        QDialog::accept(); // NOLINT(bugprone-parent-virtual-call)
         return;
     }
     QFileDialog::accept();
