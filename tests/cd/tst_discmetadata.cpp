@@ -11,6 +11,7 @@
 #include "support/logtesting.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QThread>
@@ -219,6 +220,11 @@ private slots:
             << withData({600, 300, 450}, 1, 0) << QList<Release>{} << -1 << QStringList{"1: Track 3|-|-|-|-|-|3/-|-|-"};
         QTest::newRow("Enhanced CD") << withData({600, 450, 300}, 2, 11400) << QList<Release>{} << -1
                                      << QStringList{"1: Track 2|-|-|-|-|-|2/-|-|-"};
+        // A cue sheet in UTF-8, which libcdio alone reads as Latin-1.
+        QTest::newRow("UTF-8 sheet") << cdText({300, 300}, "Café Disc", "Björk", {"Ça va", "音楽"}) << QList<Release>{}
+                                     << -1
+                                     << QStringList{"0: Ça va|Björk|Café Disc|Björk|-|-|1/2|-|-",
+                                                    "1: 音楽|Björk|Café Disc|Björk|-|-|2/2|-|-"};
         QTest::newRow("six paths of eight tracks")
             << cdText(QList<int>(8, 200))
             << QList<Release>{DiscServicesData::release(
@@ -273,6 +279,29 @@ private slots:
         // Only the tracks asked for are looked at.
         QVERIFY(paths < 0 || log.text().contains(QStringLiteral(" - Found track: %1\n").arg(paths)));
         QVERIFY(paths < 0 || !log.text().contains(QStringLiteral(" - Found track: %1\n").arg(paths + 1)));
+    }
+
+    // libcdio reads a sheet's audio from <sheet>.bin only; a sheet whose one
+    // FILE names another file is read all the same, CD-TEXT and all.
+    void sheetNamingAnotherAudioFile()
+    {
+        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("named"),
+                                                  cdText({300, 300}, "Named", "Band", {"One", "Two"}));
+        QVERIFY(image.isValid());
+        QVERIFY(QFile::rename(image.binPath(), m_dir.filePath(QStringLiteral("Named (Disc 1).bin"))));
+        QFile cue(image.cuePath());
+        QVERIFY(cue.open(QIODevice::ReadOnly));
+        const QByteArray text = cue.readAll().replace("named.bin", "Named (Disc 1).bin");
+        cue.close();
+        QVERIFY(cue.open(QIODevice::WriteOnly | QIODevice::Truncate) && cue.write(text) == text.size());
+        cue.close();
+        QVERIFY(DiscImages::insert(image.cuePath()));
+        const QString volume = DiscImages::normalizedPath(image.cuePath());
+        const auto tracks = PLCVolumeType::contentsOfDiskAtURL(QUrl::fromLocalFile(volume));
+        QVERIFY(tracks && tracks->size() == 2);
+        const DiscMetadata metadata =
+            PLCAudioCDProcessor::compileDiscMetadata(volume, {tracks->at(0).path, tracks->at(1).path}, {});
+        QCOMPARE(metadata.tags->value(tracks->at(1).path).title(), std::optional<QString>(QStringLiteral("Two")));
     }
 
     // A silent, dead or ignorant MusicBrainz costs at most the bound; its
