@@ -13,12 +13,15 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <unistd.h>
 
 namespace {
 
@@ -264,6 +267,40 @@ private slots:
         QVERIFY2(unchecked.standardOutput.contains(
                      QStringLiteral("Track 02: ripped, not checked: the database could not be reached")),
                  qPrintable(unchecked.standardOutput));
+    }
+
+    // Names are cut by bytes, not characters; a full output folder is said to
+    // be full and keeps no torn file.
+    void longNamesAndAFullDisk()
+    {
+        DiscImage::Options options = DiscImage::audioOptions({200});
+        options.title = QString(150, u'é');
+        options.tracks[0].title = QString(150, u'é');
+        const DiscImage image = DiscImage::create(m_dir.path(), QStringLiteral("long"), options);
+        QVERIFY(image.isValid());
+        const QString out = m_dir.filePath(QStringLiteral("out-long"));
+        const ProgramRun run = rip({image.cuePath(), QStringLiteral("--out"), out});
+        QCOMPARE(run.exitCode, 0);
+        const QStringList files = QDir(out).entryList(QDir::Files);
+        QCOMPARE(files.size(), 1);
+        QVERIFY(files[0].toUtf8().size() <= 255 && files[0].startsWith(QStringLiteral("01 éé")));
+        QVERIFY(QFileInfo(ripLogOf(run)).fileName().toUtf8().size() <= 255);
+
+        if (::geteuid() != 0) {
+            QSKIP("needs root to mount a small tmpfs");
+        }
+        const QString full = m_dir.filePath(QStringLiteral("full"));
+        QVERIFY(QDir().mkpath(full));
+        QVERIFY(QProcess::execute(QStringLiteral("mount"),
+                                  {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"),
+                                   QStringLiteral("size=24k"), QStringLiteral("tmpfs"), full}) == 0);
+        const ProgramRun filled = rip({image.cuePath(), QStringLiteral("--out"), full});
+        const QStringList left = QDir(full).entryList(QDir::Files);
+        QProcess::execute(QStringLiteral("umount"), {full});
+        QCOMPARE(filled.exitCode, 1);
+        QVERIFY2(filled.standardOutput.contains(QStringLiteral("could not be written: the disk is full.")),
+                 qPrintable(filled.standardOutput));
+        QVERIFY(left.isEmpty());
     }
 
     // Every track of the sample disc arrives as a FLAC file of the image's
